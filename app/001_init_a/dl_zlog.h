@@ -25,15 +25,15 @@ inline constexpr size_t dl_zlog_text_size = 1024;  // bytes, with the NUL; longe
 
 // Writes one message of `kind`, a dl_zlog_kind, under the function name `func` when `level` admits it. A null
 // category drops the message after it was formatted. The level is unsigned: -1 in a level file enables everything.
-#define DL_ZLOG_WRITE(category, level, kind, func, ...)                                                         \
-  do {                                                                                                          \
-    if ((level) >= (kind).threshold) {                                                                          \
-      char dl_zlog_text[dl_zlog_text_size] = {};                                                                \
-      at_snprintf(dl_zlog_text, sizeof(dl_zlog_text), __VA_ARGS__);                                             \
-      if ((category) != nullptr)                                                                                \
-        vxdf_zlog((category), __FILE__, sizeof(__FILE__) - 1, (func), std::strlen(func), __LINE__,              \
-                  (kind).zlog_level, "%s", dl_zlog_text);                                                       \
-    }                                                                                                           \
+#define DL_ZLOG_WRITE(category, level, kind, func, ...)                                                               \
+  do {                                                                                                                \
+    if ((level) >= (kind).threshold) {                                                                                \
+      char dl_zlog_text[dl_zlog_text_size] = {};                                                                      \
+      at_snprintf(dl_zlog_text, sizeof(dl_zlog_text), __VA_ARGS__);                                                   \
+      if ((category) != nullptr)                                                                                      \
+        vxdf_zlog((category), __FILE__, sizeof(__FILE__) - 1, (func), std::strlen(func), __LINE__, (kind).zlog_level, \
+                  "%s", dl_zlog_text);                                                                                \
+    }                                                                                                                 \
   } while (false)
 
 // The start-up module's own channel, category "dl"; closed (null) until its first step has run.

@@ -70,15 +70,15 @@ struct dst_info {
 /* The mirror-target port of a session. */
 struct mtp_info {
   struct mirror_link link;
-  uint32_t session_id;           /* session number */
-  uint32_t d_phyid;              /* as in src_info */
-  uint8_t mtp_switch;            /* 0: the target stops learning, 1: it keeps learning */
-  uint32_t module_type;          /* wire value, 5: the target is a group */
-  uint32_t role;                 /* local value */
-  uint32_t mtp_type;             /* 0 local port, 1 behind an RSPAN VLAN, 2 behind an ERSPAN tunnel */
-  uint32_t rspan_vlan;           /* for mtp_type 1 */
-  struct mirror_ip_head ip_head; /* for mtp_type 2 */
-  uint32_t d_ifx;                /* daemon's own: interface index of the target, as received */
+  uint32_t session_id;              /* session number */
+  uint32_t d_phyid;                 /* as in src_info */
+  uint8_t mtp_switch;               /* 0: the target stops learning, 1: it keeps learning */
+  uint32_t module_type;             /* wire value, 5: the target is a group */
+  uint32_t role;                    /* local value */
+  uint32_t mtp_type;                /* 0 local port, 1 behind an RSPAN VLAN, 2 behind an ERSPAN tunnel */
+  uint32_t rspan_vlan;              /* for mtp_type 1 */
+  struct mirror_ip_head ip_head;    /* for mtp_type 2 */
+  uint32_t d_ifx;                   /* daemon's own: interface index of the target, as received */
   struct outgrb_group_info *groups; /* daemon's own: first of the groups whose mtp_info names this entry, or null */
 };
 

@@ -27,7 +27,7 @@ struct rdnd_mom_reg_info {
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-#define RDND_WORD(field, word)                                                             \
+#define RDND_WORD(field, word) \
   _Static_assert(offsetof(struct rdnd_mom_reg_info, field) == 4u * (word), "word of " #field)
 #ifdef __cplusplus
 #define _Static_assert static_assert

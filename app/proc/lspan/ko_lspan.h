@@ -6,8 +6,8 @@
 
 #include "001_init_a/dl_zlog.h"
 #include "mirror_list.h"
-#include "proc/ko_span_public.h"
 #include "p_policy.pb-c.h"
+#include "proc/ko_span_public.h"
 #include "u_monitor.pb-c.h"
 #include "vx_global.h"
 #include "vx_mom.h"

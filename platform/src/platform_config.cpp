@@ -1,0 +1,137 @@
+#include "platform_config.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+namespace ko_platform {
+namespace {
+
+using nlohmann::json;
+
+// Line and column, from 1, of byte `offset` (from 1) of `text`.
+std::string position_of(const std::string &text, size_t offset) {
+  const size_t end = std::min(offset == 0 ? 0 : offset - 1, text.size());
+  const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), '\n');
+  const size_t line_start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+  const size_t column = line_start == std::string::npos ? end + 1 : end - line_start;
+  return std::to_string(line) + ":" + std::to_string(column);
+}
+
+[[noreturn]] void fail(const std::string &where, const std::string &what) {
+  throw config_error(where + ": " + what);
+}
+
+// The members of an object, each of which `allowed` must name.
+void check_members(const json &object, const std::string &where, const std::set<std::string> &allowed) {
+  if (!object.is_object()) fail(where, "must be an object");
+  for (const auto &item : object.items())
+    if (!allowed.contains(item.key())) fail(where, "unknown member \"" + item.key() + "\"");
+}
+
+void read_text(const json &object, const char *name, const std::string &where, std::string &out) {
+  const auto found = object.find(name);
+  if (found == object.end()) return;
+  if (!found->is_string()) fail(where + "." + name, "must be a text");
+  out = found->get<std::string>();
+  if (out.find('\0') != std::string::npos) fail(where + "." + name, "must not hold a NUL character");
+}
+
+template <class Number>
+void read_number(const json &object, const char *name, const std::string &where, Number least, Number &out) {
+  const auto found = object.find(name);
+  if (found == object.end()) return;
+  constexpr uint64_t most = std::numeric_limits<Number>::max();
+  if (!found->is_number_unsigned() || found->get<uint64_t>() < least || found->get<uint64_t>() > most)
+    fail(where + "." + name, "must be a number from " + std::to_string(least) + " to " + std::to_string(most));
+  out = found->get<Number>();
+}
+
+void read_store(const json &store, const std::string &path, store_address &out) {
+  const std::string where = path + ": store";
+  check_members(store, where, {"socket", "host", "port", "user", "password"});
+  if (store.contains("socket") && store.contains("host")) fail(where, "name either \"socket\" or \"host\", not both");
+  if (store.contains("host")) out.socket.clear();
+  read_text(store, "socket", where, out.socket);
+  read_text(store, "host", where, out.host);
+  read_number<uint16_t>(store, "port", where, 1, out.port);
+  read_text(store, "user", where, out.user);
+  read_text(store, "password", where, out.password);
+  if (out.socket.empty() && out.host.empty()) fail(where, "names neither a socket nor a host");
+  if (!out.user.empty() && out.password.empty()) fail(where, "\"user\" needs \"password\"");
+}
+
+void read_ports(const json &ports, const std::string &path, config &out) {
+  const std::string where = path + ": ports";
+  if (!ports.is_object()) fail(where, "must be an object");
+  out.has_ports = true;
+  std::set<uint32_t> seen;
+  for (const auto &[name, value] : ports.items()) {
+    const std::string here = where + "." + name;
+    check_members(value, here, {"ifx", "phyid"});
+    if (!value.contains("ifx") || !value.contains("phyid")) fail(here, "needs \"ifx\" and \"phyid\"");
+    port entry{name, 0, 0};
+    read_number<uint32_t>(value, "ifx", here, 1, entry.ifx);
+    read_number<uint32_t>(value, "phyid", here, 0, entry.phyid);
+    if (!seen.insert(entry.ifx).second) fail(here, "ifx " + std::to_string(entry.ifx) + " has another name already");
+    out.ports.push_back(entry);
+  }
+}
+
+config parse_config(const std::string &text, const std::string &path) {
+  config out;
+  json root;
+  try {
+    root = json::parse(text);
+  } catch (const json::parse_error &error) {
+    fail(path + ":" + position_of(text, error.byte), "malformed JSON");
+  }
+  check_members(root, path, {"store", "ports", "log"});
+  if (root.contains("store")) read_store(root["store"], path, out.store);
+  if (root.contains("ports")) read_ports(root["ports"], path, out);
+  if (root.contains("log")) {
+    check_members(root["log"], path + ": log", {"file", "zlog_conf"});
+    read_text(root["log"], "file", path + ": log", out.log.file);
+    read_text(root["log"], "zlog_conf", path + ": log", out.log.zlog_conf);
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string to_string(const store_address &address) {
+  return address.socket.empty() ? address.host + ":" + std::to_string(address.port) : address.socket;
+}
+
+config load_config(const std::string &path) {
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    if (errno == ENOENT || errno == ENOTDIR) return {};
+    fail(path, std::strerror(errno));
+  }
+  std::ostringstream text;
+  text << file.rdbuf();
+  if (file.bad() || text.fail()) fail(path, "cannot be read");
+  return parse_config(text.str(), path);
+}
+
+const config &process_config() {
+  static const config settings = load_config(default_config_path);
+  return settings;
+}
+
+log_settings process_log_settings() noexcept {
+  try {
+    return process_config().log;
+  } catch (...) {
+    return {};
+  }
+}
+
+}  // namespace ko_platform

@@ -1,0 +1,102 @@
+#include "store/layout.h"
+
+#include <cstring>
+
+#include "attributes.h"
+
+namespace ko_store {
+namespace {
+
+constexpr size_t header_size = 5;  // kind and length of the key
+
+const void *member(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
+  return reinterpret_cast<const char *>(&message) + field.offset;
+}
+
+const ProtobufCFieldDescriptor *find_field(const ProtobufCMessageDescriptor &type, uint32_t attribute,
+                                           ProtobufCType of) {
+  for (unsigned i = 0; i < type.n_fields; ++i) {
+    const ProtobufCFieldDescriptor &field = type.fields[i];
+    if (field.type == of && schema_attribute(&type, &field) == attribute) return &field;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::string channel_name(uint32_t db, std::string_view message) {
+  return std::to_string(db).append(":").append(message);
+}
+
+void append_announcement(const announcement &what, std::string &out) {
+  const auto length = static_cast<uint32_t>(what.key.size());
+  out.push_back(static_cast<char>(what.kind));
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(length >> shift));
+  out.append(what.key).append(what.record);
+}
+
+std::optional<announcement> parse_announcement(std::string_view bytes) {
+  if (bytes.size() < header_size) return std::nullopt;
+  const auto kind = static_cast<change_kind>(bytes[0]);
+  if (kind != change_kind::set && kind != change_kind::del && kind != change_kind::publish) return std::nullopt;
+  uint32_t length = 0;
+  for (size_t i = 1; i < header_size; ++i) length = length << 8 | static_cast<uint8_t>(bytes[i]);
+  bytes.remove_prefix(header_size);
+  if (length > bytes.size()) return std::nullopt;
+  if (kind == change_kind::del && length != bytes.size()) return std::nullopt;
+  return announcement{kind, bytes.substr(0, length), bytes.substr(length)};
+}
+
+const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &message) {
+  return find_field(message, SCHEMA_ATTR_KEY, PROTOBUF_C_TYPE_MESSAGE);
+}
+
+const ProtobufCMessage *key_of(const ProtobufCMessage &message) {
+  const ProtobufCFieldDescriptor *field = key_field(*message.descriptor);
+  if (field == nullptr) return nullptr;
+  return *static_cast<const ProtobufCMessage *const *>(member(message, *field));
+}
+
+std::optional<std::string_view> owner_of(const ProtobufCMessage &key) {
+  const ProtobufCFieldDescriptor *field = find_field(*key.descriptor, SCHEMA_ATTR_OWNER, PROTOBUF_C_TYPE_STRING);
+  if (field == nullptr) return std::nullopt;
+  const char *text = *static_cast<const char *const *>(member(key, *field));
+  return text == nullptr ? std::string_view() : std::string_view(text);
+}
+
+void append_packed(const ProtobufCMessage &message, std::string &out) {
+  const size_t start = out.size();
+  out.resize(start + protobuf_c_message_get_packed_size(&message));
+  protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(out.data() + start));
+}
+
+message_ptr unpack(const ProtobufCMessageDescriptor &type, std::string_view bytes) {
+  return message_ptr(
+      protobuf_c_message_unpack(&type, nullptr, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
+}
+
+defect check_record(const ProtobufCMessage *decoded, std::string_view key) {
+  if (decoded == nullptr) return defect::undecodable;
+  const ProtobufCMessage *own_key = key_of(*decoded);
+  if (own_key == nullptr) return defect::no_key;
+  thread_local std::string packed;
+  packed.clear();
+  append_packed(*own_key, packed);
+  return packed == key ? defect::none : defect::foreign_key;
+}
+
+const char *to_string(defect why) {
+  switch (why) {
+    case defect::none:
+      return "sound";
+    case defect::undecodable:
+      return "it does not decode";
+    case defect::no_key:
+      return "it has no index";
+    case defect::foreign_key:
+      return "it stands under a key that is not its own";
+  }
+  return "unknown defect";
+}
+
+}  // namespace ko_store
