@@ -25,7 +25,8 @@ std::string name_of(const hash_id &hash) {
   return channel_name(hash.db, hash.type->name);
 }
 
-void assign(record_map &map, std::string_view key, std::string_view record) {
+template <class Map>
+void assign(Map &map, std::string_view key, std::string_view record) {
   const auto found = map.find(key);
   if (found == map.end())
     map.emplace(key, record);
@@ -78,12 +79,13 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
   inputs_.clear();
   outputs_.clear();
   for (uint32_t i = 0; i < n_inputs; ++i)
-    inputs_.push_back(std::make_unique<input_source>(input_source{hashes[i], {}, record_map(&pool_), {}}));
+    inputs_.push_back(
+        std::make_unique<input_source>(input_source{hashes[i], {}, record_map(&pool_), sorted_records(&pool_)}));
   for (uint32_t i = 0; i < n_outputs; ++i) {
     const ProtobufCMessage *key = key_of(*outputs[i].record);
     const auto owner = key == nullptr ? std::nullopt : owner_of(*key);
-    outputs_.push_back(std::make_unique<output_source>(
-        output_source{hashes[n_inputs + i], std::string(owner.value_or("")), record_map(&pool_), {}}));
+    outputs_.push_back(std::make_unique<output_source>(output_source{
+        hashes[n_inputs + i], std::string(owner.value_or("")), record_map(&pool_), sorted_records(&pool_)}));
   }
   own_records_ = false;
   all_read_told_ = false;
@@ -200,12 +202,11 @@ void registration::page(size_t hash, std::span<const stored_record> records, boo
   if (state_ != state::reading) return;
   guard("reading the store", [&] {
     if (hash < inputs_.size()) {
-      for (const stored_record &entry : records)
-        inputs_[hash]->stored.insert_or_assign(std::string(entry.key), entry.record);
+      for (const stored_record &entry : records) assign(inputs_[hash]->stored, entry.key, entry.record);
     } else {
       output_source &output = *outputs_[hash - inputs_.size()];
       for (const stored_record &entry : records)
-        if (is_own(output, entry.key)) output.stored.insert_or_assign(std::string(entry.key), entry.record);
+        if (is_own(output, entry.key)) assign(output.stored, entry.key, entry.record);
     }
     if (last && --scans_ == 0) read_done();
   });

@@ -47,7 +47,7 @@ struct text_hash {
 
 // Packed key to packed record. The memory of what is erased is used again.
 using record_map = std::pmr::unordered_map<std::pmr::string, std::pmr::string, text_hash, std::equal_to<>>;
-using sorted_records = std::map<std::string, std::string, std::less<>>;
+using sorted_records = std::pmr::map<std::pmr::string, std::pmr::string, std::less<>>;
 
 struct event_handler {
   vx_mom_event_cb call = nullptr;
