@@ -209,7 +209,7 @@ void redis_engine::check_up() {
   if (told_.empty())
     PLATFORM_INFO("connected to the store at %s", to_string(address_).c_str());
   else
-    PLATFORM_WARN("connected to the store at %s again", to_string(address_).c_str());
+    PLATFORM_WARN("connected to the store at %s", to_string(address_).c_str());
   told_.clear();
   user_->up();
 }
