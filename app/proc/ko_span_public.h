@@ -18,6 +18,9 @@ inline constexpr uint32_t UDP_DB = 8;   // derived mirror records, and the forwa
 // An outflow group stands where an interface index is wanted as its id XOR this tag. It is never translated.
 inline constexpr uint32_t ko_span_group_tag = 0xFD000000;
 
+// Owner of the forwarding side's result records.
+inline constexpr const char *ko_span_peer_name = "du_span";
+
 inline constexpr int32_t ko_span_no_memory = -2;
 inline constexpr int32_t ko_span_not_found = -7;
 
@@ -56,6 +59,9 @@ int32_t ko_span_trans_mirror_ifx_to_phyid(uint32_t s_ifx, uint32_t d_ifx, uint32
 // The member's physical ids, where a group target stands for itself. Returns 0 or the translation's code (logged under
 // the function name `caller`).
 int32_t ko_span_member_phyids(const span_info *info, const char *caller, uint32_t *s_phyid, uint32_t *d_phyid);
+
+// The physical id of the member's target alone, under the same rules (a failure is logged under the name `caller`).
+int32_t ko_span_target_phyid(const span_info *info, const char *caller, uint32_t *d_phyid);
 
 // Fill a key (its texts are borrowed from `info`). Return 0 or the translation's code with the key as it was.
 int32_t ko_span_fill_src_info_key(const span_info *info, UMonitor__SpanSrcInfoIndex *key);

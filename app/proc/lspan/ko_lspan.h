@@ -32,6 +32,10 @@ extern uint32_t lspan_zlog_level;
 #define LSPAN_INFO(...) LSPAN_LOG_AS(dl_zlog_info, __func__, __VA_ARGS__)
 #define LSPAN_DEBUG(...) LSPAN_LOG_AS(dl_zlog_debug, __func__, __VA_ARGS__)
 
+// Statuses of the handlers, beside those of the record writer.
+inline constexpr int32_t ko_lspan_missing = -2;  // record, index or session
+inline constexpr int32_t ko_lspan_refused = -4;  // more than a member holds
+
 // ---- start, ko_lspan_mom.cpp ----
 
 // Opens the store, creates the group tables and registers with the redundancy service. *run becomes 1 when the event
@@ -84,5 +88,12 @@ mtp_info *ko_lspan_mtp_info_search_by_groupid(uint32_t group_id);
 // Gives interface `ifx` its learning back (`on` not 0), or takes it away and has its dynamic MAC entries flushed (0).
 void ko_lspan_mtp_info_switch(uint32_t ifx, uint32_t on);
 
+// The same for a session's target: its port, or every member of its group in the order of the member list. Returns
+// false for a group that has no entry; then nothing was switched.
+bool ko_lspan_target_switch(const span_info *info, uint32_t on);
+
 // 1 when a session that does not target a group targets interface `ifx`, else 0.
 uint32_t ko_lspan_info_search_ifx(uint32_t ifx);
+
+// The first mirror-target entry of the session list that `test` accepts, together with `value`, or null.
+mtp_info *ko_lspan_find_mtp_info(bool (*test)(const mtp_info *target, uint32_t value), uint32_t value);

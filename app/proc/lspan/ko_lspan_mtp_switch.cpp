@@ -1,0 +1,76 @@
+// Learning on mirror targets. A port that carries copies must not learn the copied senders' addresses, so its learning
+// goes off and what it learned is flushed, unless the session says otherwise.
+#include "proc/ko_span_public.h"
+#include "proc/lspan/ko_list.h"
+#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan/outgrb_hash.h"
+#include "u_bridge.pb-c.h"
+
+namespace {
+
+constexpr uint32_t flush_port = 4;  // flag of a flush request: the dynamic entries of `ifx`
+
+bool targets_ifx(const mtp_info *target, uint32_t ifx) {
+  return target->module_type != U_MONITOR__MIRROR_MODULE__GROUP && target->d_ifx == ifx;
+}
+
+}  // namespace
+
+// Every call writes again: the daemon does not remember which ports it switched. Learning comes back by taking the
+// daemon's record away.
+void ko_lspan_mtp_info_switch(uint32_t ifx, uint32_t on) {
+  UBridge__UdpPtLearnIndex key;
+  UBridge__UdpPtLearn learning;
+  UBridge__UdpFlushdyn flush;
+  u_bridge__udp_pt_learn_index__init(&key);
+  u_bridge__udp_pt_learn__init(&learning);
+  u_bridge__udp_flushdyn__init(&flush);
+  key.t_app_name = const_cast<char *>(ko_lspan_app_name);
+  key.t_ifx = ifx;
+  learning.index = &key;
+  flush.ifx = ifx;
+  flush.flag = flush_port;
+  if (on != 0) {
+    const int32_t rv = vx_mom_del(lspan_global.global, FWD_DB, &learning.base, 0, 0);
+    LSPAN_DEBUG("pt_learn set to FWD_DB(fwd_learn):rv=%d, d_ifx=%d", rv, ifx);
+    return;
+  }
+  learning.learn = const_cast<char *>("unfwd_notlearn");
+  int32_t rv = vx_mom_set(lspan_global.global, FWD_DB, &learning.base, 0, 0);
+  LSPAN_DEBUG("pt_learn set to FWD_DB(unfwd_notlearn):rv=%d, d_ifx=%d", rv, ifx);
+  rv = vx_mom_publish(lspan_global.global, FWD_DB, &flush.base, 0, 0);
+  LSPAN_DEBUG("flushsdyn publish to FWD_DB:rv=%d, d_ifx=%d", rv, ifx);
+}
+
+bool ko_lspan_target_switch(const span_info *info, uint32_t on) {
+  if (!ko_span_targets_group(info)) {
+    ko_lspan_mtp_info_switch(info->d_ifx, on);
+    return true;
+  }
+  const uint32_t group_id = info->d_ifx ^ ko_span_group_tag;
+  outgrb_group_info *group = outgrb_group_hash_get(&group_id);
+  if (group == nullptr) return false;
+  for (mirror_link *at = group->mbr_list.next; at != &group->mbr_list; at = at->next)
+    ko_lspan_mtp_info_switch(ko_list_entry<outgrb_mbr_node>(at)->ifx, on);
+  return true;
+}
+
+uint32_t ko_lspan_info_search_ifx(uint32_t ifx) {
+  LSPAN_DEBUG("search lspan_mtp_info by ifx %d", ifx);
+  const mtp_info *target = ko_lspan_find_mtp_info(targets_ifx, ifx);
+  if (target == nullptr) return 0;
+  LSPAN_DEBUG("find lspan_mtp_info by ifx %d,mtp_info 's session :%d", ifx, target->session_id);
+  return 1;
+}
+
+mtp_info *ko_lspan_find_mtp_info(bool (*test)(const mtp_info *target, uint32_t value), uint32_t value) {
+  mirror_link *sessions = &lspan_global.session_list;
+  for (mirror_link *at = sessions->next; at != sessions; at = at->next) {
+    mirror_link *targets = &ko_list_entry<mirror_info>(at)->mtp_list;
+    for (mirror_link *in = targets->next; in != targets; in = in->next) {
+      auto *target = ko_list_entry<mtp_info>(in);
+      if (test(target, value)) return target;
+    }
+  }
+  return nullptr;
+}

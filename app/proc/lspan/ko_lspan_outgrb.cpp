@@ -1,0 +1,123 @@
+// Outflow-group membership events: an interface joins, changes or leaves its group. Where a session mirrors to the
+// group, the interface's learning follows the session's switch.
+#include <cstdlib>
+
+#include "proc/lspan/ko_list.h"
+#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan/outgrb_hash.h"
+
+namespace {
+
+outgrb_mbr_info *find_or_add_member(uint32_t ifx) {
+  outgrb_mbr_info *member = outgrb_mbr_hash_get(&ifx);
+  if (member != nullptr) return member;
+  const outgrb_mbr_info record = {ifx, 0};
+  return outgrb_mbr_hash_set(&member, &record);
+}
+
+outgrb_group_info *find_or_add_group(uint32_t group_id) {
+  outgrb_group_info *group = outgrb_group_hash_get(&group_id);
+  if (group != nullptr) return group;
+  outgrb_group_info record = {};
+  record.group_id = group_id;
+  return outgrb_group_hash_set(&group, &record);
+}
+
+// Whether or not a session mirrors to the old group: its learning is given back. The group stays, even when empty.
+void leave_group(const outgrb_mbr_info *member) {
+  outgrb_group_info *group = outgrb_group_hash_get(&member->group_id);
+  if (group == nullptr) return;
+  outgrb_mbr_list_remove(&group->mbr_list, member->ifx);
+  ko_lspan_mtp_info_switch(member->ifx, 1);
+}
+
+bool append_member(outgrb_group_info *group, uint32_t ifx) {
+  auto *node = static_cast<outgrb_mbr_node *>(calloc(1, sizeof(outgrb_mbr_node)));
+  if (node == nullptr) return false;
+  node->ifx = ifx;
+  ko_list_add_tail(&group->mbr_list, &node->link);
+  return true;
+}
+
+// A group keeps the target that it knew when no session is found.
+void find_target(outgrb_group_info *group, const char *caller) {
+  mtp_info *target = ko_lspan_mtp_info_search_by_groupid(group->group_id);
+  if (target == nullptr) return;
+  LSPAN_LOG_AS(dl_zlog_debug, caller,
+               "can find mtp_info by group_id:%d, mtp_info's session_id is :%d, show config mtp_switch: %d",
+               group->group_id, target->session_id, target->mtp_switch);
+  outgrb_group_set_mtp_info(group, target);
+}
+
+bool targets_group(const mtp_info *target, uint32_t group_id) {
+  return (target->d_phyid ^ ko_span_group_tag) == group_id && target->module_type == U_MONITOR__MIRROR_MODULE__GROUP;
+}
+
+}  // namespace
+
+int32_t ko_lspan_outgrb_handle(void *, uint32_t is_del, const void *message) {
+  const auto *lspan_outgrb_info = static_cast<const PPolicy__DataIntfConf *>(message);
+  if (lspan_outgrb_info == nullptr) {
+    LSPAN_ERROR("lspan_outgrb_info is NULL");
+    return ko_lspan_missing;
+  }
+  if (lspan_outgrb_info->index == nullptr) {
+    LSPAN_ERROR("lspan_outgrb_info index is NULL");
+    return ko_lspan_missing;
+  }
+  return is_del != 0 ? ko_lspan_outgrb_del(lspan_outgrb_info->index) : ko_lspan_outgrb_add(lspan_outgrb_info);
+}
+
+int32_t ko_lspan_outgrb_add(const PPolicy__DataIntfConf *lspan_outgrb_info) {
+  LSPAN_DEBUG("outgrb's mbr add start");
+  const uint32_t ifx = lspan_outgrb_info->index->index;
+  const uint32_t group_id = lspan_outgrb_info->group_id;
+  if (group_id == 0) return ko_lspan_outgrb_del(lspan_outgrb_info->index);
+  // 1. The interface, out of its old group.
+  outgrb_mbr_info *member = find_or_add_member(ifx);
+  if (member == nullptr) {
+    LSPAN_ERROR("no memery for alloc hash_table");
+    return ko_span_no_memory;
+  }
+  if (member->group_id != group_id) leave_group(member);
+  member->group_id = group_id;
+  // 2. Into its new one. A membership that is sent again stands there again.
+  outgrb_group_info *group = find_or_add_group(group_id);
+  if (group == nullptr) {
+    LSPAN_ERROR("no memery for alloc hash_table");
+    return ko_span_no_memory;
+  }
+  if (!append_member(group, ifx)) {
+    LSPAN_DEBUG("can't alloc memory for add outflow-group'mbr,ifx is %d, group_id is %d", ifx, group_id);
+    return ko_span_no_memory;
+  }
+  // 3. Learning, when a session mirrors to the group and none to the interface itself.
+  find_target(group, __func__);
+  if (group->mtp_info != nullptr && ko_lspan_info_search_ifx(ifx) == 0)
+    ko_lspan_mtp_info_switch(ifx, group->mtp_info->mtp_switch);
+  LSPAN_DEBUG("outgrb's mbr add end");
+  return 0;
+}
+
+int32_t ko_lspan_outgrb_del(const PIntf__Intfindex *index) {
+  LSPAN_DEBUG("del outflow-group's mbr start");
+  const uint32_t ifx = index->index;
+  outgrb_mbr_info *member = outgrb_mbr_hash_get(&ifx);
+  if (member == nullptr) return 0;
+  outgrb_group_info *group = outgrb_group_hash_get(&member->group_id);
+  if (group == nullptr) {
+    outgrb_mbr_hash_del(member);
+    return 0;
+  }
+  outgrb_mbr_list_remove(&group->mbr_list, ifx);
+  if (group->mtp_info != nullptr && ko_lspan_info_search_ifx(ifx) == 0) ko_lspan_mtp_info_switch(ifx, 1);
+  if (ko_list_empty(&group->mbr_list)) outgrb_group_hash_del(group);
+  outgrb_mbr_hash_del(member);
+  LSPAN_DEBUG("del outflow-group's mbr end");
+  return 0;
+}
+
+mtp_info *ko_lspan_mtp_info_search_by_groupid(uint32_t group_id) {
+  LSPAN_DEBUG("search lspan_mtp_info by group_id:%d ", group_id);
+  return ko_lspan_find_mtp_info(targets_group, group_id);
+}
