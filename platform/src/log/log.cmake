@@ -1,0 +1,17 @@
+# The logging wrappers behind the library that this machine has: zlog where it is installed, else spdlog.
+find_path(ZLOG_INCLUDE_DIR zlog.h)
+find_library(ZLOG_LIBRARY zlog)
+mark_as_advanced(ZLOG_INCLUDE_DIR ZLOG_LIBRARY)
+
+target_sources(ko_platform PRIVATE ${CMAKE_CURRENT_LIST_DIR}/at_snprintf.cpp)
+if(ZLOG_INCLUDE_DIR AND ZLOG_LIBRARY)
+  message(STATUS "Logging: zlog")
+  target_sources(ko_platform PRIVATE ${CMAKE_CURRENT_LIST_DIR}/zlog_backend.cpp)
+  target_include_directories(ko_platform SYSTEM PRIVATE ${ZLOG_INCLUDE_DIR})
+  target_link_libraries(ko_platform PRIVATE ${ZLOG_LIBRARY})
+else()
+  message(STATUS "Logging: spdlog")
+  find_package(spdlog REQUIRED)
+  target_sources(ko_platform PRIVATE ${CMAKE_CURRENT_LIST_DIR}/spdlog_backend.cpp ${CMAKE_CURRENT_LIST_DIR}/line.cpp)
+  target_link_libraries(ko_platform PRIVATE spdlog::spdlog)
+endif()

@@ -1,0 +1,124 @@
+// The logging wrappers on spdlog: every category writes to one sink, one line a record. Nothing that goes wrong here
+// may reach the daemon.
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <spdlog/logger.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include "log/line.h"
+#include "platform_config.h"
+#include "vx_zlog.h"
+
+struct vx_zlog_category {
+  spdlog::logger logger;
+};
+
+namespace {
+
+// The log file; what it does not take, and everything without one, goes to standard error. Each record is flushed, so
+// that none is lost with the process.
+class fallback_sink : public spdlog::sinks::sink {
+ public:
+  explicit fallback_sink(const std::string &path) {
+    if (path.empty()) return;
+    try {
+      file_.emplace(path);
+    } catch (const std::exception &error) {
+      std::fprintf(stderr, "log: %s; lines go to standard error\n", error.what());
+    }
+  }
+
+  bool is_terminal() const { return !file_ && isatty(STDERR_FILENO) != 0; }
+
+  void log(const spdlog::details::log_msg &record) override {
+    try {
+      if (file_) {
+        file_->log(record);
+        file_->flush();
+        return;
+      }
+    } catch (const spdlog::spdlog_ex &) {
+    }
+    stderr_.log(record);
+  }
+
+  void flush() override {}
+
+  void set_pattern(const std::string &pattern) override {
+    set_formatter(std::make_unique<spdlog::pattern_formatter>(pattern));
+  }
+
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override {
+    if (file_) file_->set_formatter(formatter->clone());
+    stderr_.set_formatter(std::move(formatter));
+  }
+
+ private:
+  std::optional<spdlog::sinks::basic_file_sink_st> file_;
+  spdlog::sinks::stderr_sink_st stderr_;
+};
+
+struct log_state {
+  std::shared_ptr<fallback_sink> sink;
+  bool colours;
+  std::map<std::string, vx_zlog_category, std::less<>> categories;
+
+  log_state() : sink(std::make_shared<fallback_sink>(ko_platform::process_log_settings().file)) {
+    sink->set_pattern("%Y-%m-%d %H:%M:%S.%e %l %n %v");
+    colours = sink->is_terminal();
+  }
+};
+
+// Lives until the process ends: a category is valid while static objects are destroyed, too.
+log_state &state() {
+  static log_state &the_state = *new log_state;
+  return the_state;
+}
+
+spdlog::level::level_enum spdlog_level(int level) {
+  if (level >= VX_ZLOG_ERROR) return spdlog::level::err;
+  if (level >= VX_ZLOG_WARN) return spdlog::level::warn;
+  return level >= VX_ZLOG_INFO ? spdlog::level::info : spdlog::level::debug;
+}
+
+}  // namespace
+
+vx_zlog_category *vx_zlog_init(const char *category_name) {
+  if (category_name == nullptr) return nullptr;
+  try {
+    auto &categories = state().categories;
+    const auto known = categories.find(std::string_view(category_name));
+    if (known != categories.end()) return &known->second;
+    vx_zlog_category category{spdlog::logger(category_name, state().sink)};
+    category.logger.set_level(spdlog::level::trace);  // the caller's own levels decide
+    return &categories.emplace(category_name, std::move(category)).first->second;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+void vxdf_zlog(vx_zlog_category *category, const char *, size_t, const char *func, size_t func_len, long line,
+               int level, const char *format, ...) {
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  const int length = std::vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  if (category == nullptr || length < 0) return;
+  try {
+    ko_platform::line_buffer record;
+    fmt::format_to(std::back_inserter(record), "{}:{} ", std::string_view(func, func_len), line);
+    ko_platform::append_line_text(record, text, state().colours);
+    category->logger.log(spdlog_level(level), spdlog::string_view_t(record.data(), record.size()));
+  } catch (...) {
+  }
+}
