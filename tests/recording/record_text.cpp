@@ -1,0 +1,97 @@
+// Canonical text of records, made from the message descriptors.
+#include <cstdio>
+
+#include "recording.h"
+#include "store/layout.h"
+
+namespace recording {
+namespace {
+
+template <typename Value>
+Value at(const ProtobufCMessage &message, size_t offset) {
+  return *reinterpret_cast<const Value *>(reinterpret_cast<const char *>(&message) + offset);
+}
+
+std::string quoted(const char *text) {
+  return text == nullptr ? "null" : '"' + escaped(text) + '"';
+}
+
+std::string hex(const ProtobufCBinaryData &bytes) {
+  std::string text = "0x";
+  char digits[3];
+  for (size_t i = 0; i < bytes.len; ++i) {
+    std::snprintf(digits, sizeof(digits), "%02x", bytes.data[i]);
+    text += digits;
+  }
+  return text;
+}
+
+std::string words(const uint32_t *word, size_t count) {
+  std::string text = "[";
+  for (size_t i = 0; i < count; ++i) text.append(i == 0 ? "" : ",").append(std::to_string(word[i]));
+  return text + "]";
+}
+
+// The value of one field, or nothing when it is at its default.
+std::string value_text(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
+  if (field.label == PROTOBUF_C_LABEL_REPEATED) {
+    const size_t count = at<size_t>(message, field.quantifier_offset);
+    return count == 0 ? "" : words(at<const uint32_t *>(message, field.offset), count);
+  }
+  switch (field.type) {
+    case PROTOBUF_C_TYPE_MESSAGE: {
+      const auto *inner = at<const ProtobufCMessage *>(message, field.offset);
+      return inner == nullptr ? "" : '{' + record_text(*inner) + '}';
+    }
+    case PROTOBUF_C_TYPE_STRING: {
+      const char *text = at<const char *>(message, field.offset);
+      return text != nullptr && *text == 0 ? "" : quoted(text);
+    }
+    case PROTOBUF_C_TYPE_BYTES: {
+      const auto bytes = at<ProtobufCBinaryData>(message, field.offset);
+      return bytes.len == 0 ? "" : hex(bytes);
+    }
+    default: {
+      const auto number = at<uint32_t>(message, field.offset);
+      return number == 0 ? "" : std::to_string(number);
+    }
+  }
+}
+
+}  // namespace
+
+std::string escaped(std::string_view text) {
+  std::string out;
+  for (const unsigned char c : text) {
+    char octal[5];
+    if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '"' || c == '\\') {
+      out.append("\\").push_back(static_cast<char>(c));
+    } else if (c < 0x20 || c >= 0x7f) {
+      std::snprintf(octal, sizeof(octal), "\\%03o", c);
+      out += octal;
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
+std::string record_text(const ProtobufCMessage &message) {
+  std::string text;
+  const ProtobufCFieldDescriptor *key = ko_store::key_field(*message.descriptor);
+  for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
+    const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
+    const std::string value = value_text(message, field);
+    if (value.empty()) continue;
+    if (!text.empty()) text += ' ';
+    if (&field != key) text.append(field.name).append("=");
+    text += value;
+  }
+  return text;
+}
+
+}  // namespace recording
