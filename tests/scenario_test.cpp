@@ -228,7 +228,7 @@ class Scenario : public testing::Test {
     } catch (const std::exception &error) {
       FAIL() << file_.filename() << ": " << line << ": " << error.what();
     }
-    EXPECT_EQ("", driver::broken(true)) << line;
+    EXPECT_EQ("", driver::broken()) << line;
   }
 
   // Keeps the event's status only.
