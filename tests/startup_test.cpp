@@ -41,9 +41,7 @@ struct setting {
   const char *path = nullptr, *contents = nullptr;
 };
 
-setting file(const char *path, const char *contents) {
-  return {nullptr, 0, 0, path, contents};
-}
+setting file(const char *path, const char *contents) { return {nullptr, 0, 0, path, contents}; }
 
 void make_file(const string &path, const string &contents) {
   if (contents == "<folder>") {
@@ -174,12 +172,8 @@ void run(uint32_t flags, std::string_view missing = "") {
 const string dl = "vx_zlog_init(\"dl\")\n", app = "vx_zlog_init(\"ko_lspan\")\n",
              ham = "reg_process_exit_action(self, 2)\n", global = "vx_global_init(\"startup_test\")\n";
 
-string failed(const string &call, const string &answer) {
-  return call.substr(0, call.size() - 1) + answer + '\n';
-}
-string error(const string &func, const string &text) {
-  return "error dl_" + func + ": <init> " + text + '\n';
-}
+string failed(const string &call, const string &answer) { return call.substr(0, call.size() - 1) + answer + '\n'; }
+string error(const string &func, const string &text) { return "error dl_" + func + ": <init> " + text + '\n'; }
 string step_failed(const string &step, int rv) {
   return error("init", "init " + step + " failed, rv = " + std::to_string(rv) + '.');
 }
