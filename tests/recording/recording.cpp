@@ -116,12 +116,17 @@ void record_entries(const char *kind, const mom_ds_entry *entries, uint32_t coun
 
 int32_t answer(call function) {
   const uint64_t number = ++now.calls[static_cast<size_t>(function)];
-  if (++now.all_calls == now.any_at) return now.any_code;
+  if (++now.all_calls == now.any_at) {
+    now.failed += now.any_code != 0;
+    return now.any_code;
+  }
+  if (now.failures.empty()) return 0;
   const auto due = std::find_if(now.failures.begin(), now.failures.end(), [&](const failure &waiting) {
     return waiting.function == function && waiting.at == number;
   });
   if (due == now.failures.end()) return 0;
   const int32_t code = due->code;
+  now.failed += code != 0;
   now.failures.erase(due);
   return code;
 }
@@ -129,6 +134,7 @@ int32_t answer(call function) {
 void reset() {
   now = state{};
   alloc_fail_at(0, false);
+  forget_refused_allocations();
 }
 
 void trace_on(bool on) { now.tracing = on; }
@@ -172,6 +178,8 @@ size_t pending_failures() { return now.failures.size() + (now.any_at > now.all_c
 void translate(uint32_t ifx, uint32_t phyid) { now.phyids[ifx] = phyid; }
 
 void translation_fails(uint32_t ifx, int32_t code) { now.untranslatable[ifx] = code; }
+
+uint64_t failure_count() { return now.failed + refused_allocations(); }
 
 const store_contents &store() { return now.store; }
 
@@ -343,8 +351,10 @@ int32_t libddm_init(vx_global *global, const char *app_name) {
 
 int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   int32_t code = answer(call::libddm_get_phyid_by_ifx);
-  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end())
+  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end()) {
     code = known->second;
+    now.failed += code != 0;
+  }
   if (code == 0) {
     const auto known = now.phyids.find(ifx);
     *phyid = known == now.phyids.end() ? ifx + recording::phyid_offset : known->second;
