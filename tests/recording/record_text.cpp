@@ -35,7 +35,7 @@ std::string words(const uint32_t *word, size_t count) {
 // The value of one field, or nothing when it is at its default.
 std::string value_text(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
   if (field.label == PROTOBUF_C_LABEL_REPEATED) {
-    const size_t count = at<size_t>(message, field.quantifier_offset);
+    const auto count = at<size_t>(message, field.quantifier_offset);
     return count == 0 ? "" : words(at<const uint32_t *>(message, field.offset), count);
   }
   switch (field.type) {
