@@ -32,8 +32,6 @@ struct global_context final : vx_global {
   std::unique_ptr<attachment> redundancy;
 };
 
-inline global_context &context_of(vx_global *global) {
-  return *static_cast<global_context *>(global);
-}
+inline global_context &context_of(vx_global *global) { return *static_cast<global_context *>(global); }
 
 }  // namespace ko_platform

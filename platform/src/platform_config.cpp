@@ -23,9 +23,7 @@ std::string position_of(const std::string &text, size_t offset) {
   return std::to_string(line) + ":" + std::to_string(column);
 }
 
-[[noreturn]] void fail(const std::string &where, const std::string &what) {
-  throw config_error(where + ": " + what);
-}
+[[noreturn]] void fail(const std::string &where, const std::string &what) { throw config_error(where + ": " + what); }
 
 // The members of an object, each of which `allowed` must name.
 void check_members(const json &object, const std::string &where, const std::set<std::string> &allowed) {

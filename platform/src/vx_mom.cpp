@@ -36,9 +36,7 @@ int32_t guarded(Work &&work) {
   }
 }
 
-registration &registration_of(vx_mom_ab *ab) {
-  return *static_cast<registration *>(ab);
-}
+registration &registration_of(vx_mom_ab *ab) { return *static_cast<registration *>(ab); }
 
 int32_t write(vx_global *store, uint32_t db, const ProtobufCMessage *message, change_kind kind) {
   return guarded([&]() -> int32_t {
@@ -51,9 +49,7 @@ int32_t write(vx_global *store, uint32_t db, const ProtobufCMessage *message, ch
 
 }  // namespace
 
-void ko_store::use_engine(engine_factory new_factory) {
-  factory() = std::move(new_factory);
-}
+void ko_store::use_engine(engine_factory new_factory) { factory() = std::move(new_factory); }
 
 vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_ab_opt *) try {
   ko_platform::process_config();  // a file that cannot be used is told here, before anything depends on it

@@ -111,9 +111,7 @@ std::string read_file(const std::string &path) {
   return text.str();
 }
 
-void write_file(const std::string &path, const std::string &text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
+void write_file(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
 
 // ---- process ----
 
@@ -164,17 +162,11 @@ bool process::running() const {
 
 client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_str())) {}
 
-client::~client() {
-  redisFree(context_);
-}
+client::~client() { redisFree(context_); }
 
-bool client::connected() const {
-  return context_ != nullptr && context_->err == 0;
-}
+bool client::connected() const { return context_ != nullptr && context_->err == 0; }
 
-std::string client::run(const std::vector<std::string> &words) {
-  return text_of(ask(context_, words).get());
-}
+std::string client::run(const std::vector<std::string> &words) { return text_of(ask(context_, words).get()); }
 
 // ---- sandbox ----
 

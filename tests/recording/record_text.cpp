@@ -12,9 +12,7 @@ Value at(const ProtobufCMessage &message, size_t offset) {
   return *reinterpret_cast<const Value *>(reinterpret_cast<const char *>(&message) + offset);
 }
 
-std::string quoted(const char *text) {
-  return text == nullptr ? "null" : '"' + escaped(text) + '"';
-}
+std::string quoted(const char *text) { return text == nullptr ? "null" : '"' + escaped(text) + '"'; }
 
 std::string hex(const ProtobufCBinaryData &bytes) {
   std::string text = "0x";

@@ -47,9 +47,7 @@ std::string db_name(uint32_t db_id) {
   }
 }
 
-std::string answered(int32_t code) {
-  return code == 0 ? "" : " = " + std::to_string(code);
-}
+std::string answered(int32_t code) { return code == 0 ? "" : " = " + std::to_string(code); }
 
 std::string pointer_name(const void *pointer) {
   if (pointer == nullptr) return "null";
@@ -118,12 +116,17 @@ void record_entries(const char *kind, const mom_ds_entry *entries, uint32_t coun
 
 int32_t answer(call function) {
   const uint64_t number = ++now.calls[static_cast<size_t>(function)];
-  if (++now.all_calls == now.any_at) return now.any_code;
+  if (++now.all_calls == now.any_at) {
+    now.failed += now.any_code != 0;
+    return now.any_code;
+  }
+  if (now.failures.empty()) return 0;
   const auto due = std::find_if(now.failures.begin(), now.failures.end(), [&](const failure &waiting) {
     return waiting.function == function && waiting.at == number;
   });
   if (due == now.failures.end()) return 0;
   const int32_t code = due->code;
+  now.failed += code != 0;
   now.failures.erase(due);
   return code;
 }
@@ -131,39 +134,26 @@ int32_t answer(call function) {
 void reset() {
   now = state{};
   alloc_fail_at(0, false);
+  forget_refused_allocations();
 }
 
-void trace_on(bool on) {
-  now.tracing = on;
-}
+void trace_on(bool on) { now.tracing = on; }
 
-void store_on(bool on) {
-  now.storing = on;
-}
+void store_on(bool on) { now.storing = on; }
 
-void record_lists(bool on) {
-  now.lists = on;
-}
+void record_lists(bool on) { now.lists = on; }
 
-std::vector<std::string> &trace() {
-  return now.lines;
-}
+std::vector<std::string> &trace() { return now.lines; }
 
-std::vector<std::string> take_trace() {
-  return std::exchange(now.lines, {});
-}
+std::vector<std::string> take_trace() { return std::exchange(now.lines, {}); }
 
 void note(std::string line) {
   record([&] { return std::move(line); });
 }
 
-uint64_t call_count() {
-  return now.all_calls;
-}
+uint64_t call_count() { return now.all_calls; }
 
-uint64_t format_count() {
-  return now.formatted;
-}
+uint64_t format_count() { return now.formatted; }
 
 void fail(std::string_view function, uint64_t k, int32_t code) {
   const auto *name = std::find(std::begin(call_names), std::end(call_names), function);
@@ -183,21 +173,15 @@ void fail_none() {
   now.any_at = 0;
 }
 
-size_t pending_failures() {
-  return now.failures.size() + (now.any_at > now.all_calls ? 1 : 0);
-}
+size_t pending_failures() { return now.failures.size() + (now.any_at > now.all_calls ? 1 : 0); }
 
-void translate(uint32_t ifx, uint32_t phyid) {
-  now.phyids[ifx] = phyid;
-}
+void translate(uint32_t ifx, uint32_t phyid) { now.phyids[ifx] = phyid; }
 
-void translation_fails(uint32_t ifx, int32_t code) {
-  now.untranslatable[ifx] = code;
-}
+void translation_fails(uint32_t ifx, int32_t code) { now.untranslatable[ifx] = code; }
 
-const store_contents &store() {
-  return now.store;
-}
+uint64_t failure_count() { return now.failed + refused_allocations(); }
+
+const store_contents &store() { return now.store; }
 
 std::vector<std::string> store_text() {
   std::vector<std::string> lines;
@@ -208,26 +192,18 @@ std::vector<std::string> store_text() {
   return lines;
 }
 
-vx_global *global() {
-  return &the_global;
-}
+vx_global *global() { return &the_global; }
 
 vx_zlog_category *category(const char *name) {
   static std::map<std::string, vx_zlog_category> categories;
   return &categories.try_emplace(name, vx_zlog_category{name}).first->second;
 }
 
-void name_pointer(const void *pointer, std::string name) {
-  now.names[pointer] = std::move(name);
-}
+void name_pointer(const void *pointer, std::string name) { now.names[pointer] = std::move(name); }
 
-void on_run(std::function<void()> body) {
-  now.run = std::move(body);
-}
+void on_run(std::function<void()> body) { now.run = std::move(body); }
 
-rdnd_awake_cb awake() {
-  return now.awake;
-}
+rdnd_awake_cb awake() { return now.awake; }
 
 vx_mom_event_cb handler(uint32_t db_id, std::string_view message, uint32_t kind) {
   for (const registration &one : now.handlers)
@@ -235,9 +211,7 @@ vx_mom_event_cb handler(uint32_t db_id, std::string_view message, uint32_t kind)
   return nullptr;
 }
 
-vx_mom_all_ds_cb all_ds_handler() {
-  return now.all_ds;
-}
+vx_mom_all_ds_cb all_ds_handler() { return now.all_ds; }
 
 }  // namespace recording
 
@@ -377,8 +351,10 @@ int32_t libddm_init(vx_global *global, const char *app_name) {
 
 int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   int32_t code = answer(call::libddm_get_phyid_by_ifx);
-  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end())
+  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end()) {
     code = known->second;
+    now.failed += code != 0;
+  }
   if (code == 0) {
     const auto known = now.phyids.find(ifx);
     *phyid = known == now.phyids.end() ? ifx + recording::phyid_offset : known->second;

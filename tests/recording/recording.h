@@ -65,6 +65,9 @@ void fail_any(uint64_t k, int32_t code);
 void fail_none();           // takes back what has not happened yet
 size_t pending_failures();  // scripted answers that have not been given yet
 
+// Failures met since reset: scripted answers other than 0, failed translations, refused allocations.
+uint64_t failure_count();
+
 // Translation: `ifx` + 1000 unless said otherwise. `code` not 0: every translation of `ifx` fails with it.
 void translate(uint32_t ifx, uint32_t phyid);
 void translation_fails(uint32_t ifx, int32_t code);

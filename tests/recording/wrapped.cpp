@@ -9,11 +9,13 @@ using recording::now;
 namespace {
 
 // Not part of `now`, since making that allocates.
-uint64_t allocations, failing_from, failing_to;
+uint64_t allocations, failing_from, failing_to, refused;
 
 bool out_of_memory() {
   const uint64_t number = ++allocations;
-  return number >= failing_from && number < failing_to;
+  const bool refuse = number >= failing_from && number < failing_to;
+  refused += refuse;
+  return refuse;
 }
 
 // Records a list call with its arguments and whether it yielded an entry.
@@ -37,9 +39,11 @@ void alloc_fail_at(uint64_t k, bool forever) {
   failing_to = forever || k == 0 ? UINT64_MAX : k + 1;
 }
 
-uint64_t alloc_count() {
-  return allocations;
-}
+uint64_t alloc_count() { return allocations; }
+
+uint64_t refused_allocations() { return refused; }
+
+void forget_refused_allocations() { refused = 0; }
 
 }  // namespace recording
 
@@ -49,17 +53,11 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *old, size_t size);
 
-void *__wrap_malloc(size_t size) {
-  return out_of_memory() ? nullptr : __real_malloc(size);
-}
+void *__wrap_malloc(size_t size) { return out_of_memory() ? nullptr : __real_malloc(size); }
 
-void *__wrap_calloc(size_t count, size_t size) {
-  return out_of_memory() ? nullptr : __real_calloc(count, size);
-}
+void *__wrap_calloc(size_t count, size_t size) { return out_of_memory() ? nullptr : __real_calloc(count, size); }
 
-void *__wrap_realloc(void *old, size_t size) {
-  return out_of_memory() ? nullptr : __real_realloc(old, size);
-}
+void *__wrap_realloc(void *old, size_t size) { return out_of_memory() ? nullptr : __real_realloc(old, size); }
 
 #define WRAP_ADD(kind, entry)                                                  \
   entry *__real_mirror_list_add_##kind(mirror_link *list);                     \

@@ -33,9 +33,7 @@ uint32_t key_of(const void *record) {
   return key;
 }
 
-bool is_live(const void *bucket) {
-  return bucket != nullptr && bucket != &deleted_mark;
-}
+bool is_live(const void *bucket) { return bucket != nullptr && bucket != &deleted_mark; }
 
 int32_t create(table **made) {
   if (*made == nullptr) *made = static_cast<table *>(calloc(1, sizeof(table)));
@@ -116,13 +114,9 @@ void remove(table *in, void *entry) {
 
 }  // namespace
 
-int32_t outgrb_mbr_hash_init() {
-  return create(&outgrb_mbr_hash);
-}
+int32_t outgrb_mbr_hash_init() { return create(&outgrb_mbr_hash); }
 
-int32_t outgrb_group_hash_init() {
-  return create(&outgrb_group_hash);
-}
+int32_t outgrb_group_hash_init() { return create(&outgrb_group_hash); }
 
 outgrb_mbr_info *outgrb_mbr_hash_get(const void *key) {
   return static_cast<outgrb_mbr_info *>(get(outgrb_mbr_hash, key));
@@ -162,9 +156,7 @@ outgrb_group_info *outgrb_group_hash_set(outgrb_group_info **entry, const outgrb
   return found;
 }
 
-void outgrb_mbr_hash_del(outgrb_mbr_info *entry) {
-  remove(outgrb_mbr_hash, entry);
-}
+void outgrb_mbr_hash_del(outgrb_mbr_info *entry) { remove(outgrb_mbr_hash, entry); }
 
 void outgrb_group_hash_del(outgrb_group_info *entry) {
   outgrb_group_set_mtp_info(entry, nullptr);

@@ -25,13 +25,9 @@ void memory_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t
   add(job_kind::up, 0);
 }
 
-void memory_engine::scan(size_t hash) {
-  add(job_kind::scan, hash);
-}
+void memory_engine::scan(size_t hash) { add(job_kind::scan, hash); }
 
-void memory_engine::fetch(size_t input, std::string_view key) {
-  add(job_kind::fetch, input).key = key;
-}
+void memory_engine::fetch(size_t input, std::string_view key) { add(job_kind::fetch, input).key = key; }
 
 void memory_engine::write(const change &what) {
   if (!on_write || !on_write(what)) return carry_out(what);
@@ -45,9 +41,7 @@ void memory_engine::write(const change &what) {
   }
 }
 
-void memory_engine::put(const change &what) {
-  carry_out(what);
-}
+void memory_engine::put(const change &what) { carry_out(what); }
 
 void memory_engine::carry_out(const change &what) {
   hash_records *records = nullptr;

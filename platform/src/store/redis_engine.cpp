@@ -23,13 +23,9 @@ constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
 
-std::string_view text_of(const redisReply &reply) {
-  return {reply.str, reply.len};
-}
+std::string_view text_of(const redisReply &reply) { return {reply.str, reply.len}; }
 
-bool is_error(const redisReply *reply) {
-  return reply != nullptr && reply->type == REDIS_REPLY_ERROR;
-}
+bool is_error(const redisReply *reply) { return reply != nullptr && reply->type == REDIS_REPLY_ERROR; }
 
 // hiredis' hooks into the loop. Reading stays enabled for the connection's life.
 struct loop_hooks {
@@ -37,9 +33,7 @@ struct loop_hooks {
   ko_platform::event_ptr writable;
 };
 
-loop_hooks &hooks_of(void *data) {
-  return *static_cast<loop_hooks *>(data);
-}
+loop_hooks &hooks_of(void *data) { return *static_cast<loop_hooks *>(data); }
 
 void attach(redisAsyncContext *connection, event_base *base) {
   auto hooks = std::make_unique<loop_hooks>();
@@ -86,9 +80,7 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
   if (retry_ == nullptr) throw std::bad_alloc();
 }
 
-redis_engine::~redis_engine() {
-  close();
-}
+redis_engine::~redis_engine() { close(); }
 
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
   close();
@@ -294,9 +286,7 @@ void redis_engine::select(uint32_t db) {
   send({"SELECT", std::to_string(db)}, &redis_engine::noticed);
 }
 
-void redis_engine::scan(size_t hash) {
-  ask_page(hash, "0");
-}
+void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
 
 void redis_engine::ask_page(size_t hash, std::string_view cursor) {
   select(hashes_[hash].db);
@@ -397,9 +387,7 @@ redis_engine::written &redis_engine::add_written() {
   return ring_[(ring_start_ + ring_used_++) & (ring_.size() - 1)];
 }
 
-redis_engine::written *redis_engine::oldest() {
-  return &ring_[ring_start_];
-}
+redis_engine::written *redis_engine::oldest() { return &ring_[ring_start_]; }
 
 void redis_engine::drop_written() {
   ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);

@@ -17,13 +17,9 @@ constexpr int first_repair_pause_ms = 500;
 constexpr int longest_repair_pause_ms = 30'000;
 constexpr size_t told_limit = 10'000;  // distinct bad records that are logged
 
-bool same(const hash_id &a, const hash_id &b) {
-  return a.db == b.db && a.type == b.type;
-}
+bool same(const hash_id &a, const hash_id &b) { return a.db == b.db && a.type == b.type; }
 
-std::string name_of(const hash_id &hash) {
-  return channel_name(hash.db, hash.type->name);
-}
+std::string name_of(const hash_id &hash) { return channel_name(hash.db, hash.type->name); }
 
 template <class Map>
 void assign(Map &map, std::string_view key, std::string_view record) {
@@ -171,9 +167,7 @@ void registration::guard(const char *doing, auto &&work) try { work(); } catch (
   repair_later();
 }
 
-void registration::up() {
-  read_all(true);
-}
+void registration::up() { read_all(true); }
 
 void registration::down() {
   state_ = state::starting;
@@ -241,9 +235,7 @@ void registration::changed(size_t input, const announcement &what) {
   });
 }
 
-void registration::malformed(size_t input) {
-  reject(inputs_[input]->hash, {}, "it is no announcement");
-}
+void registration::malformed(size_t input) { reject(inputs_[input]->hash, {}, "it is no announcement"); }
 
 void registration::fetched(size_t input, std::string_view key, std::optional<std::string_view> record) {
   if (state_ != state::live) return;
@@ -273,9 +265,7 @@ void registration::undone(const change &what, std::string_view why) {
   });
 }
 
-void registration::relieved() {
-  wake(true);
-}
+void registration::relieved() { wake(true); }
 
 void registration::repair_later() {
   repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);

@@ -1,0 +1,50 @@
+// Drives the daemon's core on the recording platform: sends events to its handlers, and looks at what it keeps in
+// memory. Beside it stands a model of group membership, which broken() compares with.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "proc/ko_span_public.h"
+
+namespace driver {
+
+// One session member, as a configuration record carries it.
+struct member {
+  uint32_t session = 0, s = 0, d = 0, dir = 0, acl = 0;  // key
+  uint32_t module = 0, role = 1, apply = 0, mtp_switch = 0, rate = 0;
+  std::vector<uint32_t> vlan;
+};
+
+struct result {
+  const char *user = "du_span";
+  uint32_t session = 0, s = 0, d = 0, dir = 0, acl = 0;
+  uint32_t code = 0, msg_type = 0;
+};
+
+constexpr uint32_t group_target(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
+
+// Puts recording platform and daemon where main has them when the first event arrives: nothing known, log level 1.
+// Frees what the daemon had, so that it can be called between any two events, and at the end for the leak checker.
+void reset();
+
+// Events. Each returns the handler's status.
+int32_t set_member(const member &what);
+int32_t del_member(const member &what);
+int32_t join(uint32_t ifx, uint32_t group_id);  // a set event of the membership record
+int32_t leave(uint32_t ifx, uint32_t group_id = 0);
+int32_t report(const result &what);
+
+// What the daemon knows, one line per session, entry and group, in list order; groups by number.
+std::vector<std::string> memory_text();
+
+// The first thing found wrong in the daemon's memory, or "". Holds after every event, whatever failed:
+// - every list is whole in both directions, every session has at most one mirror target;
+// - a session without any entry is there only when a save in which something failed left it;
+// - each group's mtp_info is null or an entry of some session, and that entry's chain holds exactly its groups;
+// - the member table holds exactly the interfaces in a group, and each group's list is the one that the joins, moves
+//   and leaves gave it, repeated joins and joins that failed for memory included.
+std::string broken();
+
+}  // namespace driver
