@@ -270,7 +270,7 @@ void registration::relieved() { wake(true); }
 void registration::repair_later() {
   repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);
   if (evtimer_pending(repair_event_.get(), nullptr)) return;
-  const timeval pause{repair_pause_ms_ / 1000, repair_pause_ms_ % 1000 * 1000};
+  const timeval pause{repair_pause_ms_ / 1000, repair_pause_ms_ % 1000 * 1000L};
   event_add(repair_event_.get(), &pause);
 }
 
