@@ -19,13 +19,9 @@ struct ko_span_record_kind {
   void (*init)(Record *record);
 };
 
-inline void ko_span_init_key(UMonitor__SpanSrcInfoIndex *key) {
-  u_monitor__span_src_info_index__init(key);
-}
+inline void ko_span_init_key(UMonitor__SpanSrcInfoIndex *key) { u_monitor__span_src_info_index__init(key); }
 
-inline void ko_span_init_key(UMonitor__SpanMtpInfoIndex *key) {
-  u_monitor__span_mtp_info_index__init(key);
-}
+inline void ko_span_init_key(UMonitor__SpanMtpInfoIndex *key) { u_monitor__span_mtp_info_index__init(key); }
 
 inline int32_t ko_span_fill_key(const span_info *info, UMonitor__SpanSrcInfoIndex *key) {
   return ko_span_fill_src_info_key(info, key);

@@ -88,7 +88,7 @@ struct src_info *mirror_list_add_src_info(struct mirror_link *src_list);
 struct dst_info *mirror_list_add_dst_info(struct mirror_link *dst_list);
 struct mtp_info *mirror_list_add_mtp_info(struct mirror_link *mtp_list);
 
-/* Each returns the first entry of the list whose fields equal the arguments, or null. `dir` is a wire value, which
+/* Each returns the entry of the list whose fields equal the arguments, or null. `dir` is a wire value, which
  * the search converts before it compares. */
 struct mirror_info *mirror_list_search_session_info(struct mirror_link *session_list, uint32_t session_id);
 struct src_info *mirror_list_search_src_info(struct mirror_link *src_list, uint32_t dir, uint32_t s_phyid,

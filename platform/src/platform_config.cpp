@@ -23,9 +23,7 @@ std::string position_of(const std::string &text, size_t offset) {
   return std::to_string(line) + ":" + std::to_string(column);
 }
 
-[[noreturn]] void fail(const std::string &where, const std::string &what) {
-  throw config_error(where + ": " + what);
-}
+[[noreturn]] void fail(const std::string &where, const std::string &what) { throw config_error(where + ": " + what); }
 
 // The members of an object, each of which `allowed` must name.
 void check_members(const json &object, const std::string &where, const std::set<std::string> &allowed) {
@@ -72,7 +70,7 @@ void read_ports(const json &ports, const std::string &path, config &out) {
   out.has_ports = true;
   std::set<uint32_t> seen;
   for (const auto &[name, value] : ports.items()) {
-    const std::string here = where + "." + name;
+    const std::string here = std::string(where).append(".").append(name);
     check_members(value, here, {"ifx", "phyid"});
     if (!value.contains("ifx") || !value.contains("phyid")) fail(here, "needs \"ifx\" and \"phyid\"");
     port entry{name, 0, 0};

@@ -38,13 +38,9 @@ bool whole(const mirror_link &head) {
   return true;
 }
 
-outgrb_group_info *find_group(uint32_t group_id) {
-  return outgrb_group_hash_get(&group_id);
-}
+outgrb_group_info *find_group(uint32_t group_id) { return outgrb_group_hash_get(&group_id); }
 
-outgrb_mbr_info *find_member(uint32_t ifx) {
-  return outgrb_mbr_hash_get(&ifx);
-}
+outgrb_mbr_info *find_member(uint32_t ifx) { return outgrb_mbr_hash_get(&ifx); }
 
 template <typename Entry>
 void free_all(mirror_link &head) {

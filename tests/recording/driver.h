@@ -23,9 +23,7 @@ struct result {
   uint32_t code = 0, msg_type = 0;
 };
 
-constexpr uint32_t group_target(uint32_t group_id) {
-  return group_id ^ ko_span_group_tag;
-}
+constexpr uint32_t group_target(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
 
 // Puts recording platform and daemon where main has them when the first event arrives: nothing known, log level 1.
 // Frees what the daemon had, so that it can be called between any two events, and at the end for the leak checker.

@@ -15,6 +15,7 @@
 #include "libddm.h"
 #include "state.h"
 #include "store/layout.h"
+#include "store/record_text.h"
 
 struct vx_zlog_category {
   std::string name;
@@ -47,9 +48,7 @@ std::string db_name(uint32_t db_id) {
   }
 }
 
-std::string answered(int32_t code) {
-  return code == 0 ? "" : " = " + std::to_string(code);
-}
+std::string answered(int32_t code) { return code == 0 ? "" : " = " + std::to_string(code); }
 
 std::string pointer_name(const void *pointer) {
   if (pointer == nullptr) return "null";
@@ -59,7 +58,7 @@ std::string pointer_name(const void *pointer) {
 
 std::string typed_text(const ProtobufCMessage *message) {
   if (message == nullptr) return "null";
-  const std::string text = record_text(*message);
+  const std::string text = ko_store::to_text(*message);
   return message->descriptor->name + (text.empty() ? "" : ' ' + text);
 }
 
@@ -139,37 +138,23 @@ void reset() {
   forget_refused_allocations();
 }
 
-void trace_on(bool on) {
-  now.tracing = on;
-}
+void trace_on(bool on) { now.tracing = on; }
 
-void store_on(bool on) {
-  now.storing = on;
-}
+void store_on(bool on) { now.storing = on; }
 
-void record_lists(bool on) {
-  now.lists = on;
-}
+void record_lists(bool on) { now.lists = on; }
 
-std::vector<std::string> &trace() {
-  return now.lines;
-}
+std::vector<std::string> &trace() { return now.lines; }
 
-std::vector<std::string> take_trace() {
-  return std::exchange(now.lines, {});
-}
+std::vector<std::string> take_trace() { return std::exchange(now.lines, {}); }
 
 void note(std::string line) {
   record([&] { return std::move(line); });
 }
 
-uint64_t call_count() {
-  return now.all_calls;
-}
+uint64_t call_count() { return now.all_calls; }
 
-uint64_t format_count() {
-  return now.formatted;
-}
+uint64_t format_count() { return now.formatted; }
 
 void fail(std::string_view function, uint64_t k, int32_t code) {
   const auto *name = std::find(std::begin(call_names), std::end(call_names), function);
@@ -189,25 +174,15 @@ void fail_none() {
   now.any_at = 0;
 }
 
-size_t pending_failures() {
-  return now.failures.size() + (now.any_at > now.all_calls ? 1 : 0);
-}
+size_t pending_failures() { return now.failures.size() + (now.any_at > now.all_calls ? 1 : 0); }
 
-void translate(uint32_t ifx, uint32_t phyid) {
-  now.phyids[ifx] = phyid;
-}
+void translate(uint32_t ifx, uint32_t phyid) { now.phyids[ifx] = phyid; }
 
-void translation_fails(uint32_t ifx, int32_t code) {
-  now.untranslatable[ifx] = code;
-}
+void translation_fails(uint32_t ifx, int32_t code) { now.untranslatable[ifx] = code; }
 
-uint64_t failure_count() {
-  return now.failed + refused_allocations();
-}
+uint64_t failure_count() { return now.failed + refused_allocations(); }
 
-const store_contents &store() {
-  return now.store;
-}
+const store_contents &store() { return now.store; }
 
 std::vector<std::string> store_text() {
   std::vector<std::string> lines;
@@ -218,26 +193,18 @@ std::vector<std::string> store_text() {
   return lines;
 }
 
-vx_global *global() {
-  return &the_global;
-}
+vx_global *global() { return &the_global; }
 
 vx_zlog_category *category(const char *name) {
   static std::map<std::string, vx_zlog_category> categories;
   return &categories.try_emplace(name, vx_zlog_category{name}).first->second;
 }
 
-void name_pointer(const void *pointer, std::string name) {
-  now.names[pointer] = std::move(name);
-}
+void name_pointer(const void *pointer, std::string name) { now.names[pointer] = std::move(name); }
 
-void on_run(std::function<void()> body) {
-  now.run = std::move(body);
-}
+void on_run(std::function<void()> body) { now.run = std::move(body); }
 
-rdnd_awake_cb awake() {
-  return now.awake;
-}
+rdnd_awake_cb awake() { return now.awake; }
 
 vx_mom_event_cb handler(uint32_t db_id, std::string_view message, uint32_t kind) {
   for (const registration &one : now.handlers)
@@ -245,9 +212,7 @@ vx_mom_event_cb handler(uint32_t db_id, std::string_view message, uint32_t kind)
   return nullptr;
 }
 
-vx_mom_all_ds_cb all_ds_handler() {
-  return now.all_ds;
-}
+vx_mom_all_ds_cb all_ds_handler() { return now.all_ds; }
 
 }  // namespace recording
 
@@ -435,7 +400,7 @@ void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, co
       default:
         out += "level " + std::to_string(level) + ' ';
     }
-    out += std::string(func) + ": " + recording::escaped(text);
+    out += std::string(func) + ": " + ko_store::escaped(text);
     if (std::strcmp(format, "%s") != 0) out += " with a format of its own";
     if (file_len != std::strlen(file) || func_len != std::strlen(func)) out += " with a wrong length";
     if (file[0] == '/' || line <= 0) out += " with a place of its own";

@@ -39,17 +39,11 @@ void alloc_fail_at(uint64_t k, bool forever) {
   failing_to = forever || k == 0 ? UINT64_MAX : k + 1;
 }
 
-uint64_t alloc_count() {
-  return allocations;
-}
+uint64_t alloc_count() { return allocations; }
 
-uint64_t refused_allocations() {
-  return refused;
-}
+uint64_t refused_allocations() { return refused; }
 
-void forget_refused_allocations() {
-  refused = 0;
-}
+void forget_refused_allocations() { refused = 0; }
 
 }  // namespace recording
 
@@ -59,17 +53,11 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *old, size_t size);
 
-void *__wrap_malloc(size_t size) {
-  return out_of_memory() ? nullptr : __real_malloc(size);
-}
+void *__wrap_malloc(size_t size) { return out_of_memory() ? nullptr : __real_malloc(size); }
 
-void *__wrap_calloc(size_t count, size_t size) {
-  return out_of_memory() ? nullptr : __real_calloc(count, size);
-}
+void *__wrap_calloc(size_t count, size_t size) { return out_of_memory() ? nullptr : __real_calloc(count, size); }
 
-void *__wrap_realloc(void *old, size_t size) {
-  return out_of_memory() ? nullptr : __real_realloc(old, size);
-}
+void *__wrap_realloc(void *old, size_t size) { return out_of_memory() ? nullptr : __real_realloc(old, size); }
 
 #define WRAP_ADD(kind, entry)                                                  \
   entry *__real_mirror_list_add_##kind(mirror_link *list);                     \

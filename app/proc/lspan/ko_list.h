@@ -9,9 +9,7 @@ inline void ko_list_init(mirror_link *head) {
   head->prev = head;
 }
 
-inline bool ko_list_empty(const mirror_link *head) {
-  return head->next == head;
-}
+inline bool ko_list_empty(const mirror_link *head) { return head->next == head; }
 
 inline void ko_list_add_tail(mirror_link *head, mirror_link *link) {
   link->next = head;

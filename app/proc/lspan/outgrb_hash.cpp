@@ -2,8 +2,10 @@
 // 32-bit word of an entry. Below them, the links between groups and the mirror targets that they name.
 #include "proc/lspan/outgrb_hash.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "proc/lspan/ko_list.h"
 
@@ -31,9 +33,7 @@ uint32_t key_of(const void *record) {
   return key;
 }
 
-bool is_live(const void *bucket) {
-  return bucket != nullptr && bucket != &deleted_mark;
-}
+bool is_live(const void *bucket) { return bucket != nullptr && bucket != &deleted_mark; }
 
 int32_t create(table **made) {
   if (*made == nullptr) *made = static_cast<table *>(calloc(1, sizeof(table)));
@@ -83,13 +83,13 @@ bool rebuild(table *in) {
   next.n_buckets = in->n_buckets;
   if (in->n_live >= in->n_buckets / 2) next.n_buckets = in->n_buckets != 0 ? in->n_buckets * 2 : smallest_table;
   if (next.n_buckets < in->n_buckets) return false;
-  next.bound = static_cast<uint32_t>(next.n_buckets * fullest + 0.5);
+  next.bound = static_cast<uint32_t>(std::lround(next.n_buckets * fullest));
   next.buckets = static_cast<void **>(calloc(next.n_buckets, sizeof(void *)));
   if (next.buckets == nullptr) return false;
   for (uint32_t i = 0; i < in->n_buckets; ++i)
     if (is_live(in->buckets[i])) place(&next, in->buckets[i]);
-  free(in->buckets);
-  *in = next;
+  std::swap(*in, next);
+  free(next.buckets);
   return true;
 }
 
@@ -114,13 +114,9 @@ void remove(table *in, void *entry) {
 
 }  // namespace
 
-int32_t outgrb_mbr_hash_init() {
-  return create(&outgrb_mbr_hash);
-}
+int32_t outgrb_mbr_hash_init() { return create(&outgrb_mbr_hash); }
 
-int32_t outgrb_group_hash_init() {
-  return create(&outgrb_group_hash);
-}
+int32_t outgrb_group_hash_init() { return create(&outgrb_group_hash); }
 
 outgrb_mbr_info *outgrb_mbr_hash_get(const void *key) {
   return static_cast<outgrb_mbr_info *>(get(outgrb_mbr_hash, key));
@@ -160,9 +156,7 @@ outgrb_group_info *outgrb_group_hash_set(outgrb_group_info **entry, const outgrb
   return found;
 }
 
-void outgrb_mbr_hash_del(outgrb_mbr_info *entry) {
-  remove(outgrb_mbr_hash, entry);
-}
+void outgrb_mbr_hash_del(outgrb_mbr_info *entry) { remove(outgrb_mbr_hash, entry); }
 
 void outgrb_group_hash_del(outgrb_group_info *entry) {
   outgrb_group_set_mtp_info(entry, nullptr);

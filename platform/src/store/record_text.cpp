@@ -1,32 +1,30 @@
-// Canonical text of records, made from the message descriptors.
+#include "store/record_text.h"
+
 #include <cstdio>
 
-#include "recording.h"
 #include "store/layout.h"
 
-namespace recording {
+namespace ko_store {
 namespace {
+
+constexpr size_t hex_limit = 48;  // bytes
 
 template <typename Value>
 Value at(const ProtobufCMessage &message, size_t offset) {
   return *reinterpret_cast<const Value *>(reinterpret_cast<const char *>(&message) + offset);
 }
 
-std::string quoted(const char *text) {
-  return text == nullptr ? "null" : '"' + escaped(text) + '"';
-}
-
-std::string hex(const ProtobufCBinaryData &bytes) {
-  std::string text = "0x";
-  char digits[3];
-  for (size_t i = 0; i < bytes.len; ++i) {
-    std::snprintf(digits, sizeof(digits), "%02x", bytes.data[i]);
-    text += digits;
+std::string hex_digits(std::string_view bytes) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (const char byte : bytes) {
+    text.push_back(digits[static_cast<unsigned char>(byte) >> 4]);
+    text.push_back(digits[static_cast<unsigned char>(byte) & 15]);
   }
   return text;
 }
 
-std::string words(const uint32_t *word, size_t count) {
+std::string list_text(const uint32_t *word, size_t count) {
   std::string text = "[";
   for (size_t i = 0; i < count; ++i) text.append(i == 0 ? "" : ",").append(std::to_string(word[i]));
   return text + "]";
@@ -35,21 +33,22 @@ std::string words(const uint32_t *word, size_t count) {
 // The value of one field, or nothing when it is at its default.
 std::string value_text(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
   if (field.label == PROTOBUF_C_LABEL_REPEATED) {
-    const size_t count = at<size_t>(message, field.quantifier_offset);
-    return count == 0 ? "" : words(at<const uint32_t *>(message, field.offset), count);
+    const auto count = at<size_t>(message, field.quantifier_offset);
+    return count == 0 ? "" : list_text(at<const uint32_t *>(message, field.offset), count);
   }
   switch (field.type) {
     case PROTOBUF_C_TYPE_MESSAGE: {
       const auto *inner = at<const ProtobufCMessage *>(message, field.offset);
-      return inner == nullptr ? "" : '{' + record_text(*inner) + '}';
+      return inner == nullptr ? "" : '{' + to_text(*inner) + '}';
     }
     case PROTOBUF_C_TYPE_STRING: {
       const char *text = at<const char *>(message, field.offset);
-      return text != nullptr && *text == 0 ? "" : quoted(text);
+      if (text == nullptr) return "null";
+      return *text == '\0' ? "" : '"' + escaped(text) + '"';
     }
     case PROTOBUF_C_TYPE_BYTES: {
       const auto bytes = at<ProtobufCBinaryData>(message, field.offset);
-      return bytes.len == 0 ? "" : hex(bytes);
+      return bytes.len == 0 ? "" : "0x" + hex_digits({reinterpret_cast<const char *>(bytes.data), bytes.len});
     }
     default: {
       const auto number = at<uint32_t>(message, field.offset);
@@ -59,6 +58,20 @@ std::string value_text(const ProtobufCMessage &message, const ProtobufCFieldDesc
 }
 
 }  // namespace
+
+std::string to_text(const ProtobufCMessage &message) {
+  std::string text;
+  const ProtobufCFieldDescriptor *key = key_field(*message.descriptor);
+  for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
+    const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
+    const std::string value = value_text(message, field);
+    if (value.empty()) continue;
+    if (!text.empty()) text += ' ';
+    if (&field != key) text.append(field.name).append("=");
+    text += value;
+  }
+  return text;
+}
 
 std::string escaped(std::string_view text) {
   std::string out;
@@ -80,18 +93,8 @@ std::string escaped(std::string_view text) {
   return out;
 }
 
-std::string record_text(const ProtobufCMessage &message) {
-  std::string text;
-  const ProtobufCFieldDescriptor *key = ko_store::key_field(*message.descriptor);
-  for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
-    const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
-    const std::string value = value_text(message, field);
-    if (value.empty()) continue;
-    if (!text.empty()) text += ' ';
-    if (&field != key) text.append(field.name).append("=");
-    text += value;
-  }
-  return text;
+std::string to_hex(std::string_view bytes) {
+  return hex_digits(bytes.substr(0, hex_limit)).append(bytes.size() > hex_limit ? "..." : "");
 }
 
-}  // namespace recording
+}  // namespace ko_store

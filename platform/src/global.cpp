@@ -1,0 +1,36 @@
+// The global context: a libevent loop.
+#include <unistd.h>
+
+#include "global_context.h"
+#include "platform_log.h"
+
+using ko_platform::context_of;
+using ko_platform::global_context;
+
+vx_global *vx_global_init(const char *proc_name) try {
+  auto context = std::make_unique<global_context>();
+  context->base.reset(event_base_new());
+  if (context->base == nullptr) {
+    PLATFORM_ERROR("no event loop can be had");
+    return nullptr;
+  }
+  context->loop = context->base.get();
+  context->instance = static_cast<uintptr_t>(getpid());
+  context->proc_name = proc_name == nullptr ? "" : proc_name;
+  return context.release();
+} catch (const std::bad_alloc &) {
+  PLATFORM_ERROR("no memory for the global context");
+  return nullptr;
+}
+
+void vx_global_run(vx_global *global) {
+  if (global != nullptr) event_base_loop(context_of(global).base.get(), EVLOOP_NO_EXIT_ON_EMPTY);
+}
+
+void vx_global_finish(vx_global *global) {
+  if (global == nullptr) return;
+  global_context &context = context_of(global);
+  context.redundancy.reset();
+  context.store.reset();
+  delete &context;
+}

@@ -1,0 +1,37 @@
+// What stands behind vx_global: the libevent loop, and what the other services attached to it.
+#pragma once
+
+#include <event2/event.h>
+
+#include <memory>
+#include <string>
+
+#include "vx_global.h"
+
+namespace ko_platform {
+
+struct event_base_deleter {
+  void operator()(event_base *base) const { event_base_free(base); }
+};
+struct event_deleter {
+  void operator()(event *ev) const { event_free(ev); }
+};
+using event_base_ptr = std::unique_ptr<event_base, event_base_deleter>;
+using event_ptr = std::unique_ptr<event, event_deleter>;
+
+// Something that lives until the context is finished; it may use the loop while it is destroyed.
+class attachment {
+ public:
+  virtual ~attachment() = default;
+};
+
+struct global_context final : vx_global {
+  event_base_ptr base;
+  std::string proc_name;
+  std::unique_ptr<attachment> store;  // the registration with the record store, or null
+  std::unique_ptr<attachment> redundancy;
+};
+
+inline global_context &context_of(vx_global *global) { return *static_cast<global_context *>(global); }
+
+}  // namespace ko_platform

@@ -1,0 +1,52 @@
+// Interface translation by the platform file's map of ports; without a map an interface index is its own physical id.
+#include "libddm.h"
+
+#include <new>
+#include <unordered_map>
+
+#include "platform_config.h"
+#include "platform_log.h"
+
+namespace {
+
+constexpr int32_t no_memory = -2;
+constexpr int32_t not_usable = -4;
+constexpr int32_t unknown_port = -7;
+
+struct translation {
+  bool identity = true;
+  std::unordered_map<uint32_t, uint32_t> phyids;
+};
+
+translation &table() {
+  static translation instance;
+  return instance;
+}
+
+}  // namespace
+
+int32_t libddm_init(vx_global *, const char *) try {
+  const ko_platform::config &config = ko_platform::process_config();
+  translation fresh;
+  fresh.identity = !config.has_ports;
+  for (const ko_platform::port &port : config.ports) fresh.phyids.emplace(port.ifx, port.phyid);
+  table() = std::move(fresh);
+  return 0;
+} catch (const ko_platform::config_error &error) {
+  PLATFORM_ERROR("%s", error.what());
+  return not_usable;
+} catch (const std::bad_alloc &) {
+  return no_memory;
+}
+
+int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
+  const translation &map = table();
+  if (map.identity) {
+    *phyid = ifx;
+    return 0;
+  }
+  const auto found = map.phyids.find(ifx);
+  if (found == map.phyids.end()) return unknown_port;
+  *phyid = found->second;
+  return 0;
+}

@@ -1,0 +1,56 @@
+#include "platform_log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace ko_platform {
+namespace {
+
+constexpr const char *category_name = "ko_platform";
+constexpr const char *level_file = "/var/tmp/ko_platform.zlog";
+constexpr uint32_t default_level = 2;
+
+uint32_t read_level() noexcept {
+  const int file = open(level_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0) return default_level;
+  char text[32] = {};
+  struct stat status;
+  const bool regular = fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+  const ssize_t length = regular ? read(file, text, sizeof(text) - 1) : -1;
+  close(file);
+  int level = 0;
+  if (length <= 0 || std::sscanf(text, "%d", &level) != 1) return default_level;
+  return static_cast<uint32_t>(level);
+}
+
+uint32_t threshold(int level) {
+  if (level >= VX_ZLOG_ERROR) return 1;
+  if (level >= VX_ZLOG_WARN) return 2;
+  return level >= VX_ZLOG_INFO ? 4 : 5;
+}
+
+}  // namespace
+
+bool log_enabled(int level) noexcept {
+  static const uint32_t channel_level = read_level();
+  return channel_level >= threshold(level);
+}
+
+void log_write(int level, const char *file, const char *func, int line, const char *format, ...) noexcept {
+  static vx_zlog_category *const category = vx_zlog_init(category_name);
+  if (category == nullptr) return;
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  vxdf_zlog(category, file, std::strlen(file), func, std::strlen(func), line, level, "%s", text);
+}
+
+}  // namespace ko_platform

@@ -1,0 +1,80 @@
+// What the store is made of: an engine keeps records and announces changes; its user, the registration of one process,
+// decides what to read and write. Engines: Redis, and the process's own memory.
+//
+// All calls in both directions happen on the thread of the event loop. An engine never calls its user from inside a
+// call of the user's.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/layout.h"
+
+namespace ko_store {
+
+// One hash of records.
+struct hash_id {
+  uint32_t db;
+  const ProtobufCMessageDescriptor *type;
+};
+
+// One change on its way to the store. Bytes are borrowed for the call.
+struct change {
+  hash_id hash;
+  change_kind kind;
+  std::string_view key;
+  std::string_view record;
+};
+
+struct stored_record {
+  std::string_view key;
+  std::string_view record;
+};
+
+class engine_user {
+ public:
+  virtual ~engine_user() = default;
+
+  // The engine can be read and written, and every change from now on will be announced.
+  virtual void up() = 0;
+  // The engine cannot be used any more; reads that were under way bring nothing. It tries by itself to come back.
+  virtual void down() = 0;
+  // A change of the input `input` was announced.
+  virtual void changed(size_t input, const announcement &what) = 0;
+  // Something that is no announcement came for the input `input`.
+  virtual void malformed(size_t input) = 0;
+  // Records of hash `hash`; `last` ends a scan. A record may come twice.
+  virtual void page(size_t hash, std::span<const stored_record> records, bool last) = 0;
+  // The hash cannot be read. `why` is the engine's reason.
+  virtual void unreadable(size_t hash, std::string_view why) = 0;
+  // The answer to a fetch: the record as it is stored now, or nothing.
+  virtual void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) = 0;
+  // The engine did not carry out `what`: it was refused, or its outcome is unknown after a break (`why` is empty).
+  virtual void undone(const change &what, std::string_view why) = 0;
+  // The engine can take more after it was congested.
+  virtual void relieved() = 0;
+};
+
+class engine {
+ public:
+  virtual ~engine() = default;
+
+  // Begins to serve `user` (borrowed for the engine's life). `hashes` are numbered from 0 in what follows; changes of
+  // the first `n_inputs` are announced. Called again, it drops what it did before.
+  virtual void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) = 0;
+
+  // Reads a whole hash; the answers are calls of page, or one of unreadable. Only while up.
+  virtual void scan(size_t hash) = 0;
+  // Reads one record of an input. Only while up.
+  virtual void fetch(size_t input, std::string_view key) = 0;
+  // Takes a change; it is carried out after those taken before. Only while up.
+  virtual void write(const change &what) = 0;
+  // Whether so much is under way that long work should wait for relieved.
+  virtual bool congested() const = 0;
+};
+
+}  // namespace ko_store

@@ -1,0 +1,180 @@
+// One process's registration with the store: what it reads and writes, and what it knows of both.
+//
+// It holds a copy of every input, so that a delete event has its contents and a break of the connection costs nothing
+// but a comparison; and of every record that the process wants in its outputs, so that the outputs can be put right.
+//
+//   idle --declare--> starting --up--> reading --all read--> delivering --> repairing --> live
+//                        ^                                                                 |
+//                        +------------------------------- down ---------------------------+
+//
+// reading: the stored inputs and outputs come in. delivering: the handlers are given what differs from the copies;
+// what they write is only noted. repairing: what is noted and what is stored are compared, and the difference is
+// written. Changes that are announced meanwhile wait. live: changes are delivered and written as they come.
+//
+// Long work is done in slices, so that the loop stays free.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <memory_resource>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "global_context.h"
+#include "store/arena.h"
+#include "store/engine.h"
+#include "vx_mom.h"
+
+namespace ko_store {
+
+struct counters {
+  uint64_t events = 0;            // handed to handlers
+  uint64_t handler_failures = 0;  // of these, answered with a status other than 0
+  uint64_t rejected = 0;          // records and announcements that cannot be used
+  uint64_t writes = 0;            // handed to the engine
+  uint64_t refused = 0;           // of these, refused by it
+  uint64_t reads = 0;             // times that the inputs were read
+};
+
+struct text_hash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
+};
+
+// Packed key to packed record. The memory of what is erased is used again.
+using record_map = std::pmr::unordered_map<std::pmr::string, std::pmr::string, text_hash, std::equal_to<>>;
+using sorted_records = std::pmr::map<std::pmr::string, std::pmr::string, std::less<>>;
+
+struct event_handler {
+  vx_mom_event_cb call = nullptr;
+  void *context = nullptr;
+};
+
+struct input_source {
+  hash_id hash;
+  event_handler on[2];    // by VX_MOM_EVENT_...
+  record_map copy;        // as the handlers know it
+  sorted_records stored;  // as it was just read
+};
+
+struct output_source {
+  hash_id hash;
+  std::string owner;      // whose records these are; empty: nobody's in particular
+  record_map wanted;      // as it shall be
+  sorted_records stored;  // as it was just read, own records only
+};
+
+class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
+ public:
+  registration(vx_global &context, std::string app_name, std::unique_ptr<engine> engine);
+  ~registration() override;
+
+  // The calls of vx_mom.h; statuses as there.
+  uint32_t declare(const mom_ds_entry *inputs, uint32_t n_inputs, const mom_ds_entry *outputs, uint32_t n_outputs);
+  int32_t set_option(uint32_t declaration, uint32_t option, uint32_t value);
+  int32_t on_key_event(const mom_ds_entry &input, uint32_t kind, event_handler handler);
+  void on_all_read(vx_mom_all_ds_cb handler, void *context);
+  int32_t put(uint32_t db, const ProtobufCMessage &message, change_kind kind);
+
+  const counters &counts() const { return counters_; }
+  // Nothing is left to read, deliver or repair.
+  bool settled() const { return state_ == state::live && waiting_.empty(); }
+
+ private:
+  enum class state { idle, starting, reading, delivering, repairing, live };
+
+  struct waiting_change {
+    size_t input;
+    change_kind kind;
+    std::string key;
+    std::string record;
+  };
+  struct loose_write {  // a change of no declared output: sent again until it is carried out
+    hash_id hash;
+    change_kind kind;
+    std::string key;
+    std::string record;
+  };
+
+  // engine_user
+  void up() override;
+  void down() override;
+  void changed(size_t input, const announcement &what) override;
+  void malformed(size_t input) override;
+  void page(size_t hash, std::span<const stored_record> records, bool last) override;
+  void unreadable(size_t hash, std::string_view why) override;
+  void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
+  void undone(const change &what, std::string_view why) override;
+  void relieved() override;
+
+  void read_all(bool inputs_too);
+  void read_done();
+  void run_slice();
+  bool deliver_some(std::chrono::steady_clock::time_point until);
+  bool repair_some(std::chrono::steady_clock::time_point until);
+  bool drain_some(std::chrono::steady_clock::time_point until);
+  void finish_delivery();
+  void finish_repair();
+  void repair_later();
+  void repair_due();
+  void wake(bool now);
+
+  void plan_deletes(input_source &source);
+  void apply(size_t input, const announcement &what);
+  void set_record(size_t input, std::string_view key, std::string_view record, bool stored);
+  void delete_record(size_t input, std::string_view key);
+  void hand_over(input_source &source, uint32_t kind, const ProtobufCMessage &message);
+  const ProtobufCMessage *decode(const input_source &source, std::string_view record);
+  void reject(const hash_id &hash, std::string_view key, const char *why);
+
+  output_source *output_of(const hash_id &hash);
+  bool is_own(const output_source &output, std::string_view key);
+  void send(const change &what);
+  void keep(const change &what);
+  void guard(const char *doing, auto &&work);
+
+  std::pmr::unsynchronized_pool_resource pool_;
+  std::string app_name_;
+  state state_ = state::idle;
+  uint32_t declaration_ = 0;
+  bool own_records_ = false;
+  bool all_read_told_ = false;
+  bool inputs_read_ = false;  // this read covers the inputs, not only the outputs
+  bool read_failed_ = false;  // it came to nothing; everything is to be read again
+  size_t scans_ = 0;          // not finished yet
+  std::vector<std::unique_ptr<input_source>> inputs_;
+  std::vector<std::unique_ptr<output_source>> outputs_;
+  vx_mom_all_ds_cb all_read_ = nullptr;
+  void *all_read_context_ = nullptr;
+
+  // Where delivery and repair are.
+  size_t position_ = 0;               // source
+  bool planned_ = false;              // its deletes were found
+  std::vector<std::string> deletes_;  // keys, the next one last
+  sorted_records::iterator next_;     // next set of a delivery
+  record_map::iterator next_wanted_;  // next comparison of a repair
+  std::vector<loose_write> loose_;
+  std::unordered_set<std::string> loose_seen_;
+  std::deque<waiting_change> waiting_;
+
+  std::unordered_set<std::string> told_;  // what was logged once already
+  std::string refusal_told_;
+  int repair_pause_ms_ = 0;
+  bool repair_wrote_ = false;
+  counters counters_;
+  arena arena_;
+  std::string key_buffer_;
+  std::string record_buffer_;
+  ko_platform::event_ptr slice_event_;
+  ko_platform::event_ptr repair_event_;
+  std::unique_ptr<engine> engine_;  // last: it goes first
+};
+
+// The registration of a context, or null.
+registration *registration_of(vx_global *global);
+
+}  // namespace ko_store

@@ -1,0 +1,88 @@
+// A switch in a folder: a redis-server on a Unix socket and the real daemon in mount namespaces of its own, so that
+// pid files, level files and the platform file are private. Everything that was started ends with its object.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+struct redisContext;
+
+namespace harness {
+
+// Fails the test and returns false when `condition` does not hold within a generous time.
+bool eventually(const std::function<bool()> &condition, const std::string &what);
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &text);
+
+// A child process.
+class process {
+ public:
+  process() = default;
+  process(const process &) = delete;
+  process &operator=(const process &) = delete;
+  ~process() { stop(); }
+
+  // Runs `arguments` (the first names the program); `prepare` runs in the child before it. Standard output and error go
+  // to the file `output` when it is not empty.
+  void start(const std::vector<std::string> &arguments, const std::string &output = {},
+             const std::function<void()> &prepare = {});
+  void signal(int number) const;
+  int wait();            // exit status; 256 + the signal's number for a killed process
+  void stop();           // SIGKILL, and waits; nothing when it does not run
+  bool running() const;  // the process has not ended
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// A connection to a server, for commands of a test's own.
+class client {
+ public:
+  explicit client(const std::string &socket);
+  client(const client &) = delete;
+  client &operator=(const client &) = delete;
+  ~client();
+
+  // Runs a command and gives its answer as text: elements of an array a line each, "(nil)", "(error) ...".
+  std::string run(const std::vector<std::string> &words);
+  bool connected() const;
+
+ private:
+  redisContext *context_;
+};
+
+class sandbox {
+ public:
+  // `daemon` is the program; level 5 is written to the level files of its channels.
+  explicit sandbox(std::string daemon);
+  ~sandbox();
+
+  const std::string &folder() const { return folder_; }
+  std::string socket() const { return folder_ + "/redis.sock"; }
+  std::string log() const { return read_file(folder_ + "/log"); }
+  void platform_file(const std::string &json) const;  // replaces the default, which names the socket and the log
+
+  void start_server(const std::vector<std::string> &options = {});
+  void start_daemon();        // returns when it was started, not when it is ready
+  void wait_until_settled();  // until the daemon has read everything and written what follows from it
+
+  process &server() { return server_; }
+  process &daemon() { return daemon_; }
+
+  // All records of the databases 4, 6 and 8: "<db> <hash> <key> <record>", bytes in hexadecimal, sorted.
+  std::vector<std::string> dump();
+
+ private:
+  std::string daemon_program_;
+  std::string folder_;
+  process server_;
+  process daemon_;
+};
+
+}  // namespace harness
