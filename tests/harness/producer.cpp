@@ -78,7 +78,9 @@ record result(const member &of, uint32_t value, uint32_t msg_type) {
   return result_of(of, "du_span", udp_db, value, msg_type);
 }
 
-record relayed(const member &of, uint32_t value) { return result_of(of, "ko_lspan", conf_db, value, 0); }
+record relayed(const member &of, uint32_t value, uint32_t msg_type) {
+  return result_of(of, "ko_lspan", conf_db, value, msg_type);
+}
 
 // ---- producer ----
 

@@ -116,7 +116,30 @@ const ProtobufCMessageDescriptor *const stored_types[] = {
     &u_monitor__span_dst_info__descriptor,      &u_monitor__span_mtp_info__descriptor,
     &u_bridge__udp_pt_learn__descriptor};
 
+std::string text_of(const std::string &line) {
+  const dumped entry = parse(line);
+  for (const ProtobufCMessageDescriptor *type : stored_types) {
+    const ko_store::message_ptr message = entry.hash == type->name ? ko_store::unpack(*type, entry.bytes) : nullptr;
+    if (message != nullptr) return std::to_string(entry.db) + " " + ko_store::to_text(*message);
+  }
+  return line;
+}
+
 }  // namespace
+
+std::string difference(std::vector<std::string> got, std::vector<std::string> expected) {
+  std::string out;
+  std::vector<std::string> only;
+  for (const char *what : {"\n  not expected: ", "\n  missing: "}) {
+    std::sort(got.begin(), got.end());
+    std::sort(expected.begin(), expected.end());
+    only.clear();
+    std::set_difference(got.begin(), got.end(), expected.begin(), expected.end(), std::back_inserter(only));
+    for (const std::string &line : only) out += what + text_of(line);
+    got.swap(expected);
+  }
+  return out;
+}
 
 std::string hex(std::string_view bytes) {
   static constexpr char digits[] = "0123456789abcdef";
@@ -318,14 +341,7 @@ void sandbox::restore(const std::vector<std::string> &lines) const {
 
 std::vector<std::string> sandbox::texts() const {
   std::vector<std::string> out;
-  for (const std::string &line : dump()) {
-    const dumped entry = parse(line);
-    for (const ProtobufCMessageDescriptor *type : stored_types) {
-      if (entry.hash != type->name) continue;
-      const ko_store::message_ptr message = ko_store::unpack(*type, entry.bytes);
-      out.push_back(std::to_string(entry.db) + " " + (message ? ko_store::to_text(*message) : "undecodable"));
-    }
-  }
+  for (const std::string &line : dump()) out.push_back(text_of(line));
   return out;
 }
 
