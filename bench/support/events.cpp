@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "p_policy.pb-c.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
@@ -49,6 +50,15 @@ std::array<char, 4> encoded(uint32_t n) {
 record session_record(uint32_t n) { return session_member(n, n, n); }
 
 record member_record(uint32_t session, uint32_t n) { return session_member(session, n, session); }
+
+record membership_record(uint32_t n, uint32_t group) {
+  PIntf__Intfindex key = P_INTF__INTFINDEX__INIT;
+  PPolicy__DataIntfConf message = P_POLICY__DATA_INTF_CONF__INIT;
+  key.index = n;
+  message.index = &key;
+  message.group_id = group;
+  return make(config_db, change_kind::set, message.base);
+}
 
 std::vector<record> derived_records(uint32_t n) {
   UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;

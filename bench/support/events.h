@@ -28,8 +28,10 @@ struct record {
 
 // The configuration record of event `n`.
 record session_record(uint32_t n);
-// The same as one member among many of session `session`, towards its port.
+// A member of session `session` whose source is port n, towards port `session`.
 record member_record(uint32_t session, uint32_t n);
+// Interface n in outflow group `group`.
+record membership_record(uint32_t n, uint32_t group);
 // What the daemon writes for it, in its order: destination, source, learning, flush request, mirror target.
 std::vector<record> derived_records(uint32_t n);
 
