@@ -170,7 +170,7 @@ class Random : public testing::Test {
     return of.apply < 2 ? types[of.apply] : "u_monitor.span_vlan_src_info";
   }
 
-  std::function<void()> set_member(driver::member what) {
+  std::function<void()> set_member(const driver::member &what) {
     const int32_t status = driver::set_member(what);
     return [=, this] {
       EXPECT_EQ(what.vlan.size() > 128 ? -4 : 0, status) << what_;
@@ -195,7 +195,7 @@ class Random : public testing::Test {
     };
   }
 
-  std::function<void()> del_member(driver::member what) {
+  std::function<void()> del_member(const driver::member &what) {
     const bool known = session(what.session) != nullptr;
     const bool had_source = known && source(what) != nullptr;
     const int32_t status = driver::del_member(what);
