@@ -196,6 +196,14 @@ TEST_F(Span, TranslationLeavesWhatItDidNotReach) {
   EXPECT_EQ(78U, d_phyid);
 }
 
+TEST_F(Span, AnySwitchButZeroGivesLearningBack) {
+  for (const uint32_t on : {1U, 2U, UINT32_MAX}) {
+    ko_lspan_mtp_info_switch(9, on);
+    EXPECT_EQ(lines{"vx_mom_del(FWD_DB, u_bridge.udp_pt_learn {t_app_name=\"ko_lspan\" t_ifx=9})"},
+              recording::take_trace());
+  }
+}
+
 // ---- entries ----
 
 TEST_F(Span, KindOfMirrorTargetByRole) {

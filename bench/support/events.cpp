@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "p_policy.pb-c.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
@@ -26,7 +27,8 @@ record make(uint32_t db, change_kind kind, const ProtobufCMessage &message) {
   return made;
 }
 
-record session_member(uint32_t session, uint32_t source, uint32_t target) {
+record session_member(uint32_t session, uint32_t source, uint32_t target, uint32_t vlan_words, uint32_t sample_rate) {
+  std::vector<uint32_t> vlans(vlan_words, 0x55555555);
   UMonitor__MirrorIndex key = U_MONITOR__MIRROR_INDEX__INIT;
   UMonitor__MirrorLspanInfo message = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
   key.t_user = owner();
@@ -36,6 +38,10 @@ record session_member(uint32_t session, uint32_t source, uint32_t target) {
   key.dir = 1;
   message.index = &key;
   message.role = U_MONITOR__MIRROR_ROLE__LOCALSPAN_DST;
+  message.sample_rate = sample_rate;
+  message.n_vlan_map = vlan_words;
+  message.vlan_map = vlans.data();
+  if (vlan_words > 0) message.apply_type = U_MONITOR__MIRROR_TYPE__VLAN;
   return make(config_db, change_kind::set, message.base);
 }
 
@@ -46,9 +52,20 @@ std::array<char, 4> encoded(uint32_t n) {
 
 }  // namespace
 
-record session_record(uint32_t n) { return session_member(n, n, n); }
+record session_record(uint32_t n) { return session_member(n, n, n, 0, 0); }
 
-record member_record(uint32_t session, uint32_t n) { return session_member(session, n, session); }
+record member_record(uint32_t session, uint32_t n, uint32_t vlan_words, uint32_t sample_rate) {
+  return session_member(session, n, session, vlan_words, sample_rate);
+}
+
+record membership_record(uint32_t n, uint32_t group) {
+  PIntf__Intfindex key = P_INTF__INTFINDEX__INIT;
+  PPolicy__DataIntfConf message = P_POLICY__DATA_INTF_CONF__INIT;
+  key.index = n;
+  message.index = &key;
+  message.group_id = group;
+  return make(config_db, change_kind::set, message.base);
+}
 
 std::vector<record> derived_records(uint32_t n) {
   UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;

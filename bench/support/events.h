@@ -28,8 +28,10 @@ struct record {
 
 // The configuration record of event `n`.
 record session_record(uint32_t n);
-// The same as one member among many of session `session`, towards its port.
-record member_record(uint32_t session, uint32_t n);
+// A member of session `session` whose source is port n, or VLANs on it when it has a VLAN map, towards port `session`.
+record member_record(uint32_t session, uint32_t n, uint32_t vlan_words = 0, uint32_t sample_rate = 0);
+// Interface n in outflow group `group`.
+record membership_record(uint32_t n, uint32_t group);
 // What the daemon writes for it, in its order: destination, source, learning, flush request, mirror target.
 std::vector<record> derived_records(uint32_t n);
 
