@@ -450,6 +450,7 @@ void registration::hand_over(input_source &source, uint32_t kind, const Protobuf
   if (handler.call == nullptr) return;
   ++counters_.events;
   const int32_t status = handler.call(handler.context, kind, &message);
+  if (on_event) on_event(kind, message, status);
   if (status == 0) return;
   ++counters_.handler_failures;
   PLATFORM_WARN("the handler of the %s event of %s %s answered with status %d",
