@@ -250,7 +250,8 @@ using name_lookup = std::function<uint32_t(const std::string &)>;
 
 template <class Value>
 Value &slot(ProtobufCMessage &message, unsigned offset) {
-  return *reinterpret_cast<Value *>(reinterpret_cast<char *>(&message) + offset);
+  void *field = reinterpret_cast<char *>(&message) + offset;
+  return *static_cast<Value *>(field);
 }
 
 void *allocate(size_t size) {
