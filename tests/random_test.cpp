@@ -58,15 +58,18 @@ class Random : public testing::Test {
   void restart() {
     driver::reset();
     recording::trace_on(false);
+    members_.clear();
     for (uint32_t ifx = 1; ifx <= interfaces; ++ifx) phyids_[ifx] = ifx + 1000;
   }
 
   void step() {
-    if (one_in(10000)) restart();
+    if (one_in(1000)) restart();
     if (one_in(500)) lspan_zlog_level = below(6);
-    if (one_in(300)) {
+    if (one_in(40)) draining_ = !one_in(3);  // sessions have to come to their end, too
+    if (one_in(1500)) {
       const uint32_t ifx = 1 + below(interfaces);
-      phyids_[ifx] = one_in(2) ? ifx + 1000 : 1 + below(interfaces);
+      const uint32_t strange[] = {ifx + 1000, 1 + below(interfaces), driver::group_target(1 + below(groups))};
+      phyids_[ifx] = strange[below(3)];
       recording::translate(ifx, phyids_[ifx]);
     }
     arm_failures();
@@ -98,11 +101,10 @@ class Random : public testing::Test {
       case 0:
       case 1:
       case 2:
-        return set_member(any_member());
       case 3:
       case 4:
       case 5:
-        return del_member(any_member());
+        return one_in(draining_ ? 6 : 2) ? set_member(any_member()) : del_member(known_member());
       case 6:
       case 7:
         return join(1 + below(interfaces), below(groups + 1));
@@ -117,8 +119,8 @@ class Random : public testing::Test {
     driver::member what;
     what.session = 1 + below(sessions);
     what.s = below(3);
-    what.dir = below(2);
-    what.acl = one_in(4);
+    what.dir = one_in(8);
+    what.acl = one_in(8);
     what.role = below(6);
     what.apply = below(4);
     what.mtp_switch = below(2);
@@ -130,9 +132,26 @@ class Random : public testing::Test {
       what.module = below(5);
       what.d = below(interfaces + 1);
     }
-    what_ = "session " + std::to_string(what.session) + ", source " + std::to_string(what.s) + ", target " +
-            std::to_string(what.d);
     return what;
+  }
+
+  // Mostly a member that was set before, so that a delete finds something; kind and target may be others by now.
+  driver::member known_member() {
+    if (one_in(8) || members_.empty()) return any_member();
+    std::swap(members_[below(static_cast<uint32_t>(members_.size()))], members_.back());
+    driver::member what = members_.back();
+    members_.pop_back();
+    if (one_in(8)) what.apply = below(4);
+    if (one_in(60)) {
+      what.module = what.module == 5 ? 0 : 5;
+      what.d = what.module == 5 ? driver::group_target(1 + below(groups)) : below(interfaces + 1);
+    }
+    return what;
+  }
+
+  void describe(const char *event, const driver::member &of) {
+    what_ = std::string(event) + " session " + std::to_string(of.session) + ", source " + std::to_string(of.s) +
+            ", target " + std::to_string(of.d);
   }
 
   mirror_info *session(uint32_t number) { return mirror_list_search_session_info(&lspan_global.session_list, number); }
@@ -170,8 +189,21 @@ class Random : public testing::Test {
     return of.apply < 2 ? types[of.apply] : "u_monitor.span_vlan_src_info";
   }
 
-  std::function<void()> set_member(driver::member what) {
+  // The targets that the groups name.
+  std::vector<const mtp_info *> named() const {
+    std::vector<const mtp_info *> targets;
+    for (uint32_t group_id = 1; group_id <= groups; ++group_id) {
+      const outgrb_group_info *group = outgrb_group_hash_get(&group_id);
+      targets.push_back(group == nullptr ? nullptr : group->mtp_info);
+    }
+    return targets;
+  }
+
+  std::function<void()> set_member(const driver::member &what) {
+    describe("set", what);
+    const auto named_before = named();
     const int32_t status = driver::set_member(what);
+    if (status == 0) members_.push_back(what);
     return [=, this] {
       EXPECT_EQ(what.vlan.size() > 128 ? -4 : 0, status) << what_;
       if (status != 0) return;
@@ -184,6 +216,7 @@ class Random : public testing::Test {
       EXPECT_EQ(what.mtp_switch, target->mtp_switch) << what_;
       if (what.module != 5) {
         EXPECT_EQ(what.mtp_switch == 0, learning_is_off(what.d)) << what_;
+        EXPECT_EQ(named_before, named()) << what_;
         return;
       }
       const uint32_t group_id = driver::group_target(what.d);
@@ -195,10 +228,13 @@ class Random : public testing::Test {
     };
   }
 
-  std::function<void()> del_member(driver::member what) {
+  std::function<void()> del_member(const driver::member &what) {
+    describe("delete", what);
     const bool known = session(what.session) != nullptr;
     const bool had_source = known && source(what) != nullptr;
     const int32_t status = driver::del_member(what);
+    if (status != 0 && known) members_.push_back(what);
+    ended_ += known && session(what.session) == nullptr;
     return [=, this] {
       EXPECT_EQ(known ? 0 : -2, status) << what_;
       if (!known) return;
@@ -297,8 +333,11 @@ class Random : public testing::Test {
 
   std::mt19937_64 engine_{from_environment("RANDOM_SEED", 1)};
   uint32_t phyids_[interfaces + 1] = {};
-  std::string what_;     // the last event, for messages
-  uint64_t failed_ = 0;  // events in which something failed
+  std::string what_;                     // the last event, for messages
+  bool draining_ = false;                // more members go than come
+  std::vector<driver::member> members_;  // set and not deleted
+  uint64_t failed_ = 0;                  // events in which something failed
+  uint64_t ended_ = 0;                   // sessions that came to their end
 };
 
 TEST_F(Random, EventsAndFailures) {
@@ -307,8 +346,9 @@ TEST_F(Random, EventsAndFailures) {
     step();
     ASSERT_FALSE(HasFailure()) << "event " << i << " of seed " << from_environment("RANDOM_SEED", 1);
   }
-  std::cout << events << " events, something failed in " << failed_ << " of them\n";
-  EXPECT_TRUE(failed_ > events / 20 && failed_ < events / 2) << failed_ << " of " << events;
+  std::cout << events << " events, something failed in " << failed_ << "; " << ended_ << " sessions ended\n";
+  if (events < 50000) return;
+  EXPECT_TRUE(failed_ > events / 20 && failed_ < events / 2 && ended_ > events / 50) << "no mixture";
 }
 
 }  // namespace

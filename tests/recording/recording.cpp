@@ -15,6 +15,7 @@
 #include "libddm.h"
 #include "state.h"
 #include "store/layout.h"
+#include "store/record_text.h"
 
 struct vx_zlog_category {
   std::string name;
@@ -57,7 +58,7 @@ std::string pointer_name(const void *pointer) {
 
 std::string typed_text(const ProtobufCMessage *message) {
   if (message == nullptr) return "null";
-  const std::string text = record_text(*message);
+  const std::string text = ko_store::to_text(*message);
   return message->descriptor->name + (text.empty() ? "" : ' ' + text);
 }
 
@@ -399,7 +400,7 @@ void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, co
       default:
         out += "level " + std::to_string(level) + ' ';
     }
-    out += std::string(func) + ": " + recording::escaped(text);
+    out += std::string(func) + ": " + ko_store::escaped(text);
     if (std::strcmp(format, "%s") != 0) out += " with a format of its own";
     if (file_len != std::strlen(file) || func_len != std::strlen(func)) out += " with a wrong length";
     if (file[0] == '/' || line <= 0) out += " with a place of its own";

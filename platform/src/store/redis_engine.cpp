@@ -289,7 +289,7 @@ void redis_engine::broken(std::string_view why) {
 
 void redis_engine::retry_later() {
   pause_ms_ = std::clamp(2 * pause_ms_, first_pause_ms, longest_pause_ms);
-  const timeval pause{pause_ms_ / 1000, pause_ms_ % 1000 * 1000};
+  const timeval pause{pause_ms_ / 1000, pause_ms_ % 1000 * 1000L};
   event_add(retry_.get(), &pause);
 }
 

@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <memory_resource>
@@ -84,6 +85,9 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   int32_t on_key_event(const mom_ds_entry &input, uint32_t kind, event_handler handler);
   void on_all_read(vx_mom_all_ds_cb handler, void *context);
   int32_t put(uint32_t db, const ProtobufCMessage &message, change_kind kind);
+
+  // Called after every event with its kind (VX_MOM_EVENT_...) and the handler's status; for dry runs and tests.
+  std::function<void(uint32_t kind, const ProtobufCMessage &message, int32_t status)> on_event;
 
   const counters &counts() const { return counters_; }
   // Nothing is left to read, deliver or repair.

@@ -1,0 +1,196 @@
+// The chain: a producer writes session records, the daemon answers with its records, an observer sees the last of them.
+// Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the floor alternate
+// on one server.
+//
+//   bench_chain DAEMON FLOOR [EVENTS] [RUNS]
+//
+// EVENTS: with thousands waiting, per run; a tenth of it one at a time.
+#include <hiredis/hiredis.h>
+#include <poll.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+
+#include "events.h"
+#include "figures.h"
+#include "sandbox.h"
+
+namespace {
+
+constexpr uint32_t most_waiting = 4000;  // events on their way at once
+constexpr uint32_t burst = 250;          // the producer's
+constexpr int silence_ms = 10'000;       // an answer that takes longer never comes
+
+[[noreturn]] void fail(const char *what) {
+  std::fprintf(stderr, "bench_chain: %s\n", what);
+  std::exit(1);
+}
+
+class connection {
+ public:
+  explicit connection(const std::string &socket) : context_(redisConnectUnixNonBlock(socket.c_str()), &redisFree) {
+    if (context_ == nullptr || context_->err != 0) fail("no connection to the server");
+  }
+
+  void append(std::string_view command) {
+    redisAppendFormattedCommand(context_.get(), command.data(), command.size());
+    flushed_ = 0;
+  }
+
+  pollfd wish() const { return {context_->fd, static_cast<short>(flushed_ ? POLLIN : POLLIN | POLLOUT), 0}; }
+
+  void flush() {
+    if (!flushed_ && redisBufferWrite(context_.get(), &flushed_) != REDIS_OK) fail("the server is gone");
+  }
+
+  // Reads what has come and calls `take` for each answer.
+  template <class Take>
+  void read(Take take) {
+    if (redisBufferRead(context_.get()) != REDIS_OK) fail("the server is gone");
+    for (void *answer = nullptr; redisGetReplyFromReader(context_.get(), &answer) == REDIS_OK && answer != nullptr;) {
+      const auto *reply = static_cast<const redisReply *>(answer);
+      if (reply->type == REDIS_REPLY_ERROR) fail(reply->str);
+      take(*reply);
+      freeReplyObject(answer);
+      answer = nullptr;
+    }
+  }
+
+ private:
+  std::unique_ptr<redisContext, decltype(&redisFree)> context_;
+  int flushed_ = 1;
+};
+
+struct chain {
+  connection producer;
+  connection observer;
+  std::vector<bench::pattern> event;
+  uint32_t next = bench::first_number;
+
+  explicit chain(const std::string &socket) : producer(socket), observer(socket) {
+    for (const std::string &text : bench::commands_of(bench::session_record(bench::pattern::number)))
+      event.emplace_back(text);
+    producer.append(bench::command({"SELECT", "4"}));
+    observer.append(bench::command({"SUBSCRIBE", bench::mirror_target_channel()}));
+    bool subscribed = false;
+    while (!subscribed) step([&](const redisReply &) { subscribed = true; });
+  }
+
+  template <class Take>
+  void step(Take on_answer) {
+    producer.flush();
+    observer.flush();
+    pollfd files[] = {producer.wish(), observer.wish()};
+    if (poll(files, 2, silence_ms) == 0) fail("no answer came");
+    if (files[1].revents & POLLIN) observer.read(on_answer);
+    if (files[0].revents & POLLIN) producer.read([](const redisReply &) {});
+  }
+
+  void produce() {
+    for (bench::pattern &part : event) producer.append(part.with(next));
+    ++next;
+  }
+
+  // Sends `n` events, at most `waiting` at a time, `together` at once; gives the seconds that each took.
+  std::vector<double> run(uint32_t n, uint32_t waiting, uint32_t together) {
+    std::vector<double> sent;
+    std::vector<double> took;
+    sent.reserve(n);
+    took.reserve(n);
+    while (took.size() < n) {
+      if (sent.size() - took.size() + together <= waiting) {
+        for (uint32_t i = 0; i < together && sent.size() < n; ++i) {
+          sent.push_back(bench::seconds_now());
+          produce();
+        }
+      }
+      step([&](const redisReply &) { took.push_back(bench::seconds_now() - sent[took.size()]); });
+    }
+    return took;
+  }
+};
+
+struct figures {
+  std::vector<double> per_second, waiting_p50, single_p50, single_p99;
+  std::vector<double> commands, reads, writes;  // of the server, per event with thousands waiting
+};
+
+double server_count(harness::client &server, const std::string &name) {
+  const std::string info = server.run({"INFO", "stats"});
+  const size_t at = info.find(name + ":");
+  if (at == std::string::npos) fail("the server does not count");
+  return std::atof(info.c_str() + at + name.size() + 1);
+}
+
+// `start` starts what stands in the daemon's place.
+void measure(harness::sandbox &box, const std::function<void()> &start, uint32_t events, figures &out) {
+  harness::client server(box.socket());
+  server.run({"FLUSHALL", "SYNC"});
+  start();
+  harness::eventually(
+      [&] {
+        return server.run({"PUBSUB", "NUMSUB", bench::session_channel()}).ends_with("1\n");
+      },
+      "the subscription");
+  chain it(box.socket());
+  it.run(1, 1, 1);                           // what comes while the daemon still reads is answered in another order
+  it.run(events / 10, most_waiting, burst);  // everything has met everything once
+  const auto single = it.run(events / 10, 1, 1);
+  const char *counted[] = {"total_commands_processed", "total_reads_processed", "total_writes_processed"};
+  double before[3];
+  for (int i = 0; i < 3; ++i) before[i] = server_count(server, counted[i]);
+  const double begin = bench::seconds_now();
+  const auto waiting = it.run(events, most_waiting, burst);
+  out.per_second.push_back(events / (bench::seconds_now() - begin));
+  out.waiting_p50.push_back(bench::median(waiting) * 1e3);
+  out.single_p50.push_back(bench::median(single) * 1e6);
+  out.single_p99.push_back(bench::quantile(single, 0.99) * 1e6);
+  std::vector<double> *counts[] = {&out.commands, &out.reads, &out.writes};
+  for (int i = 0; i < 3; ++i) counts[i]->push_back((server_count(server, counted[i]) - before[i]) / events);
+}
+
+void print(const char *what, const std::vector<double> &daemon, const std::vector<double> &bare) {
+  const double a = bench::median(daemon);
+  const double b = bench::median(bare);
+  std::printf("%-44s %12.2f %12.2f %8.3f\n", what, a, b, a / b);
+}
+
+}  // namespace
+
+int main(int n_words, char **words) {
+  if (n_words < 3) fail("usage: bench_chain DAEMON FLOOR [EVENTS] [RUNS]");
+  const auto events = static_cast<uint32_t>(n_words > 3 ? std::atoi(words[3]) : 100'000);
+  const int runs = n_words > 4 ? std::atoi(words[4]) : 5;
+  if (!bench::pin_to_one_core()) fail("cannot be tied to one core");
+  harness::sandbox box(words[1]);
+  for (const char *channel : {"dl", "ko_lspan", "ko_platform"})
+    std::remove((box.folder() + "/tmp/" + channel + ".zlog").c_str());
+  box.start_server();
+
+  harness::process bare;
+  const std::function<void()> start_daemon = [&] { box.start_daemon(); };
+  const std::function<void()> start_bare = [&] { bare.start({words[2], "chain", box.socket()}); };
+  figures daemon_figures, bare_figures;
+  std::vector<std::string> dumps[2];
+  for (int run = -1; run < runs; ++run) {
+    figures ignored;
+    const uint32_t n = run < 0 ? 100 : events;  // the first only shows that both write the same
+    measure(box, start_daemon, n, run < 0 ? ignored : daemon_figures);
+    if (run < 0) dumps[0] = box.dump();
+    box.daemon().stop();
+    measure(box, start_bare, n, run < 0 ? ignored : bare_figures);
+    if (run < 0) dumps[1] = box.dump();
+    bare.stop();
+  }
+  if (dumps[0] != dumps[1]) fail("the floor does not write what the daemon writes");
+  std::printf("chain: %u events a run, medians of %d runs %20s %12s %8s\n", events, runs, "daemon", "floor", "ratio");
+  print("events/s, 4000 waiting", daemon_figures.per_second, bare_figures.per_second);
+  print("latency p50, 4000 waiting, ms", daemon_figures.waiting_p50, bare_figures.waiting_p50);
+  print("latency p50, one at a time, us", daemon_figures.single_p50, bare_figures.single_p50);
+  print("latency p99, one at a time, us", daemon_figures.single_p99, bare_figures.single_p99);
+  print("server commands per event, 4000 waiting", daemon_figures.commands, bare_figures.commands);
+  print("server reads per event, 4000 waiting", daemon_figures.reads, bare_figures.reads);
+  print("server writes per event, 4000 waiting", daemon_figures.writes, bare_figures.writes);
+}
