@@ -104,6 +104,8 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
   channels_.clear();
   for (const hash_id &id : hashes_) channels_.push_back(channel_name(id.db, id.type->name));
   n_inputs_ = n_inputs;
+  subscription_.clear();
+  for (size_t i = 0; i < n_inputs_; ++i) subscription_.append(i == 0 ? "" : ", ").append(channels_[i]);
   ring_used_ = 0;
   event_add(retry_.get(), &at_once);
 }
@@ -149,6 +151,8 @@ bool redis_engine::open(bool subscribes) {
     auto *self = static_cast<redis_engine *>(c->data);
     if (self == nullptr) return;
     end_if_exhausted(c);
+    if (c == self->reader_ && c->err == REDIS_ERR_OTHER && !self->told_.contains(std::string_view(c->errstr)))
+      PLATFORM_ERROR("the subscription to %s is refused", self->subscription_.c_str());
     (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;
     self->broken(c->err == 0 ? "the connection was closed" : c->errstr);
   });
@@ -351,6 +355,8 @@ void redis_engine::on_fetched(const redisReply &reply) {
     user_->fetched(asked.input, asked.key, text_of(reply));
   else if (reply.type == REDIS_REPLY_NIL)
     user_->fetched(asked.input, asked.key, std::nullopt);
+  else if (is_error(&reply) && told_.emplace(text_of(reply)).second)
+    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[asked.input].c_str(), reply.str);
 }
 
 // Everything that needs memory comes first: half a transaction would be taken for the begin of the next.

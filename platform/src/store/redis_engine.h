@@ -82,6 +82,7 @@ class redis_engine final : public engine {
   std::vector<hash_id> hashes_;
   std::vector<std::string> channels_;  // one for each hash
   size_t n_inputs_ = 0;
+  std::string subscription_;  // channels of the inputs, for people
 
   redisAsyncContext *reader_ = nullptr;  // subscription; owned, as hiredis allows
   redisAsyncContext *writer_ = nullptr;
