@@ -3,10 +3,12 @@
 #include <hiredis/async.h>
 #include <hiredis/hiredis.h>
 #include <hiredis/sds.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -22,6 +24,8 @@ constexpr size_t most_unanswered = 8192;         // writes; above, long work wai
 constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
+constexpr timeval patience{1, 0};     // without an answer, before that is said
+constexpr int dead_peer_ms = 30'000;  // what was sent to another machine and not confirmed
 
 std::string_view text_of(const redisReply &reply) { return {reply.str, reply.len}; }
 
@@ -67,8 +71,17 @@ void end_if_exhausted(const redisAsyncContext *connection) {
   std::_Exit(EXIT_FAILURE);
 }
 
-void append_bulk(std::string &out, std::string_view word) {
-  out.append("$").append(std::to_string(word.size())).append("\r\n").append(word).append("\r\n");
+// A connection to another machine that has gone without a word is noticed, too.
+void expect_life(redisAsyncContext *connection) {
+  redisEnableKeepAlive(&connection->c);
+  setsockopt(connection->c.fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_peer_ms, sizeof(dead_peer_ms));
+}
+
+template <class Words>
+void append_command(std::string &out, const Words &words) {
+  out.append("*").append(std::to_string(words.size())).append("\r\n");
+  for (const std::string_view word : words)
+    out.append("$").append(std::to_string(word.size())).append("\r\n").append(word).append("\r\n");
 }
 
 }  // namespace
@@ -77,7 +90,9 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
     : base_(ko_platform::context_of(&global).base.get()), address_(std::move(address)) {
   retry_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
-  if (retry_ == nullptr) throw std::bad_alloc();
+  watch_.reset(event_new(
+      base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->look(); }, this));
+  if (retry_ == nullptr || watch_ == nullptr) throw std::bad_alloc();
 }
 
 redis_engine::~redis_engine() { close(); }
@@ -95,18 +110,35 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
 
 // ---- connections ----
 
-redisAsyncContext *redis_engine::open(bool subscribes) {
+// Every answer comes through here. Nothing is thrown into the library, and nothing of a closed connection is looked at:
+// its last answers are null, or come while it waits to be freed.
+template <void (redis_engine::*on_reply)(const redisReply &)>
+void redis_engine::answer(redisAsyncContext *connection, void *reply, void *self_pointer) {
+  if (reply == nullptr || connection->data == nullptr) return;
+  auto &self = *static_cast<redis_engine *>(self_pointer);
+  ++self.answers_;
+  if (std::exchange(self.silent_, false)) PLATFORM_WARN("the store answers again");
+  try {
+    (self.*on_reply)(*static_cast<const redisReply *>(reply));
+  } catch (const std::bad_alloc &) {
+    self.broken("memory is exhausted");
+  }
+}
+
+// Begins a connection. False when that failed at once; another attempt is under way then.
+bool redis_engine::open(bool subscribes) {
   redisAsyncContext *connection = address_.socket.empty() ? redisAsyncConnect(address_.host.c_str(), address_.port)
                                                           : redisAsyncConnectUnix(address_.socket.c_str());
   end_if_exhausted(connection);
+  connection->data = this;
+  (subscribes ? reader_ : writer_) = connection;
   if (connection->err != 0) {
     const std::string why = connection->errstr;
-    redisAsyncFree(connection);
     broken(why);
-    return nullptr;
+    return false;
   }
-  connection->data = this;
   attach(connection, base_);
+  if (address_.socket.empty()) expect_life(connection);
   redisAsyncSetConnectCallback(connection, [](const redisAsyncContext *c, int status) {
     auto *self = static_cast<redis_engine *>(c->data);
     if (status == REDIS_OK || self == nullptr) return;
@@ -120,84 +152,78 @@ redisAsyncContext *redis_engine::open(bool subscribes) {
     (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;
     self->broken(c->err == 0 ? "the connection was closed" : c->errstr);
   });
-  (subscribes ? reader_ : writer_) = connection;
-  return connection;
+  return true;
 }
 
 void redis_engine::connect() try {
   ready_ = false;
   subscriptions_ = 0;
-  selected_db_ = 0;
-  if (open(false) == nullptr || !log_in(writer_, &redis_engine::logged_in)) return;
-  if (open(true) == nullptr) return;
-  log_in(reader_, &redis_engine::logged_in);
+  if (!open(false)) return;
+  log_in(writer_, &answer<&redis_engine::on_writer_login>);
+  if (!open(true)) return;
+  log_in(reader_, &answer<&redis_engine::on_reader_login>);
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
 // Sends AUTH when there is something to log in with, and a PING otherwise; `then` gets the answer.
-bool redis_engine::log_in(redisAsyncContext *connection, void (*then)(redisAsyncContext *, void *, void *)) {
-  const bool named = !address_.user.empty();
-  std::vector<const char *> words{"AUTH"};
-  if (named) words.push_back(address_.user.c_str());
-  words.push_back(address_.password.c_str());
+void redis_engine::log_in(redisAsyncContext *connection, callback then) {
+  std::vector<std::string_view> words{"AUTH"};
+  if (!address_.user.empty()) words.push_back(address_.user);
+  words.push_back(address_.password);
   if (address_.password.empty()) words = {"PING"};
-  std::vector<size_t> lengths(words.size());
-  std::transform(words.begin(), words.end(), lengths.begin(), std::strlen);
-  return redisAsyncCommandArgv(connection, then, this, static_cast<int>(words.size()), words.data(), lengths.data()) ==
-         REDIS_OK;
+  submit(connection, words, then);
 }
 
-void redis_engine::logged_in(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection->data == nullptr) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  if (connection == self.reader_) return self.subscribe();
-  redisAsyncCommand(connection, &redis_engine::pinged, &self, "PING");
+void redis_engine::submit(redisAsyncContext *connection, const std::vector<std::string_view> &words, callback then) {
+  command_.clear();
+  append_command(command_, words);
+  watch();
+  redisAsyncFormattedCommand(connection, then, this, command_.data(), command_.size());
+}
+
+// Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
+// database before it.
+void redis_engine::on_writer_login(const redisReply &reply) {
+  if (is_error(&reply)) return broken(text_of(reply));
+  selected_db_ = 0;
+  for (const hash_id &id : hashes_) select(id.db);
+  submit(writer_, {"PING"}, &answer<&redis_engine::on_ready>);
+}
+
+void redis_engine::on_selected(const redisReply &reply) {
+  if (is_error(&reply)) broken(text_of(reply));
 }
 
 // A server that is still loading refuses this, whatever it said to the login.
-void redis_engine::pinged(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection->data == nullptr) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  self.ready_ = true;
-  self.check_up();
+void redis_engine::on_ready(const redisReply &reply) {
+  if (is_error(&reply)) return broken(text_of(reply));
+  ready_ = true;
+  check_up();
 }
 
-void redis_engine::subscribe() {
-  std::vector<const char *> words{"SUBSCRIBE"};
-  std::vector<size_t> lengths{std::strlen(words[0])};
-  for (size_t i = 0; i < n_inputs_; ++i) {
-    words.push_back(channels_[i].c_str());
-    lengths.push_back(channels_[i].size());
-  }
+void redis_engine::on_reader_login(const redisReply &reply) {
+  if (is_error(&reply)) return broken(text_of(reply));
+  std::vector<std::string_view> words{"SUBSCRIBE"};
+  words.insert(words.end(), channels_.begin(), channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_));
   if (n_inputs_ == 0) return check_up();
-  redisAsyncCommandArgv(reader_, &redis_engine::subscribed, this, static_cast<int>(words.size()), words.data(),
-                        lengths.data());
+  submit(reader_, words, &answer<&redis_engine::on_subscription>);
 }
 
-void redis_engine::subscribed(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection != self.reader_) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) return;
-  const std::string_view what = text_of(*reply->element[0]);
-  if (what == "subscribe") {
-    ++self.subscriptions_;
-    self.check_up();
-  } else if (what == "message") {
-    self.on_message(*reply);
-  }
+void redis_engine::on_subscription(const redisReply &reply) {
+  if (is_error(&reply)) return broken(text_of(reply));
+  if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 3) return;
+  const std::string_view what = text_of(*reply.element[0]);
+  if (what == "message") return on_message(reply);
+  if (what != "subscribe") return;
+  ++subscriptions_;
+  check_up();
 }
 
 void redis_engine::check_up() {
   if (up_ || !ready_ || subscriptions_ < n_inputs_) return;
   up_ = true;
-  pause_ms_ = 0;
+  up_since_ = std::chrono::steady_clock::now();
   if (told_.empty())
     PLATFORM_INFO("connected to the store at %s", to_string(address_).c_str());
   else
@@ -221,7 +247,7 @@ void redis_engine::on_message(const redisReply &reply) {
 }
 
 void redis_engine::close() {
-  if (retry_ != nullptr) event_del(retry_.get());
+  event_del(retry_.get());
   for (redisAsyncContext **connection : {&reader_, &writer_}) {
     redisAsyncContext *old = std::exchange(*connection, nullptr);
     if (old == nullptr) continue;
@@ -229,21 +255,32 @@ void redis_engine::close() {
     redisAsyncFree(old);
   }
   up_ = false;
+  silent_ = false;
+  was_congested_ = false;
   scanning_.clear();
   fetching_.clear();
   error_.clear();
 }
 
-void redis_engine::broken(const std::string &why) {
+// A connection that did not last long goes on with the pauses that it began with.
+void redis_engine::broken(std::string_view why) {
   const bool was_up = up_;
+  const auto lasted = std::chrono::steady_clock::now() - up_since_;
+  if (was_up && lasted > std::chrono::milliseconds(longest_pause_ms)) pause_ms_ = 0;
+  try {
+    if (!told_.contains(why)) {
+      told_.emplace(why);
+      PLATFORM_ERROR("the store at %s cannot be used: %.*s; it is tried again with growing pauses",
+                     to_string(address_).c_str(), static_cast<int>(why.size()), why.data());
+    }
+  } catch (const std::bad_alloc &) {
+    PLATFORM_ERROR("the store cannot be used, and memory is exhausted");
+  }
   close();
-  if (told_.insert(why).second)
-    PLATFORM_ERROR("the store at %s cannot be used: %s; it is tried again with growing pauses",
-                   to_string(address_).c_str(), why.c_str());
   if (was_up) {
     user_->down();
     for (; ring_used_ > 0; drop_written()) {
-      const written &lost = *oldest();
+      const written &lost = oldest();
       user_->undone({lost.hash, lost.kind, lost.key, lost.record}, {});
     }
   }
@@ -258,32 +295,22 @@ void redis_engine::retry_later() {
 
 // ---- commands ----
 
-template <void (redis_engine::*on_reply)(const redisReply *)>
-void redis_engine::answer(redisAsyncContext *connection, void *reply, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  if (reply == nullptr || connection != self.writer_) return;  // the connection is gone
-  (self.*on_reply)(static_cast<const redisReply *>(reply));
-}
-
 // Answers on the way to an outcome: only errors matter.
-void redis_engine::noticed(redisAsyncContext *connection, void *reply, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  if (connection != self.writer_ || !is_error(static_cast<const redisReply *>(reply))) return;
-  if (self.error_.empty()) self.error_ = text_of(*static_cast<const redisReply *>(reply));
+void redis_engine::on_queued(const redisReply &reply) {
+  if (is_error(&reply) && error_.empty()) error_ = text_of(reply);
 }
 
-void redis_engine::send(std::initializer_list<std::string_view> words,
-                        void (*answered)(redisAsyncContext *, void *, void *)) {
+void redis_engine::send(std::initializer_list<std::string_view> words, callback then) {
   command_.clear();
-  command_.append("*").append(std::to_string(words.size())).append("\r\n");
-  for (const std::string_view word : words) append_bulk(command_, word);
-  redisAsyncFormattedCommand(writer_, answered, this, command_.data(), command_.size());
+  append_command(command_, words);
+  watch();
+  redisAsyncFormattedCommand(writer_, then, this, command_.data(), command_.size());
 }
 
 void redis_engine::select(uint32_t db) {
   if (selected_db_ == db) return;
   selected_db_ = db;
-  send({"SELECT", std::to_string(db)}, &redis_engine::noticed);
+  send({"SELECT", std::to_string(db)}, &answer<&redis_engine::on_selected>);
 }
 
 void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
@@ -294,16 +321,13 @@ void redis_engine::ask_page(size_t hash, std::string_view cursor) {
   send({"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size}, &answer<&redis_engine::on_page>);
 }
 
-void redis_engine::on_page(const redisReply *reply) {
+void redis_engine::on_page(const redisReply &reply) {
   const size_t hash = scanning_.front();
   scanning_.pop_front();
-  if (is_error(reply) || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) {
-    const std::string why = error_.empty() ? std::string(is_error(reply) ? text_of(*reply) : "no page") : error_;
-    error_.clear();
-    return user_->unreadable(hash, why);
-  }
-  const std::string cursor(text_of(*reply->element[0]));
-  const redisReply &fields = *reply->element[1];
+  if (is_error(&reply)) return user_->unreadable(hash, text_of(reply));
+  if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) return user_->unreadable(hash, "the answer is no page");
+  const std::string cursor(text_of(*reply.element[0]));
+  const redisReply &fields = *reply.element[1];
   std::vector<stored_record> records;
   records.reserve(fields.elements / 2);
   for (size_t i = 0; i + 1 < fields.elements; i += 2)
@@ -319,50 +343,54 @@ void redis_engine::fetch(size_t input, std::string_view key) {
   send({"HGET", hashes_[input].type->name, key}, &answer<&redis_engine::on_fetched>);
 }
 
-void redis_engine::on_fetched(const redisReply *reply) {
+// When it cannot be read, what was known of it stands.
+void redis_engine::on_fetched(const redisReply &reply) {
   const fetching asked = std::move(fetching_.front());
   fetching_.pop_front();
-  if (reply->type == REDIS_REPLY_STRING)
-    user_->fetched(asked.input, asked.key, text_of(*reply));
-  else if (reply->type == REDIS_REPLY_NIL)
+  if (reply.type == REDIS_REPLY_STRING)
+    user_->fetched(asked.input, asked.key, text_of(reply));
+  else if (reply.type == REDIS_REPLY_NIL)
     user_->fetched(asked.input, asked.key, std::nullopt);
 }
 
+// Everything that needs memory comes first: half a transaction would be taken for the begin of the next.
 void redis_engine::write(const change &what) {
-  written &entry = add_written();
-  entry.hash = what.hash;
-  entry.kind = what.kind;
-  entry.key = what.key;
-  entry.record = what.record;
-
   const std::string_view name = what.hash.type->name;
-  thread_local std::string bytes;
-  thread_local std::string channel;
-  bytes.clear();
-  append_announcement({what.kind, what.key, what.record}, bytes);
-  channel = channel_name(what.hash.db, name);
-  if (what.kind == change_kind::publish) return send({"PUBLISH", channel, bytes}, &answer<&redis_engine::on_outcome>);
-  select(what.hash.db);
-  send({"MULTI"}, &redis_engine::noticed);
-  if (what.kind == change_kind::set)
-    send({"HSET", name, what.key, what.record}, &redis_engine::noticed);
-  else
-    send({"HDEL", name, what.key}, &redis_engine::noticed);
-  send({"PUBLISH", channel, bytes}, &redis_engine::noticed);
-  send({"EXEC"}, &answer<&redis_engine::on_outcome>);
+  announcement_.clear();
+  append_announcement({what.kind, what.key, what.record}, announcement_);
+  channel_.assign(std::to_string(what.hash.db)).append(":").append(name);
+  if (what.kind != change_kind::publish) select(what.hash.db);
+
+  command_.clear();
+  size_t ends[4] = {};
+  size_t n = 0;
+  const auto append = [&](std::initializer_list<std::string_view> words) {
+    append_command(command_, words);
+    ends[n++] = command_.size();
+  };
+  if (what.kind != change_kind::publish) append({"MULTI"});
+  if (what.kind == change_kind::set) append({"HSET", name, what.key, what.record});
+  if (what.kind == change_kind::del) append({"HDEL", name, what.key});
+  append({"PUBLISH", channel_, announcement_});
+  if (what.kind != change_kind::publish) append({"EXEC"});
+  add_written(what);
+  watch();
+  for (size_t i = 0, start = 0; i < n; start = ends[i++]) {
+    const callback then = i + 1 < n ? &answer<&redis_engine::on_queued> : &answer<&redis_engine::on_outcome>;
+    redisAsyncFormattedCommand(writer_, then, this, command_.data() + start, ends[i] - start);
+  }
 }
 
 // The end of a transaction, or the answer to a lone PUBLISH.
-void redis_engine::on_outcome(const redisReply *reply) {
-  std::string why = std::move(error_);
-  error_.clear();
-  if (is_error(reply) && why.empty()) why = text_of(*reply);
-  if (reply->type == REDIS_REPLY_NIL && why.empty()) why = "the transaction was dropped";
-  for (size_t i = 0; why.empty() && reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i)
-    if (is_error(reply->element[i])) why = text_of(*reply->element[i]);
-  if (!why.empty()) {
-    const written &refused = *oldest();
-    user_->undone({refused.hash, refused.kind, refused.key, refused.record}, why);
+void redis_engine::on_outcome(const redisReply &reply) {
+  if (is_error(&reply) && error_.empty()) error_ = text_of(reply);
+  if (reply.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
+  for (size_t i = 0; error_.empty() && reply.type == REDIS_REPLY_ARRAY && i < reply.elements; ++i)
+    if (is_error(reply.element[i])) error_ = text_of(*reply.element[i]);
+  if (!error_.empty()) {
+    const written &refused = oldest();
+    user_->undone({refused.hash, refused.kind, refused.key, refused.record}, error_);
+    error_.clear();
   }
   drop_written();
   if (!was_congested_ || ring_used_ > few_unanswered) return;
@@ -378,20 +406,40 @@ bool redis_engine::congested() const {
 
 // ---- writes without an answer ----
 
-redis_engine::written &redis_engine::add_written() {
+void redis_engine::add_written(const change &what) {
   if (ring_used_ == ring_.size()) {
     std::rotate(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(ring_start_), ring_.end());
     ring_start_ = 0;
     ring_.resize(std::max<size_t>(64, 2 * ring_.size()));
   }
-  return ring_[(ring_start_ + ring_used_++) & (ring_.size() - 1)];
+  written &entry = ring_[(ring_start_ + ring_used_) & (ring_.size() - 1)];
+  entry.hash = what.hash;
+  entry.kind = what.kind;
+  entry.key = what.key;
+  entry.record = what.record;
+  ++ring_used_;
 }
-
-redis_engine::written *redis_engine::oldest() { return &ring_[ring_start_]; }
 
 void redis_engine::drop_written() {
   ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);
   --ring_used_;
+}
+
+// ---- a server that does not answer ----
+
+void redis_engine::watch() {
+  if (evtimer_pending(watch_.get(), nullptr) != 0) return;
+  seen_ = answers_;
+  event_add(watch_.get(), &patience);
+}
+
+// Looks again while there is something to wait for; the next command starts it otherwise.
+void redis_engine::look() {
+  const auto waits = [](const redisAsyncContext *c) { return c != nullptr && c->replies.head != nullptr; };
+  if (!waits(writer_) && !waits(reader_)) return;
+  if (answers_ == seen_ && !std::exchange(silent_, true))
+    PLATFORM_ERROR("the store does not answer; its answers are waited for");
+  watch();
 }
 
 }  // namespace ko_store

@@ -5,6 +5,7 @@
 // together; answers are looked at as they come. When either connection breaks both are made anew, with growing pauses.
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <set>
 
@@ -40,31 +41,40 @@ class redis_engine final : public engine {
     std::string key;
   };
 
-  redisAsyncContext *open(bool subscribes);
+  using callback = void (*)(redisAsyncContext *, void *, void *);
+
+  bool open(bool subscribes);
   void connect();
   void close();
-  void broken(const std::string &why);
+  void broken(std::string_view why);
   void retry_later();
   void check_up();
-  bool log_in(redisAsyncContext *connection, void (*then)(redisAsyncContext *, void *, void *));
-  void subscribe();
+  void log_in(redisAsyncContext *connection, callback then);
+  void submit(redisAsyncContext *connection, const std::vector<std::string_view> &words, callback then);
+
+  void on_writer_login(const redisReply &reply);
+  void on_reader_login(const redisReply &reply);
+  void on_selected(const redisReply &reply);
+  void on_ready(const redisReply &reply);
+  void on_subscription(const redisReply &reply);
   void on_message(const redisReply &reply);
-  void send(std::initializer_list<std::string_view> words, void (*answer)(redisAsyncContext *, void *, void *));
+  void on_page(const redisReply &reply);
+  void on_fetched(const redisReply &reply);
+  void on_queued(const redisReply &reply);
+  void on_outcome(const redisReply &reply);
+
+  void send(std::initializer_list<std::string_view> words, callback then);
   void select(uint32_t db);
   void ask_page(size_t hash, std::string_view cursor);
-  void on_page(const redisReply *reply);
-  void on_fetched(const redisReply *reply);
-  void on_outcome(const redisReply *reply);
-  written &add_written();
+  void add_written(const change &what);
   void drop_written();
-  written *oldest();
+  const written &oldest() const { return ring_[ring_start_]; }
 
-  template <void (redis_engine::*on_reply)(const redisReply *)>
+  void watch();
+  void look();
+
+  template <void (redis_engine::*on_reply)(const redisReply &)>
   static void answer(redisAsyncContext *connection, void *reply, void *self);
-  static void logged_in(redisAsyncContext *connection, void *answer, void *self);
-  static void noticed(redisAsyncContext *connection, void *reply, void *self);
-  static void subscribed(redisAsyncContext *connection, void *answer, void *self);
-  static void pinged(redisAsyncContext *connection, void *answer, void *self);
 
   event_base *base_;
   ko_platform::store_address address_;
@@ -88,9 +98,18 @@ class redis_engine final : public engine {
   mutable bool was_congested_ = false;
   std::string command_;
 
+  std::string channel_;
+  std::string announcement_;
+
   int pause_ms_ = 0;
-  std::set<std::string> told_;  // what was said of this outage
+  std::chrono::steady_clock::time_point up_since_;
+  std::set<std::string, std::less<>> told_;  // what was said of this outage
   ko_platform::event_ptr retry_;
+
+  uint64_t answers_ = 0;  // that came
+  uint64_t seen_ = 0;     // of these, when the watch last looked
+  bool silent_ = false;   // the server does not answer, and that was said
+  ko_platform::event_ptr watch_;
 };
 
 }  // namespace ko_store
