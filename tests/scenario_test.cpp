@@ -167,9 +167,7 @@ void run_command(const words &line) {
   }
 }
 
-bool for_the_reader(const std::string &line) {
-  return line.empty() || line.starts_with('#');
-}
+bool for_the_reader(const std::string &line) { return line.empty() || line.starts_with('#'); }
 
 // Both texts with marks where they differ: "-" expected and missing, "+" came out unexpectedly.
 std::string difference(const words &expected, const words &actual) {
@@ -228,7 +226,7 @@ class Scenario : public testing::Test {
     } catch (const std::exception &error) {
       FAIL() << file_.filename() << ": " << line << ": " << error.what();
     }
-    EXPECT_EQ("", driver::broken(true)) << line;
+    EXPECT_EQ("", driver::broken()) << line;
   }
 
   // Keeps the event's status only.

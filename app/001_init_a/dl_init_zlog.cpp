@@ -12,8 +12,6 @@ uint32_t dl_inner_zlog_level = 1;
 
 namespace {
 
-constexpr int32_t no_category = -17;
-
 // Opens a level file for reading; null when that fails. Anyone may create files in that folder: without O_NONBLOCK a
 // FIFO of that name would hold start-up for ever.
 FILE *open_level_file(const char *path) {
@@ -33,11 +31,9 @@ int32_t dl_init_inner_zlog(dl_init_arg_t *) {
   dl_init_out_t out = {};
   out.zlog_category = vx_zlog_init(in.zlog_conf);
   if (out.zlog_category == nullptr) {
-    if (dl_inner_zlog_level != 0) {
-      const int32_t rv = dl_get_zlog_category(&in);
-      DL_ERROR("\033[31m<init> init inner zlog failed, rv = %d.\033[0m", rv);
-    }
-    return no_category;
+    const int32_t rv = dl_get_zlog_category(&in);
+    DL_ERROR("\033[31m<init> init inner zlog failed, rv = %d.\033[0m", rv);
+    return rv;
   }
   dl_get_zlog_level(&in, &out.zlog_level);
   dl_inner_zlog_level = out.zlog_level;
@@ -55,11 +51,9 @@ int32_t dl_init_zlog(dl_init_arg_t *arg) {
   }
   arg->out->zlog_category = vx_zlog_init(in->zlog_conf);
   if (arg->out->zlog_category == nullptr) {
-    if (dl_inner_zlog_level != 0) {
-      const int32_t rv = dl_get_zlog_category(in);
-      DL_ERROR("\033[31m<init> init zlog %s failed, rv = %d.\033[0m", in->zlog_conf, rv);
-    }
-    return no_category;
+    const int32_t rv = dl_get_zlog_category(in);
+    DL_ERROR("\033[31m<init> init zlog %s failed, rv = %d.\033[0m", in->zlog_conf, rv);
+    return rv;
   }
   dl_get_zlog_level(in, &arg->out->zlog_level);
   DL_INFO("\033[32m<init> init zlog %s successfully, level = %d.\033[0m", in->zlog_conf, arg->out->zlog_level);
@@ -82,5 +76,5 @@ void dl_get_zlog_level(const dl_init_in_t *in, uint32_t *level) {
 
 int32_t dl_get_zlog_category(const dl_init_in_t *in) {
   DL_ERROR("\033[31m<init> init zlog %s failed.\033[0m", in->zlog_conf);
-  return no_category;
+  return -17;
 }

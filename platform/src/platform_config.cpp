@@ -70,7 +70,7 @@ void read_ports(const json &ports, const std::string &path, config &out) {
   out.has_ports = true;
   std::set<uint32_t> seen;
   for (const auto &[name, value] : ports.items()) {
-    const std::string here = where + "." + name;
+    const std::string here = std::string(where).append(".").append(name);
     check_members(value, here, {"ifx", "phyid"});
     if (!value.contains("ifx") || !value.contains("phyid")) fail(here, "needs \"ifx\" and \"phyid\"");
     port entry{name, 0, 0};

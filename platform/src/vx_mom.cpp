@@ -12,7 +12,6 @@
 
 using ko_store::change_kind;
 using ko_store::registration;
-using ko_store::registration_of;
 
 namespace {
 

@@ -19,6 +19,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "p_policy.pb-c.h"
+#include "store/record_text.h"
+#include "u_bridge.pb-c.h"
+#include "u_monitor.pb-c.h"
+
 namespace harness {
 namespace {
 
@@ -81,17 +86,74 @@ reply_ptr ask(redisContext *context, const std::vector<std::string> &words) {
           &freeReplyObject};
 }
 
-std::string hex(const redisReply &reply) {
-  static constexpr char digits[] = "0123456789abcdef";
+std::string_view bytes_of(const redisReply *reply) { return {reply->str, reply->len}; }
+
+std::string unhex(std::string_view digits) {
   std::string out;
-  for (size_t i = 0; i < reply.len; ++i) {
-    const auto byte = static_cast<unsigned char>(reply.str[i]);
-    out.append({digits[byte >> 4], digits[byte & 15]});
+  for (size_t i = 0; i + 1 < digits.size(); i += 2)
+    out.push_back(static_cast<char>(std::stoi(std::string(digits.substr(i, 2)), nullptr, 16)));
+  return out;
+}
+
+struct dumped {
+  uint32_t db;
+  std::string hash, key, bytes;
+};
+
+dumped parse(const std::string &line) {
+  dumped out;
+  std::string key, bytes;
+  std::istringstream(line) >> out.db >> out.hash >> key >> bytes;
+  out.key = unhex(key);
+  out.bytes = unhex(bytes);
+  return out;
+}
+
+const ProtobufCMessageDescriptor *const stored_types[] = {
+    &u_monitor__mirror_lspan_info__descriptor,  &p_policy__data_intf_conf__descriptor,
+    &u_monitor__mirror_result_info__descriptor, &u_monitor__span_port_src_info__descriptor,
+    &u_monitor__span_acl_src_info__descriptor,  &u_monitor__span_vlan_src_info__descriptor,
+    &u_monitor__span_dst_info__descriptor,      &u_monitor__span_mtp_info__descriptor,
+    &u_bridge__udp_pt_learn__descriptor};
+
+std::string text_of(const std::string &line) {
+  const dumped entry = parse(line);
+  for (const ProtobufCMessageDescriptor *type : stored_types) {
+    const ko_store::message_ptr message = entry.hash == type->name ? ko_store::unpack(*type, entry.bytes) : nullptr;
+    if (message != nullptr) return std::to_string(entry.db) + " " + ko_store::to_text(*message);
+  }
+  return line;
+}
+
+}  // namespace
+
+std::string difference(std::vector<std::string> got, std::vector<std::string> expected) {
+  std::string out;
+  std::vector<std::string> only;
+  for (const char *what : {"\n  not expected: ", "\n  missing: "}) {
+    std::sort(got.begin(), got.end());
+    std::sort(expected.begin(), expected.end());
+    only.clear();
+    std::set_difference(got.begin(), got.end(), expected.begin(), expected.end(), std::back_inserter(only));
+    for (const std::string &line : only) out += what + text_of(line);
+    got.swap(expected);
   }
   return out;
 }
 
-}  // namespace
+std::string hex(std::string_view bytes) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string out;
+  for (const char byte : bytes)
+    out.append({digits[static_cast<unsigned char>(byte) >> 4], digits[static_cast<unsigned char>(byte) & 15]});
+  return out;
+}
+
+size_t count_of(const std::string &text, const std::string &part) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+  return count;
+}
 
 bool eventually(const std::function<bool()> &condition, const std::string &what) {
   const auto end = std::chrono::steady_clock::now() + patience;
@@ -100,7 +162,7 @@ bool eventually(const std::function<bool()> &condition, const std::string &what)
       ADD_FAILURE() << "this never came: " << what;
       return false;
     }
-    std::this_thread::sleep_for(2ms);
+    std::this_thread::sleep_for(1ms);
   }
   return true;
 }
@@ -158,6 +220,16 @@ bool process::running() const {
          info.si_pid == 0;
 }
 
+double process::cpu_seconds() const {
+  const std::string text = read_file("/proc/" + std::to_string(pid_) + "/stat");
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string skipped;
+  for (int i = 3; i < 14; ++i) fields >> skipped;
+  double user = 0, system = 0;
+  fields >> user >> system;
+  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 // ---- client ----
 
 client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_str())) {}
@@ -170,13 +242,13 @@ std::string client::run(const std::vector<std::string> &words) { return text_of(
 
 // ---- sandbox ----
 
-sandbox::sandbox(std::string daemon) : daemon_program_(std::move(daemon)) {
+sandbox::sandbox() {
   std::string name = (std::filesystem::temp_directory_path() / "ko_lspan.XXXXXX").string();
   if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no folder for the sandbox");
   folder_ = name;
   for (const char *sub : {"/run", "/tmp", "/etc", "/etc/ko_platform"}) std::filesystem::create_directory(folder_ + sub);
   for (const char *channel : {"dl", "ko_lspan", "ko_platform"}) write_file(folder_ + "/tmp/" + channel + ".zlog", "5");
-  platform_file(R"({"store":{"socket":")" + socket() + R"("},"log":{"file":")" + folder_ + R"(/log"}})");
+  use_socket(socket());
 }
 
 sandbox::~sandbox() {
@@ -188,6 +260,10 @@ sandbox::~sandbox() {
 
 void sandbox::platform_file(const std::string &json) const {
   write_file(folder_ + "/etc/ko_platform/platform.json", json);
+}
+
+void sandbox::use_socket(const std::string &path, const std::string &more) const {
+  platform_file(R"({"store":{"socket":")" + path + "\"" + more + R"(},"log":{"file":")" + folder_ + R"(/log"}})");
 }
 
 void sandbox::start_server(const std::vector<std::string> &options) {
@@ -205,31 +281,68 @@ void sandbox::start_server(const std::vector<std::string> &options) {
       "redis-server on " + socket());
 }
 
-void sandbox::start_daemon() {
-  daemon_.start({daemon_program_}, folder_ + "/stderr", [this] { enter_namespace(folder_); });
+void sandbox::start_daemon(process &as) const {
+  as.start({KO_LSPAN_PROGRAM}, folder_ + "/stderr", [this] { enter_namespace(folder_); });
 }
 
-void sandbox::wait_until_settled() {
-  // A mark goes through the whole road: a membership that joins no group changes nothing, but its turn comes last.
-  eventually([this] { return log().find("lspan ds over.") != std::string::npos; }, "the first read");
+// Twice: when the first is gone, what was announced during the daemon's read may still wait; the second comes behind
+// it.
+bool sandbox::settle() {
+  producer marks(socket());
+  for (int round = 0; round < 2; ++round) {
+    const record mark = result({next_mark_++, 1, 2});
+    marks.set(mark);
+    marks.flush();
+    eventually([&] { return !daemon_.running() || !marks.stored(mark); }, "the end of a mark");
+    if (daemon_.running()) continue;
+    marks.del(mark);
+    marks.flush();
+    return false;
+  }
+  return true;
 }
 
-std::vector<std::string> sandbox::dump() {
+std::vector<std::string> sandbox::dump() const {
   std::vector<std::string> lines;
   const std::unique_ptr<redisContext, decltype(&redisFree)> context(redisConnectUnix(socket().c_str()), &redisFree);
   for (const char *db : {"4", "6", "8"}) {
     ask(context.get(), {"SELECT", db});
     const auto hashes = ask(context.get(), {"KEYS", "*"});
     for (size_t i = 0; i < hashes->elements; ++i) {
-      const std::string name(hashes->element[i]->str, hashes->element[i]->len);
+      const std::string name(bytes_of(hashes->element[i]));
       const auto fields = ask(context.get(), {"HGETALL", name});
       for (size_t k = 0; k + 1 < fields->elements; k += 2)
-        lines.push_back(std::string(db) + " " + name + " " + hex(*fields->element[k]) + " " +
-                        hex(*fields->element[k + 1]));
+        lines.push_back(std::string(db) + " " + name + " " + hex(bytes_of(fields->element[k])) + " " +
+                        hex(bytes_of(fields->element[k + 1])));
     }
   }
   std::sort(lines.begin(), lines.end());
   return lines;
+}
+
+std::vector<std::string> sandbox::inputs() const {
+  std::vector<std::string> lines = dump();
+  std::erase_if(lines, [](const std::string &line) {
+    return !line.starts_with("4 u_monitor.mirror_lspan_info ") && !line.starts_with("4 p_policy.data_intf_conf ") &&
+           !line.starts_with("8 u_monitor.mirror_result_info ");
+  });
+  return lines;
+}
+
+void sandbox::restore(const std::vector<std::string> &lines) const {
+  client(socket()).run({"FLUSHALL"});
+  producer writer(socket());
+  for (const std::string &line : lines) {
+    const dumped entry = parse(line);
+    writer.raw(entry.db, entry.hash, entry.key, entry.bytes);
+  }
+  writer.flush();
+}
+
+std::vector<std::string> sandbox::texts() const {
+  std::vector<std::string> out;
+  for (const std::string &line : dump()) out.push_back(text_of(line));
+  return out;
 }
 
 }  // namespace harness

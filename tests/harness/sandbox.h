@@ -5,9 +5,11 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "producer.h"
 
 struct redisContext;
 
@@ -16,6 +18,10 @@ namespace harness {
 // Fails the test and returns false when `condition` does not hold within a generous time.
 bool eventually(const std::function<bool()> &condition, const std::string &what);
 
+std::string hex(std::string_view bytes);
+size_t count_of(const std::string &text, const std::string &part);
+// The lines of a dump that only one of the two has, for people; empty when they are the same.
+std::string difference(std::vector<std::string> got, std::vector<std::string> expected);
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
 
@@ -32,9 +38,10 @@ class process {
   void start(const std::vector<std::string> &arguments, const std::string &output = {},
              const std::function<void()> &prepare = {});
   void signal(int number) const;
-  int wait();            // exit status; 256 + the signal's number for a killed process
-  void stop();           // SIGKILL, and waits; nothing when it does not run
-  bool running() const;  // the process has not ended
+  int wait();                  // exit status; 256 + the signal's number for a killed process
+  void stop();                 // SIGKILL, and waits; nothing when it does not run
+  bool running() const;        // the process has not ended
+  double cpu_seconds() const;  // used so far
   pid_t pid() const { return pid_; }
 
  private:
@@ -59,28 +66,38 @@ class client {
 
 class sandbox {
  public:
-  // `daemon` is the program; level 5 is written to the level files of its channels.
-  explicit sandbox(std::string daemon);
+  // Level 5 is written to the level files of the daemon's channels.
+  sandbox();
   ~sandbox();
 
   const std::string &folder() const { return folder_; }
   std::string socket() const { return folder_ + "/redis.sock"; }
   std::string log() const { return read_file(folder_ + "/log"); }
-  void platform_file(const std::string &json) const;  // replaces the default, which names the socket and the log
+  void platform_file(const std::string &json) const;  // replaces the default, which is use_socket(socket())
+  void use_socket(const std::string &path, const std::string &more = {}) const;  // with members of "store" behind it
 
   void start_server(const std::vector<std::string> &options = {});
-  void start_daemon();        // returns when it was started, not when it is ready
-  void wait_until_settled();  // until the daemon has read everything and written what follows from it
+  void start_daemon() { start_daemon(daemon_); }  // returns when it was started, not when it is ready
+  void start_daemon(process &as) const;
+  // Until the daemon has handled everything that was written before, and its writes are in the store: results of
+  // members that nobody knows go the whole road, and the daemon deletes them. False when it ended meanwhile.
+  bool settle();
 
   process &server() { return server_; }
   process &daemon() { return daemon_; }
 
   // All records of the databases 4, 6 and 8: "<db> <hash> <key> <record>", bytes in hexadecimal, sorted.
-  std::vector<std::string> dump();
+  std::vector<std::string> dump() const;
+  // Those that the daemon reads.
+  std::vector<std::string> inputs() const;
+  // Empties the server and writes `lines` of a dump; nothing is announced.
+  void restore(const std::vector<std::string> &lines) const;
+  // The dump for people: "<db> <message>{field=value ...}".
+  std::vector<std::string> texts() const;
 
  private:
-  std::string daemon_program_;
   std::string folder_;
+  uint32_t next_mark_ = 0xF0000000;
   process server_;
   process daemon_;
 };

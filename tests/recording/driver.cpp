@@ -20,6 +20,7 @@ struct group_model {
 
 std::map<uint32_t, group_model> groups;  // every group that an event ever named
 std::map<uint32_t, uint32_t> group_of;   // every interface that an event ever named; 0: in none
+std::set<uint32_t> left_empty;           // sessions without an entry, after a save in which something failed
 
 template <typename Entry>
 std::vector<Entry *> entries(mirror_link &head) {
@@ -37,13 +38,9 @@ bool whole(const mirror_link &head) {
   return true;
 }
 
-outgrb_group_info *find_group(uint32_t group_id) {
-  return outgrb_group_hash_get(&group_id);
-}
+outgrb_group_info *find_group(uint32_t group_id) { return outgrb_group_hash_get(&group_id); }
 
-outgrb_mbr_info *find_member(uint32_t ifx) {
-  return outgrb_mbr_hash_get(&ifx);
-}
+outgrb_mbr_info *find_member(uint32_t ifx) { return outgrb_mbr_hash_get(&ifx); }
 
 template <typename Entry>
 void free_all(mirror_link &head) {
@@ -74,6 +71,18 @@ void forget_sessions() {
     free_all<mtp_info>(session->mtp_list);
   }
   free_all<mirror_info>(lspan_global.session_list);
+  left_empty.clear();
+}
+
+bool is_empty(const mirror_info &session) {
+  return session.src_list.next == &session.src_list && session.dst_list.next == &session.dst_list &&
+         session.mtp_list.next == &session.mtp_list;
+}
+
+bool has_empty_session(uint32_t session_id) {
+  for (const mirror_info *session : entries<mirror_info>(lspan_global.session_list))
+    if (session->session_id == session_id) return is_empty(*session);
+  return false;
 }
 
 int32_t send(const member &what, uint32_t is_del) {
@@ -174,13 +183,12 @@ void session_text(mirror_info &session, std::vector<std::string> &lines) {
                     number("rspan_vlan", entry->rspan_vlan) + tunnel_text(entry->ip_head));
 }
 
-std::string broken_session(mirror_info &session, bool empty_sessions, std::set<const mtp_info *> &targets) {
+std::string broken_session(mirror_info &session, std::set<const mtp_info *> &targets) {
   if (!whole(session.src_list) || !whole(session.dst_list) || !whole(session.mtp_list)) return "list not whole";
   const auto of_session = entries<mtp_info>(session.mtp_list);
   targets.insert(of_session.begin(), of_session.end());
   if (of_session.size() > 1) return "two mirror targets";
-  const bool empty = session.src_list.next == &session.src_list && session.dst_list.next == &session.dst_list;
-  return empty && of_session.empty() && !empty_sessions ? "no entries" : "";
+  return is_empty(session) && !left_empty.contains(session.session_id) ? "no entries" : "";
 }
 
 std::string broken_group(uint32_t group_id, const group_model &model, std::map<const mtp_info *, size_t> &named) {
@@ -230,11 +238,19 @@ void reset() {
 }
 
 int32_t set_member(const member &what) {
-  return send(what, 0);
+  const uint64_t failures = recording::failure_count();
+  const int32_t status = send(what, 0);
+  if (!has_empty_session(what.session))
+    left_empty.erase(what.session);
+  else if (recording::failure_count() != failures)
+    left_empty.insert(what.session);
+  return status;
 }
 
 int32_t del_member(const member &what) {
-  return send(what, 1);
+  const int32_t status = send(what, 1);
+  if (!has_empty_session(what.session)) left_empty.erase(what.session);
+  return status;
 }
 
 int32_t join(uint32_t ifx, uint32_t group_id) {
@@ -291,11 +307,11 @@ std::vector<std::string> memory_text() {
   return lines;
 }
 
-std::string broken(bool empty_sessions) {
+std::string broken() {
   if (!whole(lspan_global.session_list)) return "session list not whole";
   std::set<const mtp_info *> targets;
   for (mirror_info *session : entries<mirror_info>(lspan_global.session_list))
-    if (std::string why = broken_session(*session, empty_sessions, targets); !why.empty())
+    if (std::string why = broken_session(*session, targets); !why.empty())
       return "session " + std::to_string(session->session_id) + ": " + why;
   std::map<const mtp_info *, size_t> named;
   for (const auto &[group_id, model] : groups)

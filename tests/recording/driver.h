@@ -23,9 +23,7 @@ struct result {
   uint32_t code = 0, msg_type = 0;
 };
 
-constexpr uint32_t group_target(uint32_t group_id) {
-  return group_id ^ ko_span_group_tag;
-}
+constexpr uint32_t group_target(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
 
 // Puts recording platform and daemon where main has them when the first event arrives: nothing known, log level 1.
 // Frees what the daemon had, so that it can be called between any two events, and at the end for the leak checker.
@@ -43,10 +41,10 @@ std::vector<std::string> memory_text();
 
 // The first thing found wrong in the daemon's memory, or "". Holds after every event, whatever failed:
 // - every list is whole in both directions, every session has at most one mirror target;
-// - a session without any entry is there only when `empty_sessions` (left by a save in which everything failed);
+// - a session without any entry is there only when a save in which something failed left it;
 // - each group's mtp_info is null or an entry of some session, and that entry's chain holds exactly its groups;
 // - the member table holds exactly the interfaces in a group, and each group's list is the one that the joins, moves
 //   and leaves gave it, repeated joins and joins that failed for memory included.
-std::string broken(bool empty_sessions);
+std::string broken();
 
 }  // namespace driver

@@ -15,6 +15,7 @@
 #include "libddm.h"
 #include "state.h"
 #include "store/layout.h"
+#include "store/record_text.h"
 
 struct vx_zlog_category {
   std::string name;
@@ -57,7 +58,7 @@ std::string pointer_name(const void *pointer) {
 
 std::string typed_text(const ProtobufCMessage *message) {
   if (message == nullptr) return "null";
-  const std::string text = record_text(*message);
+  const std::string text = ko_store::to_text(*message);
   return message->descriptor->name + (text.empty() ? "" : ' ' + text);
 }
 
@@ -116,12 +117,17 @@ void record_entries(const char *kind, const mom_ds_entry *entries, uint32_t coun
 
 int32_t answer(call function) {
   const uint64_t number = ++now.calls[static_cast<size_t>(function)];
-  if (++now.all_calls == now.any_at) return now.any_code;
+  if (++now.all_calls == now.any_at) {
+    now.failed += now.any_code != 0;
+    return now.any_code;
+  }
+  if (now.failures.empty()) return 0;
   const auto due = std::find_if(now.failures.begin(), now.failures.end(), [&](const failure &waiting) {
     return waiting.function == function && waiting.at == number;
   });
   if (due == now.failures.end()) return 0;
   const int32_t code = due->code;
+  now.failed += code != 0;
   now.failures.erase(due);
   return code;
 }
@@ -129,6 +135,7 @@ int32_t answer(call function) {
 void reset() {
   now = state{};
   alloc_fail_at(0, false);
+  forget_refused_allocations();
 }
 
 void trace_on(bool on) { now.tracing = on; }
@@ -172,6 +179,8 @@ size_t pending_failures() { return now.failures.size() + (now.any_at > now.all_c
 void translate(uint32_t ifx, uint32_t phyid) { now.phyids[ifx] = phyid; }
 
 void translation_fails(uint32_t ifx, int32_t code) { now.untranslatable[ifx] = code; }
+
+uint64_t failure_count() { return now.failed + refused_allocations(); }
 
 const store_contents &store() { return now.store; }
 
@@ -343,8 +352,10 @@ int32_t libddm_init(vx_global *global, const char *app_name) {
 
 int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid) {
   int32_t code = answer(call::libddm_get_phyid_by_ifx);
-  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end())
+  if (const auto known = now.untranslatable.find(ifx); code == 0 && known != now.untranslatable.end()) {
     code = known->second;
+    now.failed += code != 0;
+  }
   if (code == 0) {
     const auto known = now.phyids.find(ifx);
     *phyid = known == now.phyids.end() ? ifx + recording::phyid_offset : known->second;
@@ -389,7 +400,7 @@ void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, co
       default:
         out += "level " + std::to_string(level) + ' ';
     }
-    out += std::string(func) + ": " + recording::escaped(text);
+    out += std::string(func) + ": " + ko_store::escaped(text);
     if (std::strcmp(format, "%s") != 0) out += " with a format of its own";
     if (file_len != std::strlen(file) || func_len != std::strlen(func)) out += " with a wrong length";
     if (file[0] == '/' || line <= 0) out += " with a place of its own";

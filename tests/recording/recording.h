@@ -48,10 +48,6 @@ void note(std::string line);  // puts a line of the test's own into the trace, w
 uint64_t call_count();    // platform calls that can be made to fail, since reset
 uint64_t format_count();  // at_snprintf calls since reset
 
-// Canonical text of a message, as in the trace but with its name left out.
-std::string record_text(const ProtobufCMessage &message);
-std::string escaped(std::string_view text);
-
 // ---- scripted answers ----
 
 // The `k`-th next call (1: the next one) of `function` answers `code` and does nothing. Pointers answered are null,
@@ -64,6 +60,9 @@ void fail_any(uint64_t k, int32_t code);
 
 void fail_none();           // takes back what has not happened yet
 size_t pending_failures();  // scripted answers that have not been given yet
+
+// Failures met since reset: scripted answers other than 0, failed translations, refused allocations.
+uint64_t failure_count();
 
 // Translation: `ifx` + 1000 unless said otherwise. `code` not 0: every translation of `ifx` fails with it.
 void translate(uint32_t ifx, uint32_t phyid);

@@ -37,7 +37,7 @@ struct state {
   bool tracing = true, storing = true, lists = false;
   std::vector<std::string> lines;
   std::array<uint64_t, static_cast<size_t>(call::count)> calls{};
-  uint64_t all_calls = 0, formatted = 0;
+  uint64_t all_calls = 0, formatted = 0, failed = 0;
   std::vector<failure> failures;
   uint64_t any_at = 0;  // number of the call of any kind that fails, 0: none
   int32_t any_code = 0;
@@ -54,6 +54,10 @@ struct state {
 };
 
 extern state now;
+
+// Allocations refused since reset.
+uint64_t refused_allocations();
+void forget_refused_allocations();
 
 // The scripted code of this call of `function`, or 0.
 int32_t answer(call function);

@@ -9,11 +9,13 @@ using recording::now;
 namespace {
 
 // Not part of `now`, since making that allocates.
-uint64_t allocations, failing_from, failing_to;
+uint64_t allocations, failing_from, failing_to, refused;
 
 bool out_of_memory() {
   const uint64_t number = ++allocations;
-  return number >= failing_from && number < failing_to;
+  const bool refuse = number >= failing_from && number < failing_to;
+  refused += refuse;
+  return refuse;
 }
 
 // Records a list call with its arguments and whether it yielded an entry.
@@ -38,6 +40,10 @@ void alloc_fail_at(uint64_t k, bool forever) {
 }
 
 uint64_t alloc_count() { return allocations; }
+
+uint64_t refused_allocations() { return refused; }
+
+void forget_refused_allocations() { refused = 0; }
 
 }  // namespace recording
 

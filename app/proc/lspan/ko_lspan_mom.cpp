@@ -65,10 +65,10 @@ struct ds_template {
   } index;
 };
 
-// Where the pointer field `name` of `message` is stored.
-unsigned char *pointer_field(ProtobufCMessage *message, const char *name) {
+// Sets the pointer field `name` of `message`.
+void set_pointer(ProtobufCMessage *message, const char *name, const void *value) {
   const ProtobufCFieldDescriptor *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, name);
-  return reinterpret_cast<unsigned char *>(message) + field->offset;
+  std::memcpy(reinterpret_cast<unsigned char *>(message) + field->offset, &value, sizeof(value));
 }
 
 // Everything at its default, but for the key and the owner in it.
@@ -76,10 +76,8 @@ void fill_template(const ds_source &source, ds_template *tmpl) {
   protobuf_c_message_init(source.record, &tmpl->record);
   const ProtobufCFieldDescriptor *index = protobuf_c_message_descriptor_get_field_by_name(source.record, "index");
   protobuf_c_message_init(static_cast<const ProtobufCMessageDescriptor *>(index->descriptor), &tmpl->index);
-  const void *key = &tmpl->index;
-  std::memcpy(pointer_field(&tmpl->record.message, "index"), &key, sizeof(key));
-  if (source.owner_field != nullptr)
-    std::memcpy(pointer_field(&tmpl->index.message, source.owner_field), &ko_lspan_app_name, sizeof(ko_lspan_app_name));
+  set_pointer(&tmpl->record.message, "index", &tmpl->index);
+  if (source.owner_field != nullptr) set_pointer(&tmpl->index.message, source.owner_field, ko_lspan_app_name);
 }
 
 // What one wake-up declares. The library copies what it keeps.

@@ -2,8 +2,10 @@
 // 32-bit word of an entry. Below them, the links between groups and the mirror targets that they name.
 #include "proc/lspan/outgrb_hash.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "proc/lspan/ko_list.h"
 
@@ -81,13 +83,13 @@ bool rebuild(table *in) {
   next.n_buckets = in->n_buckets;
   if (in->n_live >= in->n_buckets / 2) next.n_buckets = in->n_buckets != 0 ? in->n_buckets * 2 : smallest_table;
   if (next.n_buckets < in->n_buckets) return false;
-  next.bound = static_cast<uint32_t>(next.n_buckets * fullest + 0.5);
+  next.bound = static_cast<uint32_t>(std::lround(next.n_buckets * fullest));
   next.buckets = static_cast<void **>(calloc(next.n_buckets, sizeof(void *)));
   if (next.buckets == nullptr) return false;
   for (uint32_t i = 0; i < in->n_buckets; ++i)
     if (is_live(in->buckets[i])) place(&next, in->buckets[i]);
-  free(in->buckets);
-  *in = next;
+  std::swap(*in, next);
+  free(next.buckets);
   return true;
 }
 

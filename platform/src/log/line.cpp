@@ -8,7 +8,7 @@ namespace {
 size_t colour_length(std::string_view text) {
   if (!text.starts_with("\033[")) return 0;
   const size_t end = text.find_first_not_of("0123456789;", 2);
-  return end != text.npos && text[end] == 'm' ? end + 1 : 0;
+  return end != std::string_view::npos && text[end] == 'm' ? end + 1 : 0;
 }
 
 void append_char(line_buffer &line, char c) {

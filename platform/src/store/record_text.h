@@ -1,17 +1,19 @@
-// Records as one line of text for people.
+// Records as one line of text for people, made from the message descriptors.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <protobuf-c/protobuf-c.h>
 
 namespace ko_store {
 
-// Appends `message` as  name{field=value key={field=value} list=[1 2]}  with the fields that are not at their default.
-// Texts are quoted and escaped, bytes are hexadecimal.
-void append_text(const ProtobufCMessage &message, std::string &out);
-
+// The fields of `message` that are not at their default, in the order of their numbers: the key (`index`) in bare
+// braces, other messages as name={...}, lists as name=[1,2], texts quoted, bytes as 0x....
 std::string to_text(const ProtobufCMessage &message);
+
+// `text` with quotes, backslashes and everything that is not printable ASCII escaped: \r, \n, else \ooo.
+std::string escaped(std::string_view text);
 
 // `bytes` as hexadecimal digits, cut after a few dozen.
 std::string to_hex(std::string_view bytes);

@@ -142,8 +142,8 @@ bool redis_engine::log_in(redisAsyncContext *connection, void (*then)(redisAsync
   if (named) words.push_back(address_.user.c_str());
   words.push_back(address_.password.c_str());
   if (address_.password.empty()) words = {"PING"};
-  std::vector<size_t> lengths;
-  for (const char *word : words) lengths.push_back(std::strlen(word));
+  std::vector<size_t> lengths(words.size());
+  std::transform(words.begin(), words.end(), lengths.begin(), std::strlen);
   return redisAsyncCommandArgv(connection, then, this, static_cast<int>(words.size()), words.data(), lengths.data()) ==
          REDIS_OK;
 }
@@ -252,7 +252,7 @@ void redis_engine::broken(const std::string &why) {
 
 void redis_engine::retry_later() {
   pause_ms_ = std::clamp(2 * pause_ms_, first_pause_ms, longest_pause_ms);
-  const timeval pause{pause_ms_ / 1000, pause_ms_ % 1000 * 1000};
+  const timeval pause{pause_ms_ / 1000, pause_ms_ % 1000 * 1000L};
   event_add(retry_.get(), &pause);
 }
 

@@ -61,10 +61,10 @@ class redis_engine final : public engine {
 
   template <void (redis_engine::*on_reply)(const redisReply *)>
   static void answer(redisAsyncContext *connection, void *reply, void *self);
-  static void logged_in(redisAsyncContext *connection, void *reply, void *self);
+  static void logged_in(redisAsyncContext *connection, void *answer, void *self);
   static void noticed(redisAsyncContext *connection, void *reply, void *self);
-  static void subscribed(redisAsyncContext *connection, void *reply, void *self);
-  static void pinged(redisAsyncContext *connection, void *reply, void *self);
+  static void subscribed(redisAsyncContext *connection, void *answer, void *self);
+  static void pinged(redisAsyncContext *connection, void *answer, void *self);
 
   event_base *base_;
   ko_platform::store_address address_;

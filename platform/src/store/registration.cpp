@@ -257,9 +257,9 @@ void registration::undone(const change &what, std::string_view why) {
     if (refusal_told_ != why) {
       refusal_told_ = why;
       const message_ptr record = unpack(*what.hash.type, what.record);
-      PLATFORM_ERROR("the store refused a record of database %u: %.*s: %s key %s; tried again until it takes it",
-                     what.hash.db, static_cast<int>(why.size()), why.data(),
-                     record == nullptr ? what.hash.type->name : to_text(*record).c_str(), to_hex(what.key).c_str());
+      PLATFORM_ERROR("the store refused %s %s, key %s: %.*s; it is tried again until the store takes it",
+                     name_of(what.hash).c_str(), record == nullptr ? "" : to_text(*record).c_str(),
+                     to_hex(what.key).c_str(), static_cast<int>(why.size()), why.data());
     }
     repair_later();
   });
@@ -270,7 +270,7 @@ void registration::relieved() { wake(true); }
 void registration::repair_later() {
   repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);
   if (evtimer_pending(repair_event_.get(), nullptr)) return;
-  const timeval pause{repair_pause_ms_ / 1000, repair_pause_ms_ % 1000 * 1000};
+  const timeval pause{repair_pause_ms_ / 1000, repair_pause_ms_ % 1000 * 1000L};
   event_add(repair_event_.get(), &pause);
 }
 
@@ -452,8 +452,9 @@ void registration::hand_over(input_source &source, uint32_t kind, const Protobuf
   const int32_t status = handler.call(handler.context, kind, &message);
   if (status == 0) return;
   ++counters_.handler_failures;
-  PLATFORM_WARN("%s event of %s answered with status %d", kind == VX_MOM_EVENT_SET ? "set" : "delete",
-                to_text(message).c_str(), status);
+  PLATFORM_WARN("the handler of the %s event of %s %s answered with status %d",
+                kind == VX_MOM_EVENT_SET ? "set" : "delete", name_of(source.hash).c_str(), to_text(message).c_str(),
+                status);
 }
 
 // Owned by the arena until the next one is decoded.

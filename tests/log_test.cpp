@@ -1,0 +1,116 @@
+// The logging wrappers on spdlog: one line a record whatever the text holds, and no failure that reaches the caller.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include "log/line.h"
+#include "platform_config.h"
+#include "vx_zlog.h"
+
+namespace {
+std::string log_file;  // of the process
+}
+
+ko_platform::log_settings ko_platform::process_log_settings() noexcept { return {log_file, ""}; }
+
+namespace {
+
+void write_record(vx_zlog_category *category, int level, const char *text) {
+  vxdf_zlog(category, "a.cpp", 5, "handler and more", 7, 42, level, "%s", text);
+}
+
+std::string read_file(const std::string &path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// Lines of the log without their times, which must be there.
+std::string without_times(const std::string &log) {
+  std::string out;
+  std::istringstream stream(log);
+  for (std::string line; std::getline(stream, line);)
+    out += (line.size() > 24 && line[10] == ' ' && line[19] == '.' ? line.substr(24) : "no time: " + line) + '\n';
+  return out;
+}
+
+// Runs `body` in a process that logs to `file`; what it wrote to standard error comes back.
+std::string standard_error(const std::string &file, const std::function<void()> &body) {
+  const std::string path = testing::TempDir() + "log_test." + std::to_string(getpid());
+  const pid_t child = fork();
+  if (child == 0) {
+    log_file = file;
+    dup2(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+    body();
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  const std::string text = read_file(path);
+  std::filesystem::remove(path);
+  return text;
+}
+
+TEST(log, text_of_a_line) {
+  const struct {
+    std::string text, coloured, plain;
+  } cases[] = {
+      {"done, rv=0\r\n", "done, rv=0", "done, rv=0"},
+      {"\033[32minit start.\033[0m", "\033[32minit start.\033[0m", "init start."},
+      {"\033[1;31mred\033[m\n\r\n", "\033[1;31mred\033[m", "red"},
+      {"a\r\n2026-01-01 forged\n", "a\\r\\n2026-01-01 forged", "a\\r\\n2026-01-01 forged"},
+      {"\033[2J\033]0;title\007\033[3", "\\x1b[2J\\x1b]0;title\\x07\\x1b[3", "\\x1b[2J\\x1b]0;title\\x07\\x1b[3"},
+      {std::string("tab\t\0\x7f \xc3\xa9", 9), "tab\t\\x00\\x7f \xc3\xa9", "tab\t\\x00\\x7f \xc3\xa9"},
+      {"\r\n", "", ""},
+  };
+  for (const auto &one : cases)
+    for (const bool colours : {true, false}) {
+      ko_platform::line_buffer line;
+      ko_platform::append_line_text(line, one.text, colours);
+      EXPECT_EQ(std::string(line.data(), line.size()), colours ? one.coloured : one.plain);
+    }
+}
+
+TEST(log, where_lines_go) {
+  const auto body = [] {
+    vx_zlog_category *first = vx_zlog_init("ko_lspan"), *second = vx_zlog_init("dl");
+    if (first != vx_zlog_init("ko_lspan") || first == second || vx_zlog_init(nullptr) != nullptr) _exit(1);
+    write_record(first, VX_ZLOG_ERROR, "plain\r\n");
+    write_record(second, VX_ZLOG_WARN, "\033[33mtwo\nlines\033[0m");
+    write_record(first, VX_ZLOG_INFO, "");
+    write_record(first, VX_ZLOG_DEBUG, std::string(3000, 'x').c_str());
+    write_record(nullptr, VX_ZLOG_ERROR, "dropped");
+  };
+  const std::string lines =
+      "error ko_lspan handler:42 plain\nwarning dl handler:42 two\\nlines\n"
+      "info ko_lspan handler:42 \ndebug ko_lspan handler:42 " +
+      std::string(2047, 'x') + '\n';
+  const std::string file = testing::TempDir() + "log_test.log";
+  EXPECT_EQ(without_times(standard_error("", body)), lines);
+  EXPECT_EQ(standard_error(file, body), "");
+  EXPECT_EQ(standard_error(file, body), "");
+  EXPECT_EQ(without_times(read_file(file)), lines + lines);
+  std::filesystem::remove(file);
+  EXPECT_EQ(without_times(standard_error("/dev/full", body)), lines);
+  const std::string refused = standard_error(testing::TempDir(), body);
+  EXPECT_EQ(refused.find("log: Failed opening file " + testing::TempDir()), 0U);
+  EXPECT_EQ(without_times(refused.substr(refused.find('\n') + 1)), lines);
+}
+
+TEST(log, formatting_is_cut_and_terminated) {
+  char text[4] = {'#', '#', '#', '#'};
+  EXPECT_EQ(at_snprintf(text, 0, "%d", 1), 1);
+  EXPECT_EQ(text[0], '#');
+  EXPECT_EQ(at_snprintf(text, sizeof(text), "%s", "abcdef"), 6);
+  EXPECT_STREQ(text, "abc");
+}
+
+}  // namespace

@@ -1,0 +1,726 @@
+// The parts of the daemon's core that scenarios do not reach or show only in passing: tables of one-line cases.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <random>
+#include <unordered_map>
+
+#include "attributes.h"
+#include "driver.h"
+#include "p_policy.pb-c.h"
+#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan/outgrb_hash.h"
+#include "recording.h"
+#include "u_bridge.pb-c.h"
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+class Span : public testing::Test {
+ protected:
+  void SetUp() override { driver::reset(); }
+  void TearDown() override { driver::reset(); }
+};
+
+// A member with every field set.
+span_info full_member() {
+  span_info info = {};
+  info.t_user = ko_lspan_app_name;
+  info.session_num = 3;
+  info.s_ifx = 5;
+  info.d_ifx = 9;
+  info.dir = 1;
+  info.module_type = 2;
+  info.role = 4;
+  info.apply_type = 1;
+  info.acl_id = 8;
+  info.sample_rate = 100;
+  info.n_vlan_map = 2;
+  info.vlan_map[0] = 6;
+  info.vlan_map[1] = 7;
+  info.rspan_vlan = 30;
+  info.ip_head = {1, 2, 64, 46, 5};
+  info.mtp_switch = 1;
+  info.src_is_subif = 1;
+  return info;
+}
+
+// ---- record setters ----
+
+struct setter_row {
+  const char *name;
+  int32_t (*set)(vx_global *, const span_info *, uint32_t);
+  const char *record;   // message
+  bool own_key;         // keyed by the mirror target alone
+  const char *payload;  // of a set
+  const char *key_failure, *set_text, *del_text;
+};
+
+#define SETTER(name) #name, name
+const setter_row setters[] = {
+    {SETTER(ko_span_mom_port_src_set), "span_port_src_info", false, "module_type=2 role=4", "fill port info key failed",
+     "port info set to UDP_DB", "port info del to UDP_DB"},
+    {SETTER(ko_span_mom_acl_src_set), "span_acl_src_info", false, "module_type=2 role=4 src_is_subif=1",
+     "fill acl info key failed", "acl info set to UDP_DB", "acl info del to UDP_DB"},
+    {SETTER(ko_span_mom_vlan_src_set), "span_vlan_src_info", false, "module_type=2 role=4 vlan_map=[6,7]",
+     "fill vlan info key failed", "vlan info set to UDP_DB", "valn info del to UDP_DB"},
+    {SETTER(ko_span_mom_dst_set), "span_dst_info", false,
+     "module_type=2 role=4 apply_type=1 sample_rate=100 src_is_subif=1", "fill dst info key failed",
+     "dst info set to UDP_DB", "dst info del to UDP_DB"},
+    {SETTER(ko_span_mom_vlan_dst_set), "span_vlan_dst_info", false, "rspan_vlan=30", "fill vlan dst info key failed",
+     "vlan dst info set to UDP_DB", "vlan dst info del to UDP_DB"},
+    {SETTER(ko_span_mom_ip_dst_set), "span_ip_dst_info", false,
+     "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5} src_is_subif=1", "fill ip dst info key failed",
+     "ip dst info set to UDP_DB", "ip dst info del to UDP_DB"},
+    {SETTER(ko_span_mom_mtp_set), "span_mtp_info", true, "module_type=2 role=4 mtp_switch=1",
+     "fill mtp info key failed", "mtp info set to UDP_DB", "mtp info del to UDP_DB"},
+    {SETTER(ko_span_mom_vlan_mtp_set), "span_vlan_mtp_info", true, "rspan_vlan=30", "fill vlan mtp info key failed",
+     "vlan mtp info set to UDP_DB", "vlan mtp info del to UDP_DB"},
+    {SETTER(ko_span_mom_ip_mtp_set), "span_ip_mtp_info", true, "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5}",
+     "fill ip mtp info key failed", "ip mtp info set to UDP_DB", "ip mtp info del to UDP_DB"},
+};
+
+TEST_F(Span, RecordSetters) {
+  const span_info info = full_member();
+  lspan_zlog_level = 5;
+  for (const setter_row &row : setters) {
+    SCOPED_TRACE(row.name);
+    const std::string key = row.own_key ? "{t_user=\"ko_lspan\" session_id=3 d_phyid=1009}"
+                                        : "{t_user=\"ko_lspan\" session_id=3 s_phyid=1005 d_phyid=1009 dir=1 acl_id=8}";
+    const std::string record = "(UDP_DB, u_monitor." + std::string(row.record) + ' ' + key;
+    const std::string debug = std::string("debug ") + row.name + ": ";
+    lines keyed{"libddm_get_phyid_by_ifx(9) -> 1009"};
+    if (!row.own_key) keyed.insert(keyed.begin(), "libddm_get_phyid_by_ifx(5) -> 1005");
+    const auto after_key = [&](const lines &rest) {
+      lines all = keyed;
+      all.insert(all.end(), rest.begin(), rest.end());
+      return all;
+    };
+
+    EXPECT_EQ(0, row.set(recording::global(), &info, 0));
+    EXPECT_EQ(after_key({"vx_mom_set" + record + ' ' + row.payload + ')', debug + row.set_text + ", ret=0\\r\\n"}),
+              recording::take_trace());
+    recording::fail("vx_mom_set", 1, 7);
+    EXPECT_EQ(7, row.set(recording::global(), &info, 0));
+    EXPECT_EQ(debug + row.set_text + ", ret=7\\r\\n", recording::take_trace().back());
+    EXPECT_EQ(0, row.set(recording::global(), &info, 2));
+    EXPECT_EQ(after_key({"vx_mom_del" + record + ')', debug + row.del_text + ", ret=0\\r\\n"}),
+              recording::take_trace());
+
+    recording::fail("libddm_get_phyid_by_ifx", 1, -6);
+    EXPECT_EQ(-6, row.set(recording::global(), &info, 0));
+    EXPECT_EQ(std::string("error ") + row.name + ": " + row.key_failure + ". ret=-6\\r\\n",
+              recording::take_trace().back());
+  }
+  EXPECT_EQ(0U, recording::store().at(UDP_DB).at("u_monitor.span_ip_mtp_info").size());
+}
+
+TEST_F(Span, SourceKindByApplyType) {
+  const std::pair<uint32_t, const char *> rows[] = {{0, "port"}, {1, "acl"},  {2, "vlan"},
+                                                    {3, "vlan"}, {9, "vlan"}, {UINT32_MAX, "vlan"}};
+  for (const auto &[apply_type, kind] : rows) {
+    span_info info = full_member();
+    info.apply_type = apply_type;
+    for (const uint32_t is_del : {0U, 1U}) {
+      recording::take_trace();
+      EXPECT_EQ(0, ko_span_mom_src_set(recording::global(), &info, is_del));
+      EXPECT_NE(std::string::npos,
+                recording::trace().back().find(std::string("u_monitor.span_") + kind + "_src_info {"))
+          << apply_type << ": " << recording::trace().back();
+    }
+  }
+}
+
+// ---- keys ----
+
+TEST_F(Span, PhysicalIdsOfAKey) {
+  constexpr uint32_t kept = 77;  // what stands in an output that must not be touched
+  const uint32_t group = driver::group_target(7);
+  const struct {
+    uint32_t s_ifx, d_ifx, module_type;
+    int32_t s_code, d_code;     // of the translations
+    int32_t status;             // of the source key
+    uint32_t s_phyid, d_phyid;  // in the source key
+    int32_t mtp_status;         // of the mirror-target key
+    uint32_t mtp_d_phyid;       // in it
+    size_t translations, mtp_translations;
+  } rows[] = {
+      {5, 9, 0, 0, 0, 0, 1005, 1009, 0, 1009, 2, 1},
+      {0, 9, 0, 0, 0, 0, 0, 1009, 0, 1009, 1, 1},
+      {5, 0, 0, 0, 0, 0, 1005, 0, 0, 0, 1, 0},
+      {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+      {5, group, 5, 0, 0, 0, 1005, group, 0, group, 1, 0},
+      {0, group, 5, 0, -2, 0, 0, group, 0, group, 0, 0},
+      {5, 0, 5, 0, 0, 0, 1005, 0, 0, 0, 1, 0},
+      {5, group, 4, 0, 0, 0, 1005, group + 1000, 0, group + 1000, 2, 1},
+      {5, 9, 0, -3, 0, -3, kept, kept, 0, 1009, 1, 1},
+      {5, 9, 0, 0, -4, -4, kept, kept, -4, kept, 2, 1},
+      {5, 9, 0, -3, -4, -3, kept, kept, -4, kept, 1, 1},
+  };
+  lspan_zlog_level = 0;
+  for (const auto &row : rows) {
+    SCOPED_TRACE(&row - rows);
+    recording::reset();
+    recording::translation_fails(row.s_ifx, row.s_code);
+    if (row.d_ifx != 0) recording::translation_fails(row.d_ifx, row.d_code);
+    span_info info = full_member();
+    info.s_ifx = row.s_ifx;
+    info.d_ifx = row.d_ifx;
+    info.module_type = row.module_type;
+    UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
+    key.s_phyid = key.d_phyid = kept;
+    EXPECT_EQ(row.status, ko_span_fill_src_info_key(&info, &key));
+    EXPECT_EQ(row.translations, recording::take_trace().size());
+    EXPECT_EQ(row.s_phyid, key.s_phyid);
+    EXPECT_EQ(row.d_phyid, key.d_phyid);
+    EXPECT_STREQ(row.status == 0 ? "ko_lspan" : "", key.t_user);
+    UMonitor__SpanMtpInfoIndex mtp_key = U_MONITOR__SPAN_MTP_INFO_INDEX__INIT;
+    mtp_key.d_phyid = kept;
+    EXPECT_EQ(row.mtp_status, ko_span_fill_mtp_info_key(&info, &mtp_key));
+    EXPECT_EQ(row.mtp_translations, recording::take_trace().size());
+    EXPECT_EQ(row.mtp_d_phyid, mtp_key.d_phyid);
+    EXPECT_STREQ(row.mtp_status == 0 ? "ko_lspan" : "", mtp_key.t_user);
+  }
+}
+
+TEST_F(Span, TranslationLeavesWhatItDidNotReach) {
+  uint32_t s_phyid = 77, d_phyid = 78;
+  recording::translation_fails(5, -3);
+  EXPECT_EQ(-3, ko_span_trans_mirror_ifx_to_phyid(5, 9, &s_phyid, &d_phyid));
+  EXPECT_EQ(78U, d_phyid);
+  EXPECT_EQ(-3, ko_span_trans_mirror_ifx_to_phyid(9, 5, &s_phyid, &d_phyid));
+  EXPECT_EQ(1009U, s_phyid);
+  EXPECT_EQ(78U, d_phyid);
+}
+
+TEST_F(Span, AnySwitchButZeroGivesLearningBack) {
+  for (const uint32_t on : {1U, 2U, UINT32_MAX}) {
+    ko_lspan_mtp_info_switch(9, on);
+    EXPECT_EQ(lines{"vx_mom_del(FWD_DB, u_bridge.udp_pt_learn {t_app_name=\"ko_lspan\" t_ifx=9})"},
+              recording::take_trace());
+  }
+}
+
+// ---- entries ----
+
+TEST_F(Span, KindOfMirrorTargetByRole) {
+  const char *const kinds[] = {"", "", " mtp_type=1 rspan_vlan=30", " mtp_type=1 rspan_vlan=30",
+                               " mtp_type=2 src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5"};
+  for (uint32_t role = 0; role < 8; ++role) {
+    driver::reset();
+    span_info info = full_member();
+    info.role = role;
+    ko_span_db_save_info(&lspan_global.session_list, &info);
+    const std::string role_text = role == 0 ? "" : " role=" + std::to_string(role);
+    EXPECT_EQ("  mtp session_id=3 d_phyid=1009 mtp_switch=1 module_type=2" + role_text + (role < 5 ? kinds[role] : ""),
+              driver::memory_text().back());
+  }
+  // A role that says nothing about the kind leaves it; role 1 sets it back, and leaves the data of the others.
+  span_info info = full_member();
+  for (const uint32_t role : {2U, 0U}) {
+    info.role = role;
+    ko_span_db_save_info(&lspan_global.session_list, &info);
+  }
+  EXPECT_EQ("  mtp session_id=3 d_phyid=1009 mtp_switch=1 module_type=2 mtp_type=1 rspan_vlan=30",
+            driver::memory_text().back());
+  info.role = 1;
+  ko_span_db_save_info(&lspan_global.session_list, &info);
+  EXPECT_EQ("  mtp session_id=3 d_phyid=1009 mtp_switch=1 module_type=2 role=1 rspan_vlan=30",
+            driver::memory_text().back());
+}
+
+TEST_F(Span, ClearOfAnUnknownSessionLeavesTheFlag) {
+  const span_info info = full_member();
+  uint8_t last = 0;
+  ko_span_db_clear_info(&lspan_global.session_list, &info, &last);
+  EXPECT_EQ(0, last);
+  EXPECT_EQ(lines{"error ko_span_db_clear_info: not find mirror info!\\r\\n"}, recording::take_trace());
+  ko_span_db_save_info(&lspan_global.session_list, &info);
+  ko_span_db_clear_info(&lspan_global.session_list, &info, &last);
+  EXPECT_EQ(1, last);
+}
+
+TEST_F(Span, SourceSearchHandsOutACopy) {
+  span_info info = full_member();
+  info.apply_type = 3;
+  ko_span_db_save_info(&lspan_global.session_list, &info);
+  src_info untouched;
+  memset(&untouched, 0x5a, sizeof(untouched));
+  const src_info zero = {};
+  const auto search = [](uint32_t session, uint32_t s_ifx, src_info *copy) {
+    return ko_span_search_src_info(&lspan_global.session_list, session, s_ifx, 1, 8, copy);
+  };
+  src_info copy = untouched;
+  EXPECT_EQ(-7, search(4, 5, &copy));
+  EXPECT_EQ(0, memcmp(&copy, &untouched, sizeof(copy)));
+  recording::fail("libddm_get_phyid_by_ifx", 1, -9);
+  EXPECT_EQ(-9, search(3, 5, &copy));
+  EXPECT_EQ(0, memcmp(&copy, &untouched, sizeof(copy)));
+  EXPECT_EQ(-7, search(3, 6, &copy));
+  EXPECT_EQ(0, memcmp(&copy, &zero, sizeof(copy)));
+  EXPECT_EQ(0, search(3, 5, &copy));
+  const auto *session = reinterpret_cast<mirror_info *>(lspan_global.session_list.next);
+  EXPECT_EQ(0, memcmp(&copy, session->src_list.next, sizeof(copy)));
+  EXPECT_EQ(7U, copy.vlan_map[1]);
+}
+
+TEST_F(Span, MoreVlanWordsThanAMemberHolds) {
+  driver::member member;
+  member.session = 1;
+  member.s = 5;
+  member.d = 9;
+  member.apply = 2;
+  for (const size_t count : {127U, 128U}) {
+    member.vlan.assign(count, 1);
+    member.vlan.back() = 4;
+    EXPECT_EQ(0, driver::set_member(member));
+    std::string words;
+    for (const uint32_t word : member.vlan) words += (words.empty() ? "" : ",") + std::to_string(word);
+    EXPECT_EQ(
+        "UDP_DB u_monitor.span_vlan_src_info {t_user=\"ko_lspan\" session_id=1 s_phyid=1005 d_phyid=1009} "
+        "role=1 vlan_map=[" +
+            words + "]",
+        recording::store_text().back());
+    EXPECT_EQ("  src s_phyid=1005 d_phyid=1009 apply_type=2 vlan_map=[" + words + "]", driver::memory_text()[1]);
+  }
+  recording::take_trace();
+  member.vlan.assign(129, 1);
+  member.s = 6;
+  EXPECT_EQ(-4, driver::set_member(member));
+  ASSERT_EQ(1U, recording::trace().size());
+  EXPECT_NE(std::string::npos, recording::trace()[0].find(": lspan_info vlan_map too long, n_vlan_map=129"));
+  EXPECT_EQ(0U, recording::trace()[0].find("error ")) << recording::trace()[0];
+  EXPECT_EQ(4U, driver::memory_text().size());
+  member.s = 5;
+  EXPECT_EQ(0, driver::del_member(member));
+  EXPECT_EQ(lines(), driver::memory_text());
+  EXPECT_EQ(lines(), recording::store_text());
+}
+
+// ---- layout of what travels between the units ----
+
+constexpr bool in_order(std::initializer_list<size_t> offsets) {
+  return std::adjacent_find(offsets.begin(), offsets.end(), std::greater_equal<>()) == offsets.end();
+}
+
+template <typename Field>
+constexpr bool is_words(size_t count) {
+  return sizeof(Field) == count * sizeof(uint32_t);
+}
+
+#define AT(field) offsetof(HERE, field)
+#define HERE span_info
+static_assert(in_order({AT(t_user), AT(session_num), AT(s_ifx), AT(d_ifx), AT(dir), AT(module_type), AT(role),
+                        AT(apply_type), AT(acl_id), AT(sample_rate), AT(n_vlan_map), AT(vlan_map), AT(rspan_vlan),
+                        AT(ip_head), AT(mtp_switch), AT(src_is_subif)}));
+static_assert(is_words<decltype(HERE::vlan_map)>(128) && is_words<decltype(HERE::ip_head)>(5));
+static_assert(AT(rspan_vlan) - AT(session_num) == 138 * sizeof(uint32_t), "numbers of 32 bits, without gaps");
+static_assert(sizeof(HERE::mtp_switch) == 1 && sizeof(HERE::src_is_subif) == 1);
+#undef HERE
+#define HERE mirror_info
+static_assert(in_order({AT(link), AT(session_id), AT(mod_type), AT(src_list), AT(dst_list), AT(mtp_list)}) &&
+              AT(link) == 0);
+#undef HERE
+#define HERE src_info
+static_assert(in_order({AT(link), AT(s_phyid), AT(d_phyid), AT(dir), AT(apply_type), AT(acl_id), AT(vlan_map)}) &&
+              AT(link) == 0);
+static_assert(is_words<decltype(HERE::vlan_map)>(128) && AT(vlan_map) - AT(s_phyid) == 5 * sizeof(uint32_t));
+#undef HERE
+#define HERE dst_info
+static_assert(in_order({AT(link), AT(dir), AT(acl_id), AT(s_phyid), AT(d_phyid), AT(sample_rate)}) && AT(link) == 0);
+#undef HERE
+#define HERE mtp_info
+static_assert(in_order({AT(link), AT(session_id), AT(d_phyid), AT(mtp_switch), AT(module_type), AT(role), AT(mtp_type),
+                        AT(rspan_vlan), AT(ip_head), AT(d_ifx)}) &&
+              AT(link) == 0);
+static_assert(sizeof(HERE::mtp_switch) == 1 && AT(ip_head) - AT(session_id) == 7 * sizeof(uint32_t));
+#undef HERE
+
+// ---- schemas ----
+
+std::string field_text(const ProtobufCMessageDescriptor &message, const ProtobufCFieldDescriptor &field) {
+  std::string text = std::to_string(field.id) + ' ' + field.name + ' ';
+  switch (field.type) {
+    case PROTOBUF_C_TYPE_UINT32:
+      text += "uint32";
+      break;
+    case PROTOBUF_C_TYPE_STRING:
+      text += "string";
+      break;
+    case PROTOBUF_C_TYPE_BYTES:
+      text += "bytes";
+      break;
+    case PROTOBUF_C_TYPE_ENUM:
+      text += static_cast<const ProtobufCEnumDescriptor *>(field.descriptor)->name;
+      break;
+    case PROTOBUF_C_TYPE_MESSAGE:
+      text += static_cast<const ProtobufCMessageDescriptor *>(field.descriptor)->name;
+      break;
+    default:
+      text += "?";
+  }
+  if (field.label == PROTOBUF_C_LABEL_REPEATED)
+    text += (field.flags & PROTOBUF_C_FIELD_FLAG_PACKED) != 0 ? "[]" : "[?]";
+  if (field.label != PROTOBUF_C_LABEL_REPEATED && field.label != PROTOBUF_C_LABEL_NONE) text += " with presence";
+  const uint32_t word = schema_attribute(&message, &field);
+  return text + (word == 0 ? "" : " @" + std::to_string(word));
+}
+
+TEST(Schemas, FieldsOfEveryMessage) {
+  const std::pair<const ProtobufCMessageDescriptor *, const char *> rows[] = {
+      {&u_monitor__mirror_index__descriptor,
+       "1 t_user string @1, 2 session_num uint32, 3 s_ifx uint32, 4 d_ifx uint32, 5 dir uint32, "
+       "6 acl_id uint32"},
+      {&u_monitor__span_src_info_index__descriptor,
+       "1 t_user string @1, 2 session_id uint32, 3 s_phyid uint32, 4 d_phyid uint32, 5 dir uint32, "
+       "6 acl_id uint32"},
+      {&u_monitor__span_mtp_info_index__descriptor, "1 t_user string @1, 2 session_id uint32, 3 d_phyid uint32"},
+      {&u_bridge__udp_pt_learn_index__descriptor, "1 t_app_name string @1, 2 t_ifx uint32 @1"},
+      {&p_intf__intfindex__descriptor, "1 index uint32"},
+      {&u_monitor__mirror_lspan_info__descriptor,
+       "5 index u_monitor.mirror_index @2, 6 module_type u_monitor.mirror_module, "
+       "7 role u_monitor.mirror_role, 8 apply_type u_monitor.mirror_type, 9 mtp_switch uint32, "
+       "10 vlan_map uint32[], 11 sample_rate uint32"},
+      {&p_policy__data_intf_conf__descriptor, "5 index p_intf.intfindex @2, 6 group_id uint32"},
+      {&u_monitor__mirror_result_info__descriptor,
+       "5 index u_monitor.mirror_index @2, 6 result uint32, 7 msg_type uint32"},
+      {&u_monitor__span_port_src_info__descriptor,
+       "5 index u_monitor.span_src_info_index @2, 6 module_type u_monitor.mirror_module, "
+       "7 role u_monitor.mirror_role"},
+      {&u_monitor__span_acl_src_info__descriptor,
+       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, "
+       "8 sample_rate uint32, 9 src_is_subif uint32, 10 src_main_phyid uint32"},
+      {&u_monitor__span_vlan_src_info__descriptor,
+       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, 8 vlan_map uint32[]"},
+      {&u_monitor__span_dst_info__descriptor,
+       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, 8 apply_type uint32, "
+       "9 sample_rate uint32, 10 arp_lif uint32, 11 ip4_lif uint32, 12 out_lif uint32, "
+       "14 src_is_subif uint32, 15 src_main_phyid uint32"},
+      {&u_monitor__span_vlan_dst_info__descriptor, "5 index u_monitor.span_src_info_index @2, 6 rspan_vlan uint32"},
+      {&u_monitor__span_ip_info__descriptor,
+       "5 src_ip uint32, 6 dst_ip uint32, 7 ttl uint32, 8 dscp uint32, 9 vrf uint32"},
+      {&u_monitor__span_ip_dst_info__descriptor,
+       "5 index u_monitor.span_src_info_index @2, 6 ip_head u_monitor.span_ip_info, 7 src_is_subif uint32, "
+       "8 src_main_phyid uint32"},
+      {&u_monitor__span_mtp_info__descriptor,
+       "5 index u_monitor.span_mtp_info_index @2, 6 module_type uint32, 7 role uint32, 8 mtp_switch uint32, "
+       "9 arp_lif uint32, 10 ip4_lif uint32, 11 out_lif uint32"},
+      {&u_monitor__span_vlan_mtp_info__descriptor, "5 index u_monitor.span_mtp_info_index @2, 6 rspan_vlan uint32"},
+      {&u_monitor__span_ip_mtp_info__descriptor,
+       "5 index u_monitor.span_mtp_info_index @2, 6 ip_head u_monitor.span_ip_info"},
+      {&u_bridge__udp_pt_learn__descriptor, "5 index u_bridge.udp_pt_learn_index @2, 6 learn string"},
+      {&u_bridge__udp_flushdyn__descriptor,
+       "5 mac p_libpub.mac @32, 6 port_type uint32, 7 ifx uint32, 8 vid uint32, 9 flag uint32, "
+       "10 vbmp uint32[], 11 brg_type uint32, 12 subport uint32"},
+      {&p_libpub__mac__descriptor, "1 data bytes"}};
+  for (const auto &[message, expected] : rows) {
+    std::string text;
+    for (unsigned i = 0; i < message->n_fields; ++i)
+      text += (i == 0 ? "" : ", ") + field_text(*message, message->fields[i]);
+    EXPECT_EQ(expected, text) << message->name;
+  }
+}
+
+TEST(Schemas, ValuesOfEveryEnum) {
+  const std::pair<const ProtobufCEnumDescriptor *, lines> rows[] = {
+      {&u_monitor__mirror_module__descriptor,
+       {"USER", "SFLOW", "IPFIX", "CPU", "OPEN_FLOW", "GROUP", "MOD_TYPE_COUNT"}},
+      {&u_monitor__mirror_role__descriptor,
+       {"LOCALSPAN_SRC", "LOCALSPAN_DST", "RSPAN_SRC", "RSPAN_DST", "ERSPAN_SRC", "ERSPAN_DST"}},
+      {&u_monitor__mirror_type__descriptor, {"PORT", "POLICY", "VLAN", "VLAN_FILTER"}}};
+  for (const auto &[type, names] : rows) {
+    ASSERT_EQ(names.size(), type->n_values);
+    for (unsigned i = 0; i < type->n_values; ++i) {
+      EXPECT_EQ(names[i], type->values[i].name);
+      EXPECT_EQ(static_cast<int>(i), type->values[i].value);
+    }
+  }
+}
+
+std::vector<uint8_t> packed(const ProtobufCMessage &message) {
+  std::vector<uint8_t> bytes(protobuf_c_message_get_packed_size(&message));
+  protobuf_c_message_pack(&message, bytes.data());
+  return bytes;
+}
+
+TEST(Schemas, BytesOnTheWire) {
+  UBridge__UdpFlushdyn flush = U_BRIDGE__UDP_FLUSHDYN__INIT;
+  flush.ifx = 300;
+  flush.flag = 4;
+  EXPECT_EQ((std::vector<uint8_t>{0x38, 0xac, 0x02, 0x48, 0x04}), packed(flush.base));
+  uint32_t words[] = {1, 300};
+  flush.n_vbmp = 2;
+  flush.vbmp = words;
+  EXPECT_EQ((std::vector<uint8_t>{0x38, 0xac, 0x02, 0x48, 0x04, 0x52, 0x03, 0x01, 0xac, 0x02}), packed(flush.base));
+
+  UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
+  EXPECT_STREQ("", key.t_user);
+  UBridge__UdpPtLearnIndex learn_key = U_BRIDGE__UDP_PT_LEARN_INDEX__INIT;
+  EXPECT_STREQ("", learn_key.t_app_name);
+  UMonitor__SpanDstInfo dst = U_MONITOR__SPAN_DST_INFO__INIT;
+  EXPECT_TRUE(packed(dst.base).empty());
+  dst.index = &key;
+  dst.module_type = dst.role = dst.apply_type = dst.sample_rate = dst.arp_lif = dst.ip4_lif = dst.out_lif = 1;
+  dst.src_is_subif = dst.src_main_phyid = 1;
+  EXPECT_EQ((std::vector<uint8_t>{0x2a, 0x00, 0x30, 0x01, 0x38, 0x01, 0x40, 0x01, 0x48, 0x01,
+                                  0x50, 0x01, 0x58, 0x01, 0x60, 0x01, 0x70, 0x01, 0x78, 0x01}),
+            packed(dst.base));
+}
+
+// ---- logging ----
+
+TEST_F(Span, LevelsOfTheLog) {
+  const struct {
+    uint32_t level;
+    lines written;
+  } rows[] = {{0, {}},
+              {1, {"error"}},
+              {2, {"error", "warn"}},
+              {3, {"error", "warn"}},
+              {4, {"error", "warn", "info"}},
+              {5, {"error", "warn", "info", "debug"}},
+              {UINT32_MAX, {"error", "warn", "info", "debug"}}};
+  for (const auto &row : rows) {
+    recording::reset();
+    lspan_zlog_level = row.level;
+    LSPAN_LOG_AS(dl_zlog_error, "f", "%s", "100%d");
+    LSPAN_LOG_AS(dl_zlog_warn, "f", "%s", "100%d");
+    LSPAN_LOG_AS(dl_zlog_info, "f", "%s", "100%d");
+    LSPAN_LOG_AS(dl_zlog_debug, "f", "%s", "100%d");
+    lines expected;
+    for (const std::string &kind : row.written) expected.push_back(kind + " f: 100%d");
+    EXPECT_EQ(expected, recording::take_trace()) << row.level;
+    EXPECT_EQ(row.written.size(), recording::format_count()) << "formatted without need at " << row.level;
+  }
+}
+
+TEST_F(Span, LongTextsAreCut) {
+  for (const size_t length : {1022U, 1023U, 1024U, 5000U}) {
+    const std::string text(length, 'x');
+    LSPAN_ERROR("%s", text.c_str());
+    EXPECT_EQ("error TestBody: " + text.substr(0, 1023), recording::take_trace().at(0));
+  }
+  lspan_global.zlog_category = nullptr;
+  LSPAN_ERROR("dropped");
+  EXPECT_EQ(lines(), recording::take_trace());
+  EXPECT_EQ(5U, recording::format_count());
+}
+
+// ---- group tables ----
+
+TEST(OutgrbHash, CheckValues) {
+  const std::pair<uint32_t, uint32_t> rows[] = {
+      {0x00000000, 0x08D6D969}, {0x00000001, 0xF3BB7693}, {0x00000007, 0xE68BC8F8}, {0x00000009, 0x39DCAF06},
+      {0xFFFFFFFF, 0x04079E5F}, {0xFD000007, 0x61379DA6}, {0x80000000, 0x59FBD9C1}, {0x075BCD15, 0xB20A85EE}};
+  for (const auto &[key, hash] : rows) EXPECT_EQ(hash, outgrb_key_hash(key)) << key;
+}
+
+// Runs `body` in a process of its own: a table never shrinks, so each needs a new one.
+template <typename Body>
+void in_fresh_process(Body body) {
+  EXPECT_EXIT(
+      {
+        recording::reset();
+        body();
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+outgrb_mbr_info *insert(uint32_t key) {
+  const outgrb_mbr_info record{key, 1};
+  outgrb_mbr_info *entry = nullptr;
+  return outgrb_mbr_hash_set(&entry, &record);
+}
+
+// Whether inserting `key` made the table rebuild: an insert alone allocates its entry and nothing else.
+bool rebuilds(uint32_t key) {
+  recording::alloc_fail_at(0, false);
+  EXPECT_NE(nullptr, insert(key));
+  return recording::alloc_count() > 1;
+}
+
+void remove(uint32_t key) {
+  outgrb_mbr_info *entry = outgrb_mbr_hash_get(&key);
+  ASSERT_NE(nullptr, entry);
+  outgrb_mbr_hash_del(entry);
+}
+
+TEST(OutgrbTableDeathTest, CreatedOrNot) {
+  in_fresh_process([] {
+    recording::alloc_fail_at(1, true);
+    EXPECT_EQ(-1, outgrb_mbr_hash_init());
+    EXPECT_EQ(-1, outgrb_group_hash_init());
+    recording::alloc_fail_at(0, false);
+    EXPECT_EQ(0, outgrb_mbr_hash_init());
+    EXPECT_EQ(0, outgrb_group_hash_init());
+    const uint32_t key[4] = {7};
+    EXPECT_EQ(nullptr, outgrb_mbr_hash_get(key));
+    EXPECT_EQ(nullptr, outgrb_group_hash_get(key));
+    EXPECT_EQ(nullptr, outgrb_mbr_hash_get(nullptr));
+    EXPECT_EQ(nullptr, outgrb_group_hash_get(nullptr));
+  });
+}
+
+TEST(OutgrbTableDeathTest, GrowsAtItsBounds) {
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    std::vector<uint32_t> rebuilt;
+    for (uint32_t count = 1; count <= 50; ++count)
+      if (rebuilds(count * 17)) rebuilt.push_back(count);
+    // To 4 buckets, then after the 3rd, 6th, 12th, 25th and 49th.
+    EXPECT_EQ((std::vector<uint32_t>{1, 4, 7, 13, 26, 50}), rebuilt);
+  });
+}
+
+TEST(OutgrbTableDeathTest, RebuildsAtTheSameSizeWhenFewerThanHalfLive) {
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    for (uint32_t key = 1; key <= 3; ++key) insert(key);
+    remove(1);
+    remove(2);
+    EXPECT_TRUE(rebuilds(4));  // one of four lives: to 4 buckets again
+    EXPECT_FALSE(rebuilds(5));
+    EXPECT_TRUE(rebuilds(6));  // three of four: to 8
+    EXPECT_FALSE(rebuilds(7));
+  });
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    for (uint32_t key = 1; key <= 3; ++key) insert(key);
+    remove(1);
+    EXPECT_TRUE(rebuilds(4));  // half of four live: to 8, with room for six
+    for (uint32_t key = 5; key <= 7; ++key) EXPECT_FALSE(rebuilds(key));
+    EXPECT_TRUE(rebuilds(8));
+  });
+}
+
+TEST(OutgrbTableDeathTest, ReusesDeletedBuckets) {
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    EXPECT_TRUE(rebuilds(9));
+    for (int i = 0; i < 100; ++i) {
+      remove(9);
+      EXPECT_FALSE(rebuilds(9)) << i;
+    }
+  });
+}
+
+TEST(OutgrbTableDeathTest, FailedGrowthLeavesTheTable) {
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    for (uint32_t key = 1; key <= 3; ++key) insert(key);
+    for (const uint64_t k : {1U, 2U}) {
+      recording::alloc_fail_at(k, false);
+      outgrb_mbr_info record{4, 1};
+      outgrb_mbr_info *entry = &record;
+      EXPECT_EQ(nullptr, outgrb_mbr_hash_set(&entry, &record));
+      EXPECT_EQ(nullptr, entry);
+      const uint32_t absent = 4;
+      EXPECT_EQ(nullptr, outgrb_mbr_hash_get(&absent));
+      for (uint32_t key = 1; key <= 3; ++key) EXPECT_NE(nullptr, outgrb_mbr_hash_get(&key));
+    }
+    EXPECT_TRUE(rebuilds(4));
+  });
+}
+
+// Seeded operations on both tables against a map from key to entry, with allocations failing now and then.
+TEST(OutgrbTableDeathTest, BehavesLikeAMap) {
+  in_fresh_process([] {
+    outgrb_mbr_hash_init();
+    outgrb_group_hash_init();
+    std::mt19937 engine(20240611);
+    const auto random = [&] { return static_cast<uint32_t>(engine()); };
+    std::unordered_map<uint32_t, outgrb_mbr_info *> members;
+    std::unordered_map<uint32_t, outgrb_group_info *> groups;
+    uint64_t refused = 0;
+    for (int i = 0; i < 300000 && !testing::Test::HasFailure(); ++i) {
+      // The universe breathes, so that tables fill up with live entries and with deleted ones.
+      const uint32_t key = random() % (i / 30000 % 2 == 0 ? 40 : 3000) * 0x01000193U;
+      const bool insert_it = random() % 5 < (i / 20000 % 2 == 0 ? 3U : 2U);
+      recording::alloc_fail_at(random() % 8 == 0 ? 1 + random() % 2 : 0, random() % 2 == 0);
+      if (insert_it) {
+        const outgrb_mbr_info record{key, random()};
+        const outgrb_group_info group{key, {}, nullptr, nullptr, nullptr};
+        outgrb_mbr_info *member_out = nullptr;
+        outgrb_group_info *group_out = nullptr;
+        outgrb_mbr_info *member = outgrb_mbr_hash_set(&member_out, &record);
+        outgrb_group_info *made = outgrb_group_hash_set(&group_out, &group);
+        EXPECT_EQ(member_out, member);
+        EXPECT_EQ(group_out, made);
+        refused += (member == nullptr) + (made == nullptr);
+        // An entry that is there keeps its place, and its update is not refused.
+        EXPECT_EQ(member, member == nullptr ? nullptr : members.try_emplace(key, member).first->second);
+        EXPECT_EQ(made, made == nullptr ? nullptr : groups.try_emplace(key, made).first->second);
+        EXPECT_EQ(members.contains(key), member != nullptr && member->group_id == record.group_id);
+        EXPECT_EQ(groups.contains(key), made != nullptr);
+      } else {
+        if (const auto found = members.extract(key)) outgrb_mbr_hash_del(found.mapped());
+        if (const auto found = groups.extract(key)) outgrb_group_hash_del(found.mapped());
+      }
+      EXPECT_EQ(members.contains(key) ? members[key] : nullptr, outgrb_mbr_hash_get(&key));
+      EXPECT_EQ(groups.contains(key) ? groups[key] : nullptr, outgrb_group_hash_get(&key));
+      if (i % 5000 != 0) continue;
+      for (uint32_t n = 0; n < 3000; ++n) {
+        const uint32_t any = n * 0x01000193U;
+        EXPECT_EQ(members.contains(any) ? members[any] : nullptr, outgrb_mbr_hash_get(&any));
+        EXPECT_EQ(groups.contains(any) ? groups[any] : nullptr, outgrb_group_hash_get(&any));
+      }
+    }
+    EXPECT_GT(refused, 1000U);
+  });
+}
+
+TEST_F(Span, GroupEntriesAndTheirMembers) {
+  mtp_info first = {}, second = {};
+  outgrb_group_info record{7, {}, &first, nullptr, nullptr};
+  outgrb_group_info *group = nullptr;
+  ASSERT_NE(nullptr, outgrb_group_hash_set(&group, &record));
+  EXPECT_EQ(&group->mbr_list, group->mbr_list.next);
+  EXPECT_EQ(&group->mbr_list, group->mbr_list.prev);
+  EXPECT_EQ(group, first.groups);
+  for (const uint32_t ifx : {4U, 5U, 4U}) {
+    auto *node = static_cast<outgrb_mbr_node *>(calloc(1, sizeof(outgrb_mbr_node)));
+    node->ifx = ifx;
+    node->link = {&group->mbr_list, group->mbr_list.prev};
+    group->mbr_list.prev = group->mbr_list.prev->next = &node->link;
+  }
+  record.mtp_info = &second;
+  outgrb_group_info *again = nullptr;
+  EXPECT_EQ(group, outgrb_group_hash_set(&again, &record));
+  EXPECT_EQ(&second, group->mtp_info);
+  EXPECT_EQ(nullptr, first.groups);
+  const auto members = [&] {
+    std::vector<uint32_t> found;
+    for (mirror_link *at = group->mbr_list.next; at != &group->mbr_list; at = at->next)
+      found.push_back(reinterpret_cast<outgrb_mbr_node *>(at)->ifx);
+    return found;
+  };
+  outgrb_mbr_list_remove(&group->mbr_list, 6);
+  EXPECT_EQ((std::vector<uint32_t>{4, 5, 4}), members());
+  outgrb_mbr_list_remove(&group->mbr_list, 4);
+  EXPECT_EQ(std::vector<uint32_t>{5}, members());
+  outgrb_mbr_list_remove(&group->mbr_list, 5);
+  EXPECT_EQ(&group->mbr_list, group->mbr_list.prev);
+
+  // Groups that name one entry: one leaves the chain from its middle, then all let go.
+  outgrb_group_info *more[2] = {};
+  for (uint32_t i = 0; i < 2; ++i) {
+    record = {20 + i, {}, &second, nullptr, nullptr};
+    ASSERT_NE(nullptr, outgrb_group_hash_set(&more[i], &record));
+  }
+  outgrb_group_hash_del(more[0]);
+  size_t named = 0;
+  for (outgrb_group_info *at = second.groups; at != nullptr; at = at->next_named) ++named;
+  EXPECT_EQ(2U, named);
+  outgrb_forget_mtp_info(&second);
+  EXPECT_EQ(nullptr, second.groups);
+  EXPECT_EQ(nullptr, group->mtp_info);
+  EXPECT_EQ(nullptr, more[1]->mtp_info);
+  outgrb_group_hash_del(more[1]);
+  outgrb_group_hash_del(group);
+}
+
+}  // namespace

@@ -1,0 +1,450 @@
+// Start-up, each case in a child process with a /var/run and /var/tmp of its own: real files, real locks, and caches
+// that are filled once per process. What happened comes back as the recording platform's trace.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+
+#include "001_init_a/dl_init.h"
+#include "proc/lspan/ko_lspan.h"
+#include "recording.h"
+
+int ko_lspan_main();  // the daemon's main under a name that does not clash
+
+namespace {
+
+using std::string;
+
+constexpr int no_namespace = 77;  // exit status of a child that may not make its own folders
+const char *const pid_file = "/var/run/startup_test.pid";
+const char *const ham_file = "/var/tmp/startup_test.ham";
+const char *const dl_file = "/var/tmp/dl.zlog";
+const char *const app_file = "/var/tmp/ko_lspan.zlog";
+
+// What a case finds: a call that fails, a file with these contents (or one of the words that make_file knows).
+struct setting {
+  const char *function = nullptr;  // "malloc": the k-th allocation
+  uint64_t k = 0;
+  int32_t code = 0;
+  const char *path = nullptr, *contents = nullptr;
+};
+
+setting file(const char *path, const char *contents) { return {nullptr, 0, 0, path, contents}; }
+
+void make_file(const string &path, const string &contents) {
+  if (contents == "<folder>") {
+    std::filesystem::create_directory(path);
+  } else if (contents == "<fifo>") {
+    if (mkfifo(path.c_str(), 0644) != 0) abort();
+  } else if (contents == "<loop>") {
+    std::filesystem::create_symlink(path, path);
+  } else if (contents == "<covered>") {
+    if (mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr) != 0) _exit(no_namespace);
+  } else {
+    std::ofstream(path, std::ios::binary) << contents;
+  }
+}
+
+void apply(const setting &found) {
+  if (found.path != nullptr) make_file(found.path, found.contents);
+  if (found.k != 0 && found.function == string("malloc"))
+    recording::alloc_fail_at(found.k, false);
+  else if (found.k != 0)
+    recording::fail(found.function, found.k, found.code);
+}
+
+void own_folders() {
+  const string uid = std::to_string(getuid()), gid = std::to_string(getgid());
+  if (unshare(CLONE_NEWNS | (uid == "0" ? 0 : CLONE_NEWUSER)) != 0) _exit(no_namespace);
+  if (uid != "0") {
+    make_file("/proc/self/setgroups", "deny");
+    make_file("/proc/self/uid_map", "0 " + uid + " 1");
+    make_file("/proc/self/gid_map", "0 " + gid + " 1");
+  }
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(no_namespace);
+  make_file("/var/run", "<covered>");
+  make_file("/var/tmp", "<covered>");
+}
+
+// A line of the start-up module's channel loses channel and colour, if the colour is that of its kind.
+string plain(const string &line) {
+  static const std::map<string, string> colours = {{"error", "31"}, {"warn", "33"}, {"info", "32"}, {"debug", "35"}};
+  const string start = "[dl] ", reset = "\\033[0m";
+  const size_t colon = line.find(": ");
+  if (!line.starts_with(start) || !line.ends_with(reset) || colon == line.npos) return line;
+  const string head = line.substr(start.size(), colon - start.size());  // kind and function
+  const string colour = head.ends_with(" dl_print_result") ? "34" : colours.at(head.substr(0, head.find(' ')));
+  string text = line.substr(colon + 2, line.size() - reset.size() - colon - 2);
+  const string expected = "\\033[" + colour + 'm';
+  return text.starts_with(expected) ? head + ": " + text.substr(expected.size()) : line;
+}
+
+// `text` with every line that starts with `start` left out.
+string without(const string &text, const string &start) {
+  string out;
+  std::istringstream stream(text);
+  for (string line; std::getline(stream, line);)
+    if (!line.starts_with(start)) out += line + '\n';
+  return out;
+}
+
+int trace_pipe = -1;
+
+void send_trace() {
+  string text;
+  for (const string &line : recording::take_trace()) text += plain(line) + '\n';
+  if (write(trace_pipe, text.data(), text.size()) < 0) abort();
+}
+
+struct outcome {
+  int status;    // exit status, or minus the signal that ended the child
+  string trace;  // lines
+};
+
+// Runs `body` in a child; its result is the exit status. A child that hangs is ended by the alarm.
+outcome in_child(const std::function<int()> &body) {
+  int ends[2];
+  if (pipe(ends) != 0) abort();
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);
+    own_folders();
+    recording::reset();
+    std::signal(SIGPIPE, SIG_DFL);
+    trace_pipe = ends[1];
+    std::atexit(send_trace);
+    const int status = body();
+    send_trace();
+    _exit(status);
+  }
+  close(ends[1]);
+  string text;
+  char part[4096];
+  for (ssize_t n; (n = read(ends[0], part, sizeof(part))) > 0;) text.append(part, static_cast<size_t>(n));
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), text};
+}
+
+class startup : public testing::Test {
+  void SetUp() override {
+    if (in_child([] { return 0; }).status == no_namespace) GTEST_SKIP() << "mount namespaces are not permitted";
+  }
+};
+
+// Leaves the file open: closing it would end the lock that this process may hold on it.
+string read_pid_file() {
+  char text[64];
+  const ssize_t length = read(open(pid_file, O_RDONLY), text, sizeof(text));
+  return {text, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+}
+
+// Notes a run's status, what it handed out, and what it left in the process and its folders. The argument that
+// `missing` names is null.
+void run(uint32_t flags, std::string_view missing = "") {
+  const dl_init_in_t in = {missing == "zlog_conf" ? nullptr : "ko_lspan"};
+  dl_init_out_t out = {99, recording::category("stale"), recording::global()};
+  std::ostringstream note;
+  note << "rv=" << dl_init(flags, missing == "in" ? nullptr : &in, missing == "out" ? nullptr : &out);
+  note << " level=" << out.zlog_level << (out.zlog_category != nullptr ? " category" : "");
+  note << (out.global != nullptr ? " global" : "");
+  const string pid = read_pid_file();
+  if (!pid.empty()) note << (pid == std::to_string(getpid()) + '\0' ? " pid" : " other pid");
+  struct sigaction sigpipe = {};
+  sigaction(SIGPIPE, nullptr, &sigpipe);
+  recording::note(note.str() + (sigpipe.sa_handler == SIG_IGN ? " sigpipe" : ""));
+}
+
+// Trace lines.
+const string dl = "vx_zlog_init(\"dl\")\n", app = "vx_zlog_init(\"ko_lspan\")\n",
+             ham = "reg_process_exit_action(self, 2)\n", global = "vx_global_init(\"startup_test\")\n";
+
+string failed(const string &call, const string &answer) { return call.substr(0, call.size() - 1) + answer + '\n'; }
+string error(const string &func, const string &text) { return "error dl_" + func + ": <init> " + text + '\n'; }
+string step_failed(const string &step, int rv) {
+  return error("init", "init " + step + " failed, rv = " + std::to_string(rv) + '.');
+}
+
+TEST_F(startup, steps) {
+  const string no_pid_file = error("init_running_check", "open lockfile failed, fd = -1");
+  const string no_ham = failed(ham, " = -5") + error("init_ham", "reg ham failed, rv = -5");
+  const string no_app = error("get_zlog_category", "init zlog ko_lspan failed.") +
+                        error("init_zlog", "init zlog ko_lspan failed, rv = -17.");
+  const string untouched = " level=99 category global";
+  const struct {
+    uint32_t flags;
+    const char *missing;
+    setting found;
+    string calls;
+    int32_t rv;
+    const char *step;  // that the driver says has failed
+    string state;
+  } cases[] = {
+      {0, "", {}, dl, 0, "", " level=0"},
+      {1, "", {}, dl, 0, "", " level=0 pid"},
+      {2, "", {}, dl + ham, 0, "", " level=0 sigpipe"},
+      {7, "", {}, dl + ham + app, 0, "", " level=1 category pid sigpipe"},
+      {15, "", {}, dl + ham + app + global, 0, "", " level=1 category global pid sigpipe"},
+      {7, "", {"vx_zlog_init", 1, -1}, failed(dl, " = null"), -17, "", untouched},
+      {7, "", file("/proc", "<covered>"), dl, -8, "proc name", untouched},
+      {7, "in", {}, dl + error("init_user_param", "in is (NULL)."), -4, "check param", untouched},
+      {7, "out", {}, dl + error("init_user_param", "out is (NULL)."), -4, "check param", untouched},
+      {7, "", file(pid_file, "<folder>"), dl + no_pid_file, -11, "check running", " level=0"},
+      {1, "", file(pid_file, "99999999 of a dead process"), dl, 0, "", " level=0 pid"},
+      {7, "", {"reg_process_exit_action", 1, -5}, dl + no_ham, -5, "ham", " level=0 pid sigpipe"},
+      {2, "", file(ham_file, ""), dl, 0, "", " level=0 sigpipe"},
+      {2, "", file(ham_file, "<fifo>"), dl, 0, "", " level=0 sigpipe"},
+      {4, "zlog_conf", {}, dl + error("init_zlog", "zlog_conf is (NULL)."), -4, "zlog", " level=0"},
+      {12, "", {"vx_zlog_init", 2, -1}, dl + failed(app, " = null") + no_app, -17, "zlog", " level=0"},
+      {4, "", {"vx_zlog_init", 2, -1, dl_file, "0"}, dl + failed(app, " = null"), -17, "", " level=0"},
+  };
+  for (const auto &one : cases) {
+    const outcome out = in_child([&] { return apply(one.found), run(one.flags, one.missing), 0; });
+    const string driver = one.step[0] == '\0' ? "" : step_failed(one.step, one.rv);
+    EXPECT_EQ(out.trace, one.calls + driver + "rv=" + std::to_string(one.rv) + one.state + '\n');
+  }
+}
+
+// Everything that runs in one process write, and what each level lets through. A failed context is asked for again, one
+// that was made is not.
+TEST_F(startup, levels) {
+  const auto result = [](const void *context, const void *category, const char *level, const char *state) {
+    char text[512];
+    std::snprintf(text, sizeof(text),
+                  "info dl_print_result: <init> + result for dl_init_arg_t.\n"
+                  "info dl_print_result: <init>   - proc name is startup_test.\n"
+                  "info dl_print_result: <init> + result for dl_init_out_t.\n"
+                  "info dl_print_result: <init>   - global is 0x%p.\n"
+                  "info dl_print_result: <init>   - zlog category is 0x%p.\n"
+                  "info dl_print_result: <init>   - zlog level is %s.\n"
+                  "info dl_init: init end.\n"
+                  "rv=0 level=%s%s sigpipe\n",
+                  context, category, level, level, state);
+    return string(text);
+  };
+  const string with_context = result(recording::global(), nullptr, "0", " global");
+  const auto done = [](const string &step) { return "debug dl_init: <init> init " + step + " successfully.\n"; };
+  const string marker = "warn dl_init_ham: <init> don't need reg ham.\n" + done("ham");
+  const string again =
+      "info dl_init: init start.\n" + done("inner zlog") + done("proc name") + done("check param") + marker;
+  const string all =
+      dl + "info dl_init_inner_zlog: <init> inner zlog level is LEVEL.\n" + done("inner zlog") +
+      "info dl_init_proc_name: <init> proc name is startup_test.\n" + done("proc name") + done("check param") + marker +
+      failed(global, " = null") + error("init_global", "init global failed.") + step_failed("global", -17) +
+      "rv=-17 level=0 sigpipe\n" + again + global + "info dl_init_global: <init> init global successfully.\n" +
+      done("global") + with_context + again + done("global") + with_context + "info dl_init: init start.\n" +
+      done("inner zlog") + done("proc name") + done("check param") + app +
+      "warn dl_get_zlog_level: <init> open /var/tmp/ko_lspan.zlog failed.\n" +
+      "info dl_init_zlog: <init> init zlog ko_lspan successfully, level = 1.\n" + done("zlog") +
+      result(nullptr, recording::category("ko_lspan"), "1", " category");
+  const std::map<string, uint32_t> needed = {{"error ", 1}, {"warn ", 2}, {"info ", 4}, {"debug ", 5}};
+  for (const int level : {0, 1, 2, 3, 4, 5, 6, -1}) {
+    string expected = all;
+    expected.replace(expected.find("LEVEL"), 5, std::to_string(level));
+    for (const auto &[kind, least] : needed)
+      if (static_cast<uint32_t>(level) < least) expected = without(expected, kind);
+    const outcome out = in_child([&] {
+      make_file(dl_file, std::to_string(level));
+      apply({"vx_global_init", 1, -1, ham_file, ""});
+      for (const uint32_t flags : {10, 10, 10, 4}) run(flags);
+      return 0;
+    });
+    EXPECT_EQ(out.trace, expected);
+  }
+}
+
+TEST_F(startup, level_files) {
+  const string name(70, 'n'), path = "/var/tmp/" + name.substr(0, 64) + ".zlog";
+  const struct {
+    const char *contents;
+    uint32_t level;
+  } cases[] = {{nullptr, 1}, {"", 1},  {"5", 5},        {"-1\n", UINT32_MAX}, {" \n\t +7x", 7},
+               {"x5", 1},    {"0", 0}, {"<folder>", 1}, {"<fifo>", 1},        {"<loop>", 1}};
+  for (const auto &[contents, level] : cases) {
+    const bool opens = contents != nullptr && std::string_view(contents) != "<loop>";
+    const outcome out = in_child([&, file = contents] {
+      dl_inner_zlog_category = recording::category("dl");
+      dl_inner_zlog_level = 2;
+      if (file != nullptr) make_file(path, file);
+      const dl_init_in_t in = {name.c_str()};
+      uint32_t found = 99;
+      dl_get_zlog_level(&in, &found);
+      return recording::note(std::to_string(found)), 0;
+    });
+    EXPECT_EQ(out.trace, (opens ? "" : "warn dl_get_zlog_level: <init> open " + path + " failed.\n") +
+                             std::to_string(level) + '\n');
+  }
+}
+
+TEST_F(startup, second_instance_ends) {
+  const outcome out = in_child([] {
+    run(1);
+    const string before = read_pid_file();
+    const pid_t second = fork();
+    if (second == 0) recording::take_trace(), run(1), _exit(0);
+    int status = 0;
+    waitpid(second, &status, 0);
+    if (read_pid_file() != before) recording::note("pid file changed");
+    return WEXITSTATUS(status);
+  });
+  EXPECT_EQ(out.status, 245);
+  EXPECT_EQ(out.trace, error("init_running_check", "lock lockfile failed") + dl + "rv=0 level=0 pid\n");
+}
+
+// What a process whose executable has another name makes of it: the name, its pid files, its platform calls.
+int report_name() {
+  dl_init_arg_t arg = {};
+  dl_init_proc_name(&arg);
+  dl_init_running_check(&arg);
+  dl_init_ham(&arg);
+  std::printf("%s\n", arg.proc_name);
+  for (const auto &file : std::filesystem::directory_iterator("/var/run"))
+    if (file.path().extension() == ".pid") std::printf("%s\n", file.path().stem().c_str());
+  for (const string &line : recording::trace()) std::printf("%s\n", line.c_str());
+  return 0;
+}
+
+TEST_F(startup, process_names) {
+  const string folder = std::filesystem::canonical("/var/run").string() + '/';
+  for (const size_t length : {1, 63, 64, 65, 121, 122, 123, 127, 128}) {
+    const string name(length, 'p'), path = folder + name, seen = name.substr(0, 127 - folder.size());
+    const outcome out = in_child([&] {
+      make_file("/var/tmp/" + name.substr(0, 64) + ".ham", "");
+      std::filesystem::copy_file("/proc/self/exe", path);
+      if (dup2(trace_pipe, 1) < 0) return 1;
+      execl(path.c_str(), "another name", "--report-name", nullptr);
+      return 2;
+    });
+    EXPECT_EQ(out.trace, seen + '\n' + seen.substr(0, 64) + '\n');
+  }
+}
+
+const string open_store = "vx_mom_ab_init(null, \"ko_lspan\", {0 0})\n",
+             redundancy =
+                 "rdnd_lib_mom_reg(\"ko_lspan\", instance, context, ko_lspan_mom_rdnd_awake_cb, "
+                 "ko_lspan_mom_rdnd_awake_cb, 0, 0, 0, [4 8 6])\n",
+             loop = "vx_global_run(context)\nvx_global_finish(context)\n";
+
+int named_main() {
+#define NAME(function) recording::name_pointer(reinterpret_cast<const void *>(function), #function)
+  NAME(ko_lspan_mom_rdnd_awake_cb);
+  NAME(ko_lspan_info_handle);
+  NAME(ko_lspan_outgrb_handle);
+  NAME(ko_lspan_mom_result_info_set);
+  NAME(ko_lspan_all_ds_over_handler);
+#undef NAME
+  return ko_lspan_main();
+}
+
+TEST_F(startup, daemon_ends) {
+  const string start = dl + ham + app, no_store = "error ko_lspan_mom_init: mom_ab init fail\n";
+  const string no_table = start + open_store + "error ko_lspan_mom_init: outgrb hash init fail\n";
+  const string refused = start + open_store + failed(redundancy, " = -3");
+  const struct {
+    int status;
+    setting found;
+    string trace;
+  } cases[] = {
+      {0, {}, start + open_store + redundancy + loop},
+      {0, {"vx_mom_ab_init", 1, -1}, start + failed(open_store, " = null") + no_store},
+      {0, {"rdnd_lib_mom_reg", 1, -3}, refused + "error ko_lspan_mom_init: RDND_ELEMENT_REG_UNAWARE failed -3.\n"},
+      {0, {"rdnd_lib_mom_reg", 1, -3, app_file, "0"}, refused},
+      {254, {"malloc", 1}, no_table},
+      {254, {"malloc", 2}, no_table},
+      {239, {"vx_zlog_init", 1, -1}, failed(dl, " = null")},
+      {212, {"reg_process_exit_action", 1, -300, dl_file, "0"}, dl + failed(ham, " = -300")},
+  };
+  for (const auto &one : cases) {
+    const outcome out = in_child([&] { return apply(one.found), named_main(); });
+    EXPECT_EQ(out.status, one.status) << out.trace;
+    EXPECT_EQ(out.trace, one.trace);
+  }
+}
+
+// What the wake-up, called from inside the daemon's loop, does, its status, and the event that follows.
+string wake_up(const char *level, const char *function, uint64_t k) {
+  const outcome out = in_child([&] {
+    make_file(app_file, level);
+    recording::on_run([&] {
+      recording::take_trace();
+      if (function != nullptr) recording::fail(function, k, -9);
+      recording::note("rv=" + std::to_string(recording::awake()(nullptr)));
+      if (recording::all_ds_handler() != nullptr) recording::all_ds_handler()(nullptr);
+    });
+    return named_main();
+  });
+  return out.trace.substr(0, out.trace.find("vx_global_finish"));
+}
+
+TEST_F(startup, wake_up) {
+  const string all = R"(libddm_init(context, "ko_lspan")
+vx_mom_reg_ds(3 inputs, 7 outputs)
+  input 0 CONF_DB u_monitor.mirror_lspan_info {t_user="ko_lspan"} enabled=1 output=0
+  input 1 CONF_DB p_policy.data_intf_conf {} enabled=1 output=0
+  input 2 UDP_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=0
+  output 0 UDP_DB u_monitor.span_port_src_info {t_user="ko_lspan"} enabled=1 output=1
+  output 1 UDP_DB u_monitor.span_acl_src_info {t_user="ko_lspan"} enabled=1 output=1
+  output 2 UDP_DB u_monitor.span_vlan_src_info {t_user="ko_lspan"} enabled=1 output=1
+  output 3 UDP_DB u_monitor.span_dst_info {t_user="ko_lspan"} enabled=1 output=1
+  output 4 UDP_DB u_monitor.span_mtp_info {t_user="ko_lspan"} enabled=1 output=1
+  output 5 CONF_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=1
+  output 6 FWD_DB u_bridge.udp_pt_learn {t_app_name="ko_lspan"} enabled=1 output=1
+vx_mom_set_ds_opt(77, 2, 1)
+info ko_lspan_mom_rdnd_awake_cb: vx_mom_set_ds_opt init sucess\r\n
+vx_mom_reg_key_event(CONF_DB u_monitor.mirror_lspan_info, 0, ko_lspan_info_handle, null)
+vx_mom_reg_key_event(CONF_DB p_policy.data_intf_conf, 0, ko_lspan_outgrb_handle, null)
+vx_mom_reg_key_event(UDP_DB u_monitor.mirror_result_info, 0, ko_lspan_mom_result_info_set, null)
+vx_mom_reg_key_event(CONF_DB u_monitor.mirror_lspan_info, 1, ko_lspan_info_handle, null)
+vx_mom_reg_key_event(CONF_DB p_policy.data_intf_conf, 1, ko_lspan_outgrb_handle, null)
+vx_mom_reg_all_ds_event(0, ko_lspan_all_ds_over_handler, null)
+rv=0
+info ko_lspan_all_ds_over_handler: lspan ds over.\r\n
+)";
+  EXPECT_EQ(wake_up("4", nullptr, 0), all);
+  const string quiet = without(all, "info ");
+  EXPECT_EQ(wake_up("3", nullptr, 0), quiet);
+  string last_refused = quiet;
+  last_refused.insert(quiet.find("\nrv="), " = -9");
+  EXPECT_EQ(wake_up("1", "vx_mom_reg_all_ds_event", 1), last_refused);
+
+  const struct {
+    const char *function;
+    uint64_t k;
+    const char *error;
+  } cases[] = {
+      {"libddm_init", 1, R"(libddm_init failed -9.\r\n)"},
+      {"vx_mom_set_ds_opt", 1, R"(vx_mom_set_ds_opt fail, rv=-9\r\n)"},
+      {"vx_mom_reg_key_event", 1, R"(mom set add_event fail, rv=-9, i=0\r\n)"},
+      {"vx_mom_reg_key_event", 3, R"(mom set add_event fail, rv=-9, i=2\r\n)"},
+      {"vx_mom_reg_key_event", 4, R"(mom set del_event fail, rv=-9, i=0\r\n)"},
+      {"vx_mom_reg_key_event", 5, R"(mom set del_event fail, rv=-9, i=1\r\n)"},
+  };
+  for (const auto &one : cases) {
+    size_t end = quiet.find(one.function);  // of the call that fails
+    for (uint64_t i = 1; i < one.k; i++) end = quiet.find(one.function, end + 1);
+    EXPECT_EQ(
+        wake_up("3", one.function, one.k),
+        quiet.substr(0, quiet.find('\n', end)) + " = -9\nerror ko_lspan_mom_rdnd_awake_cb: " + one.error + "\nrv=-9\n");
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc == 2 && std::string_view(argv[1]) == "--report-name") return report_name();
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

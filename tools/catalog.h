@@ -1,0 +1,35 @@
+// Which records stand in which database, and what they are for. What a record consists of is in its descriptor.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include <protobuf-c/protobuf-c.h>
+
+namespace lspanctl {
+
+struct record_kind {
+  uint32_t db;
+  const ProtobufCMessageDescriptor *type;
+  bool stored;          // false: only ever published
+  const char *meaning;  // a few words for people
+};
+
+std::span<const record_kind> record_kinds();
+
+// The kind of that database and full name, or null.
+const record_kind *find_kind(uint32_t db, std::string_view message);
+
+// The name of a message without its package, as in the schemas.
+std::string_view short_name(const ProtobufCMessageDescriptor &type);
+
+// "CONF_DB", or the number of a database without a name.
+std::string db_name(uint32_t db);
+
+// A database by number or name; a message's full name from its name with or without its package. Throw usage_error.
+uint32_t parse_db(const std::string &text);
+std::string parse_message(const std::string &text);
+
+}  // namespace lspanctl

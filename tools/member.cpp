@@ -1,0 +1,56 @@
+#include "member.h"
+
+#include "proc/ko_span_public.h"
+
+namespace lspanctl {
+
+std::string to_text(const member_key &key, bool is_group, const interfaces &ports) {
+  std::string text = "session " + std::to_string(key.session) + ", " + ports.text(key.s_ifx) + " -> " +
+                     ports.target_text(key.d_ifx, is_group) + ", " + dir_text(key.dir);
+  if (key.acl_id != 0) text += ", acl " + std::to_string(key.acl_id);
+  return text;
+}
+
+UMonitor__MirrorIndex index_of(const member_key &key) {
+  UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
+  // The generated structs know no constant texts; packing only reads them.
+  index.t_user = const_cast<char *>(key.owner.c_str());
+  index.session_num = key.session;
+  index.s_ifx = key.s_ifx;
+  index.d_ifx = key.d_ifx;
+  index.dir = key.dir;
+  index.acl_id = key.acl_id;
+  return index;
+}
+
+member_key key_from(const UMonitor__MirrorIndex &index) {
+  return {index.session_num, index.s_ifx, index.d_ifx, index.dir, index.acl_id, index.t_user};
+}
+
+change make_change(const member &what, ko_store::change_kind kind) {
+  UMonitor__MirrorIndex index = index_of(what.key);
+  UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
+  record.index = &index;
+  record.module_type = static_cast<UMonitor__MirrorModule>(what.module_type);
+  record.role = static_cast<UMonitor__MirrorRole>(what.role);
+  record.apply_type = static_cast<UMonitor__MirrorType>(what.apply_type);
+  record.mtp_switch = what.mtp_switch;
+  record.n_vlan_map = what.vlan_map.size();
+  record.vlan_map = const_cast<uint32_t *>(what.vlan_map.data());
+  record.sample_rate = what.sample_rate;
+  return make_change(CONF_DB, kind, record.base);
+}
+
+member from_record(const UMonitor__MirrorLspanInfo &record) {
+  member what;
+  what.key = key_from(*record.index);
+  what.module_type = record.module_type;
+  what.role = record.role;
+  what.apply_type = record.apply_type;
+  what.mtp_switch = record.mtp_switch;
+  what.vlan_map.assign(record.vlan_map, record.vlan_map + record.n_vlan_map);
+  what.sample_rate = record.sample_rate;
+  return what;
+}
+
+}  // namespace lspanctl

@@ -1,0 +1,101 @@
+// The store as a client of it sees it: one connection, one call at a time.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <hiredis/hiredis.h>
+
+#include "platform_config.h"
+#include "store/layout.h"
+
+namespace lspanctl {
+
+// The store cannot be reached, or refuses. what() is one line that says what to do.
+class store_error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct context_deleter {
+  void operator()(redisContext *context) const { redisFree(context); }
+};
+struct reply_deleter {
+  void operator()(redisReply *reply) const { freeReplyObject(reply); }
+};
+using context_ptr = std::unique_ptr<redisContext, context_deleter>;
+using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
+
+struct stored_record {
+  std::string key;  // packed, as are records
+  std::string record;
+};
+
+// One change of the store. `record` is left empty for a delete, `key` for a message that is only published.
+struct change {
+  uint32_t db;
+  const ProtobufCMessageDescriptor *type;
+  ko_store::change_kind kind;
+  std::string key;
+  std::string record;
+};
+
+// The change that writes, deletes or publishes `message`, which has a key unless it is published.
+change make_change(uint32_t db, ko_store::change_kind kind, const ProtobufCMessage &message);
+
+// Called after each batch of many writes with how many are done.
+using progress_call = std::function<void(size_t done)>;
+
+class store_client {
+ public:
+  // Connects and logs in. Throws store_error, as does every call.
+  explicit store_client(const ko_platform::store_address &address);
+
+  // Every record of `message` in database `db`, in no order.
+  std::vector<stored_record> read_all(uint32_t db, const std::string &message);
+  std::optional<std::string> read(uint32_t db, const std::string &message, std::string_view key);
+
+  // Writes and announces one change. Returns whether a record with that key was there before.
+  bool write(const change &what);
+  // Writes many, in their order, a transaction each. What was written stays when a later one is refused; the error
+  // then says how many were.
+  void write_all(std::span<const change> changes, const progress_call &progress);
+
+  // From now on the connection only hands out announcements of the channels that match `pattern`.
+  void subscribe(const std::string &pattern);
+  struct announced {
+    std::string channel;
+    std::string bytes;
+  };
+  // The next announcement; nothing at `deadline` or when a signal came. `unblocked` is the signal mask of the wait.
+  std::optional<announced> next(std::optional<std::chrono::steady_clock::time_point> deadline,
+                                const sigset_t &unblocked);
+
+ private:
+  void append(std::span<const std::string_view> words);
+  reply_ptr take();
+  reply_ptr call(std::initializer_list<std::string_view> words);
+  void select(uint32_t db);
+  size_t append_change(const change &what);
+  bool take_change(size_t replies);
+  [[noreturn]] void fail_connection() const;
+
+  std::string where_;
+  context_ptr context_;
+  std::optional<uint32_t> selected_;
+};
+
+// The store that `text` names: a path of a Unix socket (with a slash in it, or after "unix:"), or host:port. Throws
+// usage_error.
+ko_platform::store_address parse_store(const std::string &text);
+
+}  // namespace lspanctl
