@@ -2,7 +2,7 @@
 // Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the floor alternate
 // on one server.
 //
-//   bench_chain DAEMON FLOOR [EVENTS] [RUNS]
+//   bench_chain FLOOR [EVENTS] [RUNS]
 //
 // EVENTS: with thousands waiting, per run; a tenth of it one at a time.
 #include <hiredis/hiredis.h>
@@ -160,18 +160,18 @@ void print(const char *what, const std::vector<double> &daemon, const std::vecto
 }  // namespace
 
 int main(int n_words, char **words) {
-  if (n_words < 3) fail("usage: bench_chain DAEMON FLOOR [EVENTS] [RUNS]");
-  const auto events = static_cast<uint32_t>(n_words > 3 ? std::atoi(words[3]) : 100'000);
-  const int runs = n_words > 4 ? std::atoi(words[4]) : 5;
+  if (n_words < 2) fail("usage: bench_chain FLOOR [EVENTS] [RUNS]");
+  const auto events = static_cast<uint32_t>(n_words > 2 ? std::atoi(words[2]) : 100'000);
+  const int runs = n_words > 3 ? std::atoi(words[3]) : 5;
   if (!bench::pin_to_one_core()) fail("cannot be tied to one core");
-  harness::sandbox box(words[1]);
+  harness::sandbox box;
   for (const char *channel : {"dl", "ko_lspan", "ko_platform"})
     std::remove((box.folder() + "/tmp/" + channel + ".zlog").c_str());
   box.start_server();
 
   harness::process bare;
   const std::function<void()> start_daemon = [&] { box.start_daemon(); };
-  const std::function<void()> start_bare = [&] { bare.start({words[2], "chain", box.socket()}); };
+  const std::function<void()> start_bare = [&] { bare.start({words[1], "chain", box.socket()}); };
   figures daemon_figures, bare_figures;
   std::vector<std::string> dumps[2];
   for (int run = -1; run < runs; ++run) {

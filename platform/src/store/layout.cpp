@@ -28,6 +28,8 @@ std::string channel_name(uint32_t db, std::string_view message) {
   return std::to_string(db).append(":").append(message);
 }
 
+size_t announcement_size(const announcement &what) { return header_size + what.key.size() + what.record.size(); }
+
 void append_announcement(const announcement &what, std::string &out) {
   const auto length = static_cast<uint32_t>(what.key.size());
   out.push_back(static_cast<char>(what.kind));

@@ -33,6 +33,7 @@ struct announcement {
 
 // On the channel: the kind's character, the length of the key as four bytes, most significant first, key, record.
 void append_announcement(const announcement &what, std::string &out);
+size_t announcement_size(const announcement &what);  // bytes that it appends
 
 // The announcement in `bytes`, which it borrows; nothing when they are none.
 std::optional<announcement> parse_announcement(std::string_view bytes);

@@ -1,12 +1,8 @@
 #include "store/redis_engine.h"
 
-#include <hiredis/async.h>
 #include <hiredis/hiredis.h>
-#include <hiredis/sds.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -18,57 +14,14 @@ namespace {
 constexpr int first_pause_ms = 50;
 constexpr int longest_pause_ms = 5'000;
 constexpr std::string_view page_size = "1000";   // records of one scan step
-constexpr size_t most_unanswered = 8192;         // writes; above, long work waits
+constexpr size_t most_unanswered = 8192;         // requests; above, long work waits
 constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
 
-std::string_view text_of(const redisReply &reply) { return {reply.str, reply.len}; }
-
-bool is_error(const redisReply *reply) { return reply != nullptr && reply->type == REDIS_REPLY_ERROR; }
-
-// hiredis' hooks into the loop. Reading stays enabled for the connection's life.
-struct loop_hooks {
-  ko_platform::event_ptr readable;
-  ko_platform::event_ptr writable;
-};
-
-loop_hooks &hooks_of(void *data) { return *static_cast<loop_hooks *>(data); }
-
-void attach(redisAsyncContext *connection, event_base *base) {
-  auto hooks = std::make_unique<loop_hooks>();
-  const int file = connection->c.fd;
-  hooks->readable.reset(event_new(
-      base, file, EV_READ | EV_PERSIST,
-      [](evutil_socket_t, short, void *c) { redisAsyncHandleRead(static_cast<redisAsyncContext *>(c)); }, connection));
-  hooks->writable.reset(event_new(
-      base, file, EV_WRITE,
-      [](evutil_socket_t, short, void *c) { redisAsyncHandleWrite(static_cast<redisAsyncContext *>(c)); }, connection));
-  if (hooks->readable == nullptr || hooks->writable == nullptr) throw std::bad_alloc();
-  connection->ev.addRead = [](void *data) {
-    if (event_pending(hooks_of(data).readable.get(), EV_READ, nullptr) == 0)
-      event_add(hooks_of(data).readable.get(), nullptr);
-  };
-  connection->ev.delRead = [](void *data) { event_del(hooks_of(data).readable.get()); };
-  connection->ev.addWrite = [](void *data) {
-    if (event_pending(hooks_of(data).writable.get(), EV_WRITE, nullptr) == 0)
-      event_add(hooks_of(data).writable.get(), nullptr);
-  };
-  connection->ev.delWrite = [](void *data) { event_del(hooks_of(data).writable.get()); };
-  connection->ev.cleanup = [](void *data) { delete &hooks_of(data); };
-  connection->ev.data = hooks.release();
-  connection->ev.addWrite(connection->ev.data);  // becoming writable is how an open connection shows itself
-}
-
-// The library does not survive the failure of an allocation of its own.
-void end_if_exhausted(const redisAsyncContext *connection) {
-  if (connection != nullptr && connection->err != REDIS_ERR_OOM) return;
-  PLATFORM_ERROR("memory is exhausted in the connection to the store; the process ends, to be started again");
-  std::_Exit(EXIT_FAILURE);
-}
-
-void append_bulk(std::string &out, std::string_view word) {
-  out.append("$").append(std::to_string(word.size())).append("\r\n").append(word).append("\r\n");
+void append_command(std::string &out, std::initializer_list<std::string_view> words) {
+  append_head(out, words.size());
+  for (const std::string_view word : words) append_word(out, word);
 }
 
 }  // namespace
@@ -79,8 +32,6 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
   if (retry_ == nullptr) throw std::bad_alloc();
 }
-
-redis_engine::~redis_engine() { close(); }
 
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
   close();
@@ -95,102 +46,62 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
 
 // ---- connections ----
 
-redisAsyncContext *redis_engine::open(bool subscribes) {
-  redisAsyncContext *connection = address_.socket.empty() ? redisAsyncConnect(address_.host.c_str(), address_.port)
-                                                          : redisAsyncConnectUnix(address_.socket.c_str());
-  end_if_exhausted(connection);
-  if (connection->err != 0) {
-    const std::string why = connection->errstr;
-    redisAsyncFree(connection);
-    broken(why);
-    return nullptr;
-  }
-  connection->data = this;
-  attach(connection, base_);
-  redisAsyncSetConnectCallback(connection, [](const redisAsyncContext *c, int status) {
-    auto *self = static_cast<redis_engine *>(c->data);
-    if (status == REDIS_OK || self == nullptr) return;
-    (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;  // freed by the library
-    self->broken(c->errstr);
-  });
-  redisAsyncSetDisconnectCallback(connection, [](const redisAsyncContext *c, int) {
-    auto *self = static_cast<redis_engine *>(c->data);
-    if (self == nullptr) return;
-    end_if_exhausted(c);
-    (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;
-    self->broken(c->err == 0 ? "the connection was closed" : c->errstr);
-  });
-  (subscribes ? reader_ : writer_) = connection;
-  return connection;
-}
-
 void redis_engine::connect() try {
   ready_ = false;
   subscriptions_ = 0;
   selected_db_ = 0;
-  if (open(false) == nullptr || !log_in(writer_, &redis_engine::logged_in)) return;
-  if (open(true) == nullptr) return;
-  log_in(reader_, &redis_engine::logged_in);
+  command_.clear();
+  unsigned answers = 1;
+  log_in(command_, answers);
+  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
+  redis_link_user &self = *this;
+  writer_ = std::make_unique<redis_link>(base_, address_, self);
+  next_free(request::login, answers);
+  ask();
+  reader_ = std::make_unique<redis_link>(base_, address_, self);
+  subscribe();
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
-// Sends AUTH when there is something to log in with, and a PING otherwise; `then` gets the answer.
-bool redis_engine::log_in(redisAsyncContext *connection, void (*then)(redisAsyncContext *, void *, void *)) {
-  const bool named = !address_.user.empty();
-  std::vector<const char *> words{"AUTH"};
-  if (named) words.push_back(address_.user.c_str());
-  words.push_back(address_.password.c_str());
-  if (address_.password.empty()) words = {"PING"};
-  std::vector<size_t> lengths(words.size());
-  std::transform(words.begin(), words.end(), lengths.begin(), std::strlen);
-  return redisAsyncCommandArgv(connection, then, this, static_cast<int>(words.size()), words.data(), lengths.data()) ==
-         REDIS_OK;
-}
-
-void redis_engine::logged_in(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection->data == nullptr) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  if (connection == self.reader_) return self.subscribe();
-  redisAsyncCommand(connection, &redis_engine::pinged, &self, "PING");
-}
-
-// A server that is still loading refuses this, whatever it said to the login.
-void redis_engine::pinged(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection->data == nullptr) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  self.ready_ = true;
-  self.check_up();
+void redis_engine::log_in(std::string &out, unsigned &answers) const {
+  if (address_.password.empty()) return;
+  ++answers;
+  if (address_.user.empty())
+    append_command(out, {"AUTH", address_.password});
+  else
+    append_command(out, {"AUTH", address_.user, address_.password});
 }
 
 void redis_engine::subscribe() {
-  std::vector<const char *> words{"SUBSCRIBE"};
-  std::vector<size_t> lengths{std::strlen(words[0])};
-  for (size_t i = 0; i < n_inputs_; ++i) {
-    words.push_back(channels_[i].c_str());
-    lengths.push_back(channels_[i].size());
+  command_.clear();
+  reader_logins_ = 0;
+  log_in(command_, reader_logins_);
+  if (n_inputs_ > 0) {
+    append_head(command_, n_inputs_ + 1);
+    append_word(command_, "SUBSCRIBE");
+    for (size_t i = 0; i < n_inputs_; ++i) append_word(command_, channels_[i]);
   }
-  if (n_inputs_ == 0) return check_up();
-  redisAsyncCommandArgv(reader_, &redis_engine::subscribed, this, static_cast<int>(words.size()), words.data(),
-                        lengths.data());
+  reader_->send(command_);
 }
 
-void redis_engine::subscribed(redisAsyncContext *connection, void *answer, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  const auto *reply = static_cast<const redisReply *>(answer);
-  if (reply == nullptr || connection != self.reader_) return;
-  if (is_error(reply)) return self.broken(std::string(text_of(*reply)));
-  if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) return;
-  const std::string_view what = text_of(*reply->element[0]);
-  if (what == "subscribe") {
-    ++self.subscriptions_;
-    self.check_up();
-  } else if (what == "message") {
-    self.on_message(*reply);
+void redis_engine::on_subscription(const redis_answer &answer) {
+  if (!answer.error.empty()) return broken(std::string(answer.error));
+  if (reader_logins_ > 0) {
+    --reader_logins_;
+  } else if (answer.texts.size() == 2 && answer.texts[0] == "subscribe") {
+    ++subscriptions_;
+    check_up();
+  } else if (answer.texts.size() == 3 && answer.texts[0] == "message" && up_) {
+    const auto channels_end = channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_);
+    const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
+    if (channel == channels_end) return;
+    const auto input = static_cast<size_t>(channel - channels_.begin());
+    const auto what = parse_announcement(answer.texts[2]);
+    if (what.has_value())
+      user_->changed(input, *what);
+    else
+      user_->malformed(input);
   }
 }
 
@@ -206,46 +117,27 @@ void redis_engine::check_up() {
   user_->up();
 }
 
-void redis_engine::on_message(const redisReply &reply) {
-  if (!up_) return;
-  const std::string_view channel = text_of(*reply.element[1]);
-  for (size_t i = 0; i < n_inputs_; ++i) {
-    if (channels_[i] != channel) continue;
-    const auto what = parse_announcement(text_of(*reply.element[2]));
-    if (what.has_value())
-      user_->changed(i, *what);
-    else
-      user_->malformed(i);
-    return;
-  }
-}
+void redis_engine::lost(redis_link &, const std::string &why) { broken(why); }
 
 void redis_engine::close() {
   if (retry_ != nullptr) event_del(retry_.get());
-  for (redisAsyncContext **connection : {&reader_, &writer_}) {
-    redisAsyncContext *old = std::exchange(*connection, nullptr);
-    if (old == nullptr) continue;
-    old->data = nullptr;
-    redisAsyncFree(old);
-  }
+  reader_.reset();
+  writer_.reset();
   up_ = false;
-  scanning_.clear();
-  fetching_.clear();
   error_.clear();
 }
 
 void redis_engine::broken(const std::string &why) {
   const bool was_up = up_;
-  close();
   if (told_.insert(why).second)
     PLATFORM_ERROR("the store at %s cannot be used: %s; it is tried again with growing pauses",
                    to_string(address_).c_str(), why.c_str());
-  if (was_up) {
-    user_->down();
-    for (; ring_used_ > 0; drop_written()) {
-      const written &lost = *oldest();
-      user_->undone({lost.hash, lost.kind, lost.key, lost.record}, {});
-    }
+  close();
+  if (was_up) user_->down();
+  for (; ring_used_ > 0; drop_oldest()) {
+    const awaited &unknown = oldest();
+    if (was_up && unknown.kind == request::write)
+      user_->undone({unknown.changed, unknown.change, unknown.key, unknown.record}, {});
   }
   retry_later();
 }
@@ -256,140 +148,163 @@ void redis_engine::retry_later() {
   event_add(retry_.get(), &pause);
 }
 
-// ---- commands ----
+// ---- requests ----
 
-template <void (redis_engine::*on_reply)(const redisReply *)>
-void redis_engine::answer(redisAsyncContext *connection, void *reply, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  if (reply == nullptr || connection != self.writer_) return;  // the connection is gone
-  (self.*on_reply)(static_cast<const redisReply *>(reply));
+void redis_engine::answered(redis_link &link, const redis_answer &answer) {
+  if (&link == reader_.get()) return on_subscription(answer);
+  if (ring_used_ == 0) return broken("the server answers what it was not asked");
+  if (error_.empty()) error_ = answer.error;
+  if (--oldest().answers > 0) return;
+  switch (oldest().kind) {
+    case request::login:
+      if (!error_.empty()) return broken(std::string(error_));
+      drop_oldest();
+      ready_ = true;
+      check_up();
+      break;
+    case request::page:
+      on_page(answer);
+      break;
+    case request::fetch:
+      on_fetched(answer);
+      break;
+    case request::write:
+      on_outcome(answer);
+      break;
+  }
 }
 
-// Answers on the way to an outcome: only errors matter.
-void redis_engine::noticed(redisAsyncContext *connection, void *reply, void *self_pointer) {
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  if (connection != self.writer_ || !is_error(static_cast<const redisReply *>(reply))) return;
-  if (self.error_.empty()) self.error_ = text_of(*static_cast<const redisReply *>(reply));
-}
-
-void redis_engine::send(std::initializer_list<std::string_view> words,
-                        void (*answered)(redisAsyncContext *, void *, void *)) {
+// Begins the bytes of a request; returns how many answers come before those of the request itself.
+unsigned redis_engine::select(uint32_t db) {
   command_.clear();
-  command_.append("*").append(std::to_string(words.size())).append("\r\n");
-  for (const std::string_view word : words) append_bulk(command_, word);
-  redisAsyncFormattedCommand(writer_, answered, this, command_.data(), command_.size());
-}
-
-void redis_engine::select(uint32_t db) {
-  if (selected_db_ == db) return;
-  selected_db_ = db;
-  send({"SELECT", std::to_string(db)}, &redis_engine::noticed);
+  if (selected_db_ == db) return 0;
+  append_command(command_, {"SELECT", std::to_string(db)});
+  return 1;
 }
 
 void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
 
 void redis_engine::ask_page(size_t hash, std::string_view cursor) {
-  select(hashes_[hash].db);
-  scanning_.push_back(hash);
-  send({"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size}, &answer<&redis_engine::on_page>);
+  const unsigned selects = select(hashes_[hash].db);
+  append_command(command_, {"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size});
+  next_free(request::page, selects + 1).hash = hash;
+  ask();
+  selected_db_ = hashes_[hash].db;
 }
 
-void redis_engine::on_page(const redisReply *reply) {
-  const size_t hash = scanning_.front();
-  scanning_.pop_front();
-  if (is_error(reply) || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) {
-    const std::string why = error_.empty() ? std::string(is_error(reply) ? text_of(*reply) : "no page") : error_;
-    error_.clear();
-    return user_->unreadable(hash, why);
-  }
-  const std::string cursor(text_of(*reply->element[0]));
-  const redisReply &fields = *reply->element[1];
+void redis_engine::on_page(const redis_answer &answer) {
+  const size_t hash = oldest().hash;
+  drop_oldest();
+  const std::string why = std::exchange(error_, {});
+  if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
+    return user_->unreadable(hash, why.empty() ? "no page" : why);
   std::vector<stored_record> records;
-  records.reserve(fields.elements / 2);
-  for (size_t i = 0; i + 1 < fields.elements; i += 2)
-    records.push_back({text_of(*fields.element[i]), text_of(*fields.element[i + 1])});
-  const bool last = cursor == "0";
-  if (!last) ask_page(hash, cursor);
+  records.reserve(answer.texts.size() / 2);
+  for (size_t i = 1; i < answer.texts.size(); i += 2) records.push_back({answer.texts[i], answer.texts[i + 1]});
+  const bool last = answer.texts[0] == "0";
+  if (!last) ask_page(hash, answer.texts[0]);
   user_->page(hash, records, last);
 }
 
 void redis_engine::fetch(size_t input, std::string_view key) {
-  select(hashes_[input].db);
-  fetching_.push_back({input, std::string(key)});
-  send({"HGET", hashes_[input].type->name, key}, &answer<&redis_engine::on_fetched>);
+  const unsigned selects = select(hashes_[input].db);
+  append_command(command_, {"HGET", hashes_[input].type->name, key});
+  awaited &asked = next_free(request::fetch, selects + 1);
+  asked.hash = input;
+  asked.key = key;
+  ask();
+  selected_db_ = hashes_[input].db;
 }
 
-void redis_engine::on_fetched(const redisReply *reply) {
-  const fetching asked = std::move(fetching_.front());
-  fetching_.pop_front();
-  if (reply->type == REDIS_REPLY_STRING)
-    user_->fetched(asked.input, asked.key, text_of(*reply));
-  else if (reply->type == REDIS_REPLY_NIL)
-    user_->fetched(asked.input, asked.key, std::nullopt);
+void redis_engine::on_fetched(const redis_answer &answer) {
+  const size_t input = oldest().hash;
+  const std::string key = std::move(oldest().key);
+  drop_oldest();
+  const bool refused = !std::exchange(error_, {}).empty();
+  if (answer.type == REDIS_REPLY_STRING)
+    user_->fetched(input, key, answer.texts[0]);
+  else if (answer.type == REDIS_REPLY_NIL && !refused)
+    user_->fetched(input, key, std::nullopt);
+}
+
+const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
+  for (const hash_words &known : words_)
+    if (known.id.type == id.type && known.id.db == id.db) return known;
+  hash_words made{id, {}, {}};
+  append_word(made.name, id.type->name);
+  append_word(made.channel, channel_name(id.db, id.type->name));
+  return words_.emplace_back(std::move(made));
 }
 
 void redis_engine::write(const change &what) {
-  written &entry = add_written();
-  entry.hash = what.hash;
-  entry.kind = what.kind;
+  const hash_words &words = words_of(what.hash);
+  const bool stored = what.kind != change_kind::publish;
+  unsigned answers = 1;
+  command_.clear();
+  if (stored) {
+    answers = select(what.hash.db) + 4;
+    command_.append("*1\r\n$5\r\nMULTI\r\n");
+    command_.append(what.kind == change_kind::set ? "*4\r\n$4\r\nHSET\r\n" : "*3\r\n$4\r\nHDEL\r\n").append(words.name);
+    append_word(command_, what.key);
+    if (what.kind == change_kind::set) append_word(command_, what.record);
+  }
+  const announcement told{what.kind, what.key, what.record};
+  command_.append("*3\r\n$7\r\nPUBLISH\r\n").append(words.channel);
+  append_length(command_, announcement_size(told));
+  append_announcement(told, command_);
+  command_.append("\r\n");
+  if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
+
+  awaited &entry = next_free(request::write, answers);
+  entry.changed = what.hash;
+  entry.change = what.kind;
   entry.key = what.key;
   entry.record = what.record;
-
-  const std::string_view name = what.hash.type->name;
-  thread_local std::string bytes;
-  thread_local std::string channel;
-  bytes.clear();
-  append_announcement({what.kind, what.key, what.record}, bytes);
-  channel = channel_name(what.hash.db, name);
-  if (what.kind == change_kind::publish) return send({"PUBLISH", channel, bytes}, &answer<&redis_engine::on_outcome>);
-  select(what.hash.db);
-  send({"MULTI"}, &redis_engine::noticed);
-  if (what.kind == change_kind::set)
-    send({"HSET", name, what.key, what.record}, &redis_engine::noticed);
-  else
-    send({"HDEL", name, what.key}, &redis_engine::noticed);
-  send({"PUBLISH", channel, bytes}, &redis_engine::noticed);
-  send({"EXEC"}, &answer<&redis_engine::on_outcome>);
+  ask();
+  if (stored) selected_db_ = what.hash.db;
 }
 
 // The end of a transaction, or the answer to a lone PUBLISH.
-void redis_engine::on_outcome(const redisReply *reply) {
-  std::string why = std::move(error_);
-  error_.clear();
-  if (is_error(reply) && why.empty()) why = text_of(*reply);
-  if (reply->type == REDIS_REPLY_NIL && why.empty()) why = "the transaction was dropped";
-  for (size_t i = 0; why.empty() && reply->type == REDIS_REPLY_ARRAY && i < reply->elements; ++i)
-    if (is_error(reply->element[i])) why = text_of(*reply->element[i]);
-  if (!why.empty()) {
-    const written &refused = *oldest();
-    user_->undone({refused.hash, refused.kind, refused.key, refused.record}, why);
+void redis_engine::on_outcome(const redis_answer &answer) {
+  if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
+  if (!error_.empty()) {
+    const awaited &refused = oldest();
+    user_->undone({refused.changed, refused.change, refused.key, refused.record}, error_);
+    error_.clear();
   }
-  drop_written();
+  drop_oldest();
   if (!was_congested_ || ring_used_ > few_unanswered) return;
   was_congested_ = false;
   user_->relieved();
 }
 
 bool redis_engine::congested() const {
-  const bool now = ring_used_ > most_unanswered || (writer_ != nullptr && sdslen(writer_->c.obuf) > most_unsent);
+  const bool now = ring_used_ > most_unanswered || (writer_ != nullptr && writer_->unsent() > most_unsent);
   was_congested_ = was_congested_ || now;
   return now;
 }
 
-// ---- writes without an answer ----
+// ---- requests without an answer ----
 
-redis_engine::written &redis_engine::add_written() {
+// The entry that the next call of ask makes the newest. Whatever throws in between leaves everything as it was.
+redis_engine::awaited &redis_engine::next_free(request kind, unsigned answers) {
   if (ring_used_ == ring_.size()) {
     std::rotate(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(ring_start_), ring_.end());
     ring_start_ = 0;
     ring_.resize(std::max<size_t>(64, 2 * ring_.size()));
   }
-  return ring_[(ring_start_ + ring_used_++) & (ring_.size() - 1)];
+  awaited &added = ring_[(ring_start_ + ring_used_) & (ring_.size() - 1)];
+  added.kind = kind;
+  added.answers = answers;
+  return added;
 }
 
-redis_engine::written *redis_engine::oldest() { return &ring_[ring_start_]; }
+void redis_engine::ask() {
+  writer_->send(command_);
+  ++ring_used_;
+}
 
-void redis_engine::drop_written() {
+void redis_engine::drop_oldest() {
   ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);
   --ring_used_;
 }

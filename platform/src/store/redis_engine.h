@@ -1,26 +1,20 @@
-// The engine that is a Redis server: hiredis on the event loop, one connection for the subscription, one for reads and
-// writes.
+// The engine that is a Redis server: one connection for the subscription, one for reads and writes.
 //
 // Every change is a transaction (MULTI, HSET or HDEL, PUBLISH, EXEC). What one turn of the loop writes goes out
 // together; answers are looked at as they come. When either connection breaks both are made anew, with growing pauses.
 #pragma once
 
-#include <deque>
+#include <memory>
 #include <set>
 
-#include "global_context.h"
-#include "platform_config.h"
 #include "store/engine.h"
-
-struct redisAsyncContext;
-struct redisReply;
+#include "store/redis_link.h"
 
 namespace ko_store {
 
-class redis_engine final : public engine {
+class redis_engine final : public engine, private redis_link_user {
  public:
   redis_engine(vx_global &global, ko_platform::store_address address);
-  ~redis_engine() override;
 
   void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override;
@@ -29,62 +23,66 @@ class redis_engine final : public engine {
   bool congested() const override;
 
  private:
-  struct written {  // not answered yet
-    hash_id hash;
-    change_kind kind;
+  enum class request { login, page, fetch, write };
+  struct awaited {  // a request that is not answered yet
+    request kind;
+    unsigned answers;  // of its commands; the last one is the outcome
+    size_t hash;       // of a page or a fetch
+    hash_id changed;   // of a write
+    change_kind change;
     std::string key;
     std::string record;
   };
-  struct fetching {
-    size_t input;
-    std::string key;
+  // The words that name a hash and its channel, as commands have them.
+  struct hash_words {
+    hash_id id;
+    std::string name;
+    std::string channel;
   };
 
-  redisAsyncContext *open(bool subscribes);
   void connect();
   void close();
   void broken(const std::string &why);
   void retry_later();
   void check_up();
-  bool log_in(redisAsyncContext *connection, void (*then)(redisAsyncContext *, void *, void *));
   void subscribe();
-  void on_message(const redisReply &reply);
-  void send(std::initializer_list<std::string_view> words, void (*answer)(redisAsyncContext *, void *, void *));
-  void select(uint32_t db);
+  void log_in(std::string &out, unsigned &answers) const;
+  unsigned select(uint32_t db);
   void ask_page(size_t hash, std::string_view cursor);
-  void on_page(const redisReply *reply);
-  void on_fetched(const redisReply *reply);
-  void on_outcome(const redisReply *reply);
-  written &add_written();
-  void drop_written();
-  written *oldest();
+  const hash_words &words_of(const hash_id &id);
 
-  template <void (redis_engine::*on_reply)(const redisReply *)>
-  static void answer(redisAsyncContext *connection, void *reply, void *self);
-  static void logged_in(redisAsyncContext *connection, void *answer, void *self);
-  static void noticed(redisAsyncContext *connection, void *reply, void *self);
-  static void subscribed(redisAsyncContext *connection, void *answer, void *self);
-  static void pinged(redisAsyncContext *connection, void *answer, void *self);
+  // redis_link_user
+  void answered(redis_link &link, const redis_answer &answer) override;
+  void lost(redis_link &link, const std::string &why) override;
+  void on_subscription(const redis_answer &answer);
+  void on_page(const redis_answer &answer);
+  void on_fetched(const redis_answer &answer);
+  void on_outcome(const redis_answer &answer);
+
+  awaited &next_free(request kind, unsigned answers);
+  void ask();
+  awaited &oldest() { return ring_[ring_start_]; }
+  void drop_oldest();
 
   event_base *base_;
   ko_platform::store_address address_;
   engine_user *user_ = nullptr;
   std::vector<hash_id> hashes_;
   std::vector<std::string> channels_;  // one for each hash
+  std::vector<hash_words> words_;      // of every hash that was written
   size_t n_inputs_ = 0;
 
-  redisAsyncContext *reader_ = nullptr;  // subscription; owned, as hiredis allows
-  redisAsyncContext *writer_ = nullptr;
+  std::unique_ptr<redis_link> reader_;  // the subscription
+  std::unique_ptr<redis_link> writer_;
   bool up_ = false;
-  bool ready_ = false;        // the writer answered
-  size_t subscriptions_ = 0;  // confirmed
-  int64_t selected_db_ = 0;   // of the writer
-  std::deque<size_t> scanning_;
-  std::deque<fetching> fetching_;
-  std::vector<written> ring_;  // of writes without an answer, a power of two long
+  bool ready_ = false;          // the writer answered
+  unsigned reader_logins_ = 0;  // answers that the reader still expects before those of its subscription
+  size_t subscriptions_ = 0;    // confirmed
+  int64_t selected_db_ = 0;     // of the writer
+  std::vector<awaited> ring_;   // of the writer's requests, a power of two long
   size_t ring_start_ = 0;
   size_t ring_used_ = 0;
-  std::string error_;  // the first of the transaction that is being answered
+  std::string error_;  // the first of the request that is being answered
   mutable bool was_congested_ = false;
   std::string command_;
 
