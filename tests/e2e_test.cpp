@@ -25,34 +25,30 @@ texts without_inputs(const sandbox &box) {
   return out;
 }
 
-std::string src_key(const std::string &numbers) {
-  return "{index={t_user=\"ko_lspan\" session_id=" + numbers + " dir=1}";
-}
+std::string src_key(const std::string &numbers) { return " {t_user=\"ko_lspan\" session_id=" + numbers + " dir=1}"; }
 
 std::string unlearned(const char *ifx) {
-  return std::string("6 u_bridge.udp_pt_learn{index={t_app_name=\"ko_lspan\" t_ifx=") + ifx +
-         "} learn=\"unfwd_notlearn\"}";
+  return std::string("6 u_bridge.udp_pt_learn {t_app_name=\"ko_lspan\" t_ifx=") + ifx + "} learn=\"unfwd_notlearn\"";
 }
 
 TEST(e2e, records_of_a_session) {
   const member port{.session = 1, .s_ifx = 11, .d_ifx = 12};
   const member group{.session = 2, .s_ifx = 21, .d_ifx = group_target(7), .module = 5};
   const std::string target = std::to_string(group_target(7));
-  const texts port_records{
-      unlearned("12"), "8 u_monitor.span_dst_info" + src_key("1 s_phyid=11 d_phyid=12") + " role=1}",
-      "8 u_monitor.span_mtp_info{index={t_user=\"ko_lspan\" session_id=1 d_phyid=12} role=1}",
-      "8 u_monitor.span_port_src_info" + src_key("1 s_phyid=11 d_phyid=12") + " role=LOCALSPAN_DST}"};
+  const texts port_records{unlearned("12"),
+                           "8 u_monitor.span_dst_info" + src_key("1 s_phyid=11 d_phyid=12") + " role=1",
+                           "8 u_monitor.span_mtp_info {t_user=\"ko_lspan\" session_id=1 d_phyid=12} role=1",
+                           "8 u_monitor.span_port_src_info" + src_key("1 s_phyid=11 d_phyid=12") + " role=1"};
   const texts group_records{
-      "8 u_monitor.span_dst_info" + src_key("2 s_phyid=21 d_phyid=" + target) + " module_type=5 role=1}",
-      "8 u_monitor.span_mtp_info{index={t_user=\"ko_lspan\" session_id=2 d_phyid=" + target + "} module_type=5 role=1}",
-      "8 u_monitor.span_port_src_info" + src_key("2 s_phyid=21 d_phyid=" + target) +
-          " module_type=GROUP role=LOCALSPAN_DST}"};
+      "8 u_monitor.span_dst_info" + src_key("2 s_phyid=21 d_phyid=" + target) + " module_type=5 role=1",
+      "8 u_monitor.span_mtp_info {t_user=\"ko_lspan\" session_id=2 d_phyid=" + target + "} module_type=5 role=1",
+      "8 u_monitor.span_port_src_info" + src_key("2 s_phyid=21 d_phyid=" + target) + " module_type=5 role=1"};
   const auto with = [](texts lines, const texts &more) {
     lines.insert(lines.end(), more.begin(), more.end());
     std::sort(lines.begin(), lines.end());
     return lines;
   };
-  const std::string index = "{index={t_user=\"%\" session_num=1 s_ifx=11 d_ifx=12 dir=1} result=3}";
+  const std::string index = " {t_user=\"%\" session_num=1 s_ifx=11 d_ifx=12 dir=1} result=3";
   const auto result_line = [&](const char *db, const char *user) {
     return db + std::string(" u_monitor.mirror_result_info") + std::string(index).replace(index.find('%'), 1, user);
   };

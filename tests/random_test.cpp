@@ -199,7 +199,7 @@ class Random : public testing::Test {
     return targets;
   }
 
-  std::function<void()> set_member(driver::member what) {
+  std::function<void()> set_member(const driver::member &what) {
     describe("set", what);
     const auto named_before = named();
     const int32_t status = driver::set_member(what);
@@ -228,7 +228,7 @@ class Random : public testing::Test {
     };
   }
 
-  std::function<void()> del_member(driver::member what) {
+  std::function<void()> del_member(const driver::member &what) {
     describe("delete", what);
     const bool known = session(what.session) != nullptr;
     const bool had_source = known && source(what) != nullptr;

@@ -83,7 +83,7 @@ string plain(const string &line) {
   static const std::map<string, string> colours = {{"error", "31"}, {"warn", "33"}, {"info", "32"}, {"debug", "35"}};
   const string start = "[dl] ", reset = "\\033[0m";
   const size_t colon = line.find(": ");
-  if (!line.starts_with(start) || !line.ends_with(reset) || colon == line.npos) return line;
+  if (!line.starts_with(start) || !line.ends_with(reset) || colon == string::npos) return line;
   const string head = line.substr(start.size(), colon - start.size());  // kind and function
   const string colour = head.ends_with(" dl_print_result") ? "34" : colours.at(head.substr(0, head.find(' ')));
   string text = line.substr(colon + 2, line.size() - reset.size() - colon - 2);

@@ -38,9 +38,7 @@ constexpr named_db databases[] = {{CONF_DB, "CONF_DB"}, {FWD_DB, "FWD_DB"}, {UDP
 
 }  // namespace
 
-std::span<const record_kind> record_kinds() {
-  return kinds;
-}
+std::span<const record_kind> record_kinds() { return kinds; }
 
 const record_kind *find_kind(uint32_t db, std::string_view message) {
   const auto *found = std::find_if(std::begin(kinds), std::end(kinds), [&](const record_kind &kind) {

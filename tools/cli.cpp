@@ -41,6 +41,9 @@ void build(CLI::App &root, context &ctx) {
   add_result_command(root, ctx);
   add_records_command(root, ctx);
   add_watch_command(root, ctx);
+  add_check_command(root, ctx);
+  add_simulate_command(root, ctx);
+  add_completion_command(root, ctx);
 }
 
 // What was given of the command so far, to say where there is help.
@@ -106,13 +109,9 @@ void add_filter_options(CLI::App &command, record_filter &filter) {
   command.add_option("--message", filter.message, "Only this message, with or without its package")->type_name("NAME");
 }
 
-uint32_t record_filter::wanted_db() const {
-  return db.empty() ? 0 : parse_db(db);
-}
+uint32_t record_filter::wanted_db() const { return db.empty() ? 0 : parse_db(db); }
 
-std::string record_filter::wanted_message() const {
-  return message.empty() ? "" : parse_message(message);
-}
+std::string record_filter::wanted_message() const { return message.empty() ? "" : parse_message(message); }
 
 int run(const std::vector<std::string> &arguments, std::ostream &out, std::ostream &err, bool on_terminal) {
   context ctx(out, err, on_terminal);

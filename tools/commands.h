@@ -11,11 +11,15 @@
 
 namespace lspanctl {
 
-void add_session_commands(CLI::App &root, context &ctx);  // session add, del, show
+void add_session_commands(CLI::App &root, context &ctx);  // session add, del, show and those of add_file_commands
+void add_file_commands(CLI::App &session, context &ctx);  // session export, apply
 void add_group_commands(CLI::App &root, context &ctx);    // group join, leave, show
 void add_result_command(CLI::App &root, context &ctx);
 void add_records_command(CLI::App &root, context &ctx);
 void add_watch_command(CLI::App &root, context &ctx);
+void add_check_command(CLI::App &root, context &ctx);
+void add_simulate_command(CLI::App &root, context &ctx);
+void add_completion_command(CLI::App &root, context &ctx);
 
 // A subcommand whose help ends in `examples`, a line each.
 CLI::App *add_command(CLI::App &parent, const std::string &name, const std::string &help, const std::string &examples);

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "member_fields.h"
+#include "member_state.h"
 #include "proc/ko_span_public.h"
 #include "records.h"
 #include "text.h"
@@ -14,16 +15,11 @@ namespace {
 
 const ProtobufCMessageDescriptor &member_type = u_monitor__mirror_lspan_info__descriptor;
 
-std::string dashed(std::string name) {
-  std::replace(name.begin(), name.end(), '_', '-');
-  return "--" + name;
-}
-
 void add_member_options(CLI::App &command, member_fields &fields, bool key_only) {
   command.add_option("session", fields.session, "Number of the session")->type_name("SESSION")->required();
   for (const member_field &field : member_field_table())
     if (field.in_key || !key_only)
-      command.add_option(dashed(field.name), fields.*field.text, field.help)->type_name(field.type);
+      command.add_option(option_name(field), fields.*field.text, field.help)->type_name(field.type);
 }
 
 int add_member(context &ctx, const member_fields &fields) {
@@ -77,7 +73,7 @@ std::vector<std::string> row_of(const member &what, const interfaces &ports) {
           dir_text(what.key.dir),
           what.key.acl_id == 0 ? "-" : std::to_string(what.key.acl_id),
           vlans.empty() ? "-" : vlans,
-          std::to_string(what.sample_rate),
+          what.sample_rate == 0 ? "-" : std::to_string(what.sample_rate),
           learning_text(what.mtp_switch),
           enum_text(u_monitor__mirror_type__descriptor, what.apply_type),
           printable(what.key.owner)};
@@ -87,25 +83,30 @@ int show_members(context &ctx, const std::string &session) {
   const interfaces ports = ctx.ports();
   const bool all = session.empty();
   const uint32_t number = all ? 0 : parse_number(session, "session");
-  size_t bad = 0;
-  store_client store = ctx.connect();
-  std::vector<member> members = load_members(ctx, store, bad);
-  if (!all) std::erase_if(members, [number](const member &what) { return what.key.session != number; });
+  wanted_state state = load_wanted(ctx);
+  if (!all) std::erase_if(state.members, [number](const auto &each) { return each.what.key.session != number; });
   json list = json::array();
-  table rows({"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "VLANS", "RATE", "LEARNING", "TYPE", "OWNER"});
-  for (const member &what : members) {
-    if (ctx.json)
-      list.push_back(to_json(what, ports));
-    else
-      rows.add(row_of(what, ports));
+  table rows(
+      {"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "VLANS", "RATE", "LEARNING", "TYPE", "OWNER", "STATE"});
+  for (const member_outcome &outcome : state.members) {
+    const member_state now = state_of(state, outcome, ports);
+    if (ctx.json) {
+      json entry = to_json(outcome.what, ports);
+      entry.update({{"state", now.state}, {"reason", now.reason}, {"result", now.result ? json(*now.result) : json()}});
+      list.push_back(std::move(entry));
+    } else {
+      std::vector<std::string> row = row_of(outcome.what, ports);
+      row.push_back(to_text(now));
+      rows.add(std::move(row));
+    }
   }
   if (ctx.json)
     ctx.out << dump(list, 2) << '\n';
-  else if (members.empty())
-    ctx.out << "no session members\n";
+  else if (state.members.empty())
+    ctx.out << (all ? "no session members\n" : "session " + session + " has no members\n");
   else
     rows.print(ctx.out);
-  return bad == 0 ? 0 : 1;
+  return state.bad == 0 ? 0 : 1;
 }
 
 void add_add(CLI::App &parent, context &ctx) {
@@ -175,6 +176,7 @@ void add_session_commands(CLI::App &root, context &ctx) {
   add_add(*parent, ctx);
   add_del(*parent, ctx);
   add_show(*parent, ctx);
+  add_file_commands(*parent, ctx);
 }
 
 void add_result_command(CLI::App &root, context &ctx) {

@@ -18,9 +18,7 @@ using clock = std::chrono::steady_clock;
 
 volatile std::sig_atomic_t stop_requested = 0;
 
-void request_stop(int) {
-  stop_requested = 1;
-}
+void request_stop(int) { stop_requested = 1; }
 
 // While it lives, SIGINT and SIGTERM are held back and arrive only in a wait with mask().
 class stop_signals {

@@ -53,9 +53,7 @@ const ko_platform::config &context::settings() {
   return *settings_;
 }
 
-store_client context::connect() {
-  return store_client(store.empty() ? settings().store : parse_store(store));
-}
+store_client context::connect() { return store_client(store.empty() ? settings().store : parse_store(store)); }
 
 progress_line context::progress(const std::string &what, size_t total) {
   return {on_terminal ? &err : nullptr, what, total};

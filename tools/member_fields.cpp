@@ -1,5 +1,7 @@
 #include "member_fields.h"
 
+#include <algorithm>
+
 #include "proc/ko_span_public.h"
 #include "text.h"
 
@@ -65,9 +67,13 @@ bool listable(const std::vector<uint32_t> &words) {
 
 }  // namespace
 
-std::span<const member_field> member_field_table() {
-  return fields_table;
+std::string option_name(const member_field &field) {
+  std::string name = std::string("--") + field.name;
+  std::replace(name.begin(), name.end(), '_', '-');
+  return name;
 }
+
+std::span<const member_field> member_field_table() { return fields_table; }
 
 member_key key_from(const member_fields &fields, const interfaces &ports, bool any_number, bool *is_group) {
   member_key key;

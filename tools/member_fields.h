@@ -23,6 +23,9 @@ struct member_field {
   const char *values;  // that completion offers, separated by blanks
 };
 
+// "--apply-type"
+std::string option_name(const member_field &field);
+
 // All but `vlan_map`, which only files have.
 std::span<const member_field> member_field_table();
 

@@ -8,9 +8,7 @@
 
 namespace lspanctl {
 
-std::string place_text(uint32_t db, const ProtobufCMessageDescriptor &type) {
-  return db_name(db) + " " + type.name;
-}
+std::string place_text(uint32_t db, const ProtobufCMessageDescriptor &type) { return db_name(db) + " " + type.name; }
 
 std::vector<loaded_record> load_records(context &ctx, store_client &store, uint32_t db,
                                         const ProtobufCMessageDescriptor &type, size_t &bad) {

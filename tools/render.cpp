@@ -148,9 +148,7 @@ std::string dump(const json &value, int indent) {
   return value.dump(indent, ' ', false, json::error_handler_t::replace);
 }
 
-json to_json(const ProtobufCMessage &message) {
-  return message_json(message, target_kind_of(message));
-}
+json to_json(const ProtobufCMessage &message) { return message_json(message, target_kind_of(message)); }
 
 std::vector<cell> to_cells(const ProtobufCMessage &message) {
   std::vector<cell> cells;
@@ -242,9 +240,7 @@ std::optional<uint32_t> parse_group_target(std::string_view text) {
   return parse_number(text.substr(group_prefix.size()), "group", 1) ^ ko_span_group_tag;
 }
 
-std::string group_text(uint32_t d_ifx) {
-  return std::string(group_prefix) + std::to_string(d_ifx ^ ko_span_group_tag);
-}
+std::string group_text(uint32_t d_ifx) { return std::string(group_prefix) + std::to_string(d_ifx ^ ko_span_group_tag); }
 
 // ---- from JSON ----
 

@@ -15,9 +15,7 @@ constexpr timeval connect_timeout{5, 0};
 constexpr timeval answer_timeout{60, 0};
 constexpr size_t changes_per_flush = 500;
 
-std::string text_of(const redisReply &reply) {
-  return {reply.str, reply.len};
-}
+std::string text_of(const redisReply &reply) { return {reply.str, reply.len}; }
 
 context_ptr connect(const ko_platform::store_address &address) {
   redisContext *context = address.socket.empty()
@@ -182,9 +180,7 @@ void store_client::write_all(std::span<const change> changes, const progress_cal
   }
 }
 
-void store_client::subscribe(const std::string &pattern) {
-  call({"PSUBSCRIBE", pattern});
-}
+void store_client::subscribe(const std::string &pattern) { call({"PSUBSCRIBE", pattern}); }
 
 std::optional<store_client::announced> store_client::next(std::optional<std::chrono::steady_clock::time_point> deadline,
                                                           const sigset_t &unblocked) {

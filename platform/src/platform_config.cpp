@@ -6,6 +6,7 @@
 #include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -14,13 +15,9 @@ namespace {
 
 using nlohmann::json;
 
-// Line and column, from 1, of byte `offset` (from 1) of `text`.
-std::string position_of(const std::string &text, size_t offset) {
-  const size_t end = std::min(offset == 0 ? 0 : offset - 1, text.size());
-  const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), '\n');
-  const size_t line_start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
-  const size_t column = line_start == std::string::npos ? end + 1 : end - line_start;
-  return std::to_string(line) + ":" + std::to_string(column);
+std::optional<config> &given_config() {
+  static std::optional<config> settings;
+  return settings;
 }
 
 [[noreturn]] void fail(const std::string &where, const std::string &what) { throw config_error(where + ": " + what); }
@@ -102,6 +99,14 @@ config parse_config(const std::string &text, const std::string &path) {
 
 }  // namespace
 
+std::string position_of(const std::string &text, size_t offset) {
+  const size_t end = std::min(offset == 0 ? 0 : offset - 1, text.size());
+  const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), '\n');
+  const size_t line_start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+  const size_t column = line_start == std::string::npos ? end + 1 : end - line_start;
+  return std::to_string(line) + ":" + std::to_string(column);
+}
+
 std::string to_string(const store_address &address) {
   return address.socket.empty() ? address.host + ":" + std::to_string(address.port) : address.socket;
 }
@@ -120,9 +125,12 @@ config load_config(const std::string &path) {
 }
 
 const config &process_config() {
+  if (given_config()) return *given_config();
   static const config settings = load_config(default_config_path);
   return settings;
 }
+
+void use_config(config settings) { given_config() = std::move(settings); }
 
 log_settings process_log_settings() noexcept {
   try {

@@ -59,6 +59,13 @@ config load_config(const std::string &path);
 // The settings of this process, read once from default_config_path. Throws config_error, every time.
 const config &process_config();
 
+// Puts `settings` in their place, for a tool that was given another file. The platform's libraries see them from then
+// on.
+void use_config(config settings);
+
+// Line and column of byte `offset` of `text`, all from 1, as "3:14".
+std::string position_of(const std::string &text, size_t offset);
+
 // Where this process logs to; the defaults when the platform file cannot be used.
 log_settings process_log_settings() noexcept;
 

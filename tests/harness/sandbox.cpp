@@ -120,7 +120,7 @@ std::string text_of(const std::string &line) {
   const dumped entry = parse(line);
   for (const ProtobufCMessageDescriptor *type : stored_types) {
     const ko_store::message_ptr message = entry.hash == type->name ? ko_store::unpack(*type, entry.bytes) : nullptr;
-    if (message != nullptr) return std::to_string(entry.db) + " " + ko_store::to_text(*message);
+    if (message != nullptr) return std::to_string(entry.db) + " " + entry.hash + " " + ko_store::to_text(*message);
   }
   return line;
 }

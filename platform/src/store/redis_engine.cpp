@@ -18,6 +18,7 @@ constexpr size_t most_unanswered = 8192;         // requests; above, long work w
 constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
+constexpr timeval patience{1, 0};  // without an answer, before that is said
 
 void append_command(std::string &out, std::initializer_list<std::string_view> words) {
   append_head(out, words.size());
@@ -30,7 +31,9 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
     : base_(ko_platform::context_of(&global).base.get()), address_(std::move(address)) {
   retry_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
-  if (retry_ == nullptr) throw std::bad_alloc();
+  watch_.reset(event_new(
+      base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->look(); }, this));
+  if (retry_ == nullptr || watch_ == nullptr) throw std::bad_alloc();
 }
 
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
@@ -46,17 +49,24 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
 
 // ---- connections ----
 
+// Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
+// database before it.
 void redis_engine::connect() try {
   ready_ = false;
   subscriptions_ = 0;
   selected_db_ = 0;
-  command_.clear();
-  unsigned answers = 1;
-  log_in(command_, answers);
-  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
   redis_link_user &self = *this;
   writer_ = std::make_unique<redis_link>(base_, address_, self);
-  next_free(request::login, answers);
+  command_.clear();
+  unsigned answers = log_in();
+  for (const hash_id &id : hashes_) {
+    if (selected_db_ == id.db) continue;
+    append_command(command_, {"SELECT", std::to_string(id.db)});
+    selected_db_ = id.db;
+    ++answers;
+  }
+  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
+  next_free(request::login, answers + 1);
   ask();
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
@@ -64,29 +74,30 @@ void redis_engine::connect() try {
   broken("memory is exhausted");
 }
 
-void redis_engine::log_in(std::string &out, unsigned &answers) const {
-  if (address_.password.empty()) return;
-  ++answers;
+// Appends the login, if there is something to log in with; returns how many answers it has.
+unsigned redis_engine::log_in() {
+  if (address_.password.empty()) return 0;
   if (address_.user.empty())
-    append_command(out, {"AUTH", address_.password});
+    append_command(command_, {"AUTH", address_.password});
   else
-    append_command(out, {"AUTH", address_.user, address_.password});
+    append_command(command_, {"AUTH", address_.user, address_.password});
+  return 1;
 }
 
 void redis_engine::subscribe() {
   command_.clear();
-  reader_logins_ = 0;
-  log_in(command_, reader_logins_);
+  reader_logins_ = log_in();
   if (n_inputs_ > 0) {
     append_head(command_, n_inputs_ + 1);
     append_word(command_, "SUBSCRIBE");
     for (size_t i = 0; i < n_inputs_; ++i) append_word(command_, channels_[i]);
   }
   reader_->send(command_);
+  watch();
 }
 
 void redis_engine::on_subscription(const redis_answer &answer) {
-  if (!answer.error.empty()) return broken(std::string(answer.error));
+  if (!answer.error.empty()) return broken(answer.error);
   if (reader_logins_ > 0) {
     --reader_logins_;
   } else if (answer.texts.size() == 2 && answer.texts[0] == "subscribe") {
@@ -108,7 +119,7 @@ void redis_engine::on_subscription(const redis_answer &answer) {
 void redis_engine::check_up() {
   if (up_ || !ready_ || subscriptions_ < n_inputs_) return;
   up_ = true;
-  pause_ms_ = 0;
+  up_since_ = std::chrono::steady_clock::now();
   if (told_.empty())
     PLATFORM_INFO("connected to the store at %s", to_string(address_).c_str());
   else
@@ -120,19 +131,30 @@ void redis_engine::check_up() {
 void redis_engine::lost(redis_link &, const std::string &why) { broken(why); }
 
 void redis_engine::close() {
-  if (retry_ != nullptr) event_del(retry_.get());
+  event_del(retry_.get());
   reader_.reset();
   writer_.reset();
   up_ = false;
+  silent_ = false;
+  was_congested_ = false;
   error_.clear();
 }
 
-void redis_engine::broken(const std::string &why) {
+// A connection that did not last long goes on with the pauses that it began with.
+void redis_engine::broken(std::string_view why) {
   const bool was_up = up_;
-  if (told_.insert(why).second)
-    PLATFORM_ERROR("the store at %s cannot be used: %s; it is tried again with growing pauses",
-                   to_string(address_).c_str(), why.c_str());
-  close();
+  const auto lasted = std::chrono::steady_clock::now() - up_since_;
+  if (was_up && lasted > std::chrono::milliseconds(longest_pause_ms)) pause_ms_ = 0;
+  try {
+    if (!told_.contains(why)) {
+      told_.emplace(why);
+      PLATFORM_ERROR("the store at %s cannot be used: %.*s; it is tried again with growing pauses",
+                     to_string(address_).c_str(), static_cast<int>(why.size()), why.data());
+    }
+  } catch (const std::bad_alloc &) {
+    PLATFORM_ERROR("the store cannot be used, and memory is exhausted");
+  }
+  close();  // `why` may be gone now
   if (was_up) user_->down();
   for (; ring_used_ > 0; drop_oldest()) {
     const awaited &unknown = oldest();
@@ -150,46 +172,56 @@ void redis_engine::retry_later() {
 
 // ---- requests ----
 
-void redis_engine::answered(redis_link &link, const redis_answer &answer) {
-  if (&link == reader_.get()) return on_subscription(answer);
-  if (ring_used_ == 0) return broken("the server answers what it was not asked");
+void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
+  ++answers_;
+  if (std::exchange(silent_, false)) PLATFORM_WARN("the store answers again");
+  if (&link == reader_.get())
+    on_subscription(answer);
+  else
+    on_request(answer);
+} catch (const std::bad_alloc &) {
+  broken("memory is exhausted");
+}
+
+void redis_engine::on_request(const redis_answer &answer) {
+  if (ring_used_ == 0) return broken("it answers what it was not asked");
   if (error_.empty()) error_ = answer.error;
   if (--oldest().answers > 0) return;
   switch (oldest().kind) {
     case request::login:
-      if (!error_.empty()) return broken(std::string(error_));
+    case request::select: {
+      if (!error_.empty()) return broken(error_);
+      const bool was_login = oldest().kind == request::login;
       drop_oldest();
-      ready_ = true;
-      check_up();
-      break;
+      ready_ = ready_ || was_login;
+      return check_up();
+    }
     case request::page:
-      on_page(answer);
-      break;
+      return on_page(answer);
     case request::fetch:
-      on_fetched(answer);
-      break;
+      return on_fetched(answer);
     case request::write:
-      on_outcome(answer);
-      break;
+      return on_outcome(answer);
   }
 }
 
-// Begins the bytes of a request; returns how many answers come before those of the request itself.
-unsigned redis_engine::select(uint32_t db) {
+void redis_engine::select(uint32_t db) {
+  if (selected_db_ == db) return;
   command_.clear();
-  if (selected_db_ == db) return 0;
   append_command(command_, {"SELECT", std::to_string(db)});
-  return 1;
+  next_free(request::select, 1);
+  ask();
+  selected_db_ = db;
 }
 
 void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
 
 void redis_engine::ask_page(size_t hash, std::string_view cursor) {
-  const unsigned selects = select(hashes_[hash].db);
+  select(hashes_[hash].db);
+  command_.clear();
   append_command(command_, {"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size});
-  next_free(request::page, selects + 1).hash = hash;
+  next_free(request::page, 1).hash = hash;
   ask();
-  selected_db_ = hashes_[hash].db;
 }
 
 void redis_engine::on_page(const redis_answer &answer) {
@@ -197,7 +229,7 @@ void redis_engine::on_page(const redis_answer &answer) {
   drop_oldest();
   const std::string why = std::exchange(error_, {});
   if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
-    return user_->unreadable(hash, why.empty() ? "no page" : why);
+    return user_->unreadable(hash, why.empty() ? "the answer is no page" : why);
   std::vector<stored_record> records;
   records.reserve(answer.texts.size() / 2);
   for (size_t i = 1; i < answer.texts.size(); i += 2) records.push_back({answer.texts[i], answer.texts[i + 1]});
@@ -207,15 +239,16 @@ void redis_engine::on_page(const redis_answer &answer) {
 }
 
 void redis_engine::fetch(size_t input, std::string_view key) {
-  const unsigned selects = select(hashes_[input].db);
+  select(hashes_[input].db);
+  command_.clear();
   append_command(command_, {"HGET", hashes_[input].type->name, key});
-  awaited &asked = next_free(request::fetch, selects + 1);
+  awaited &asked = next_free(request::fetch, 1);
   asked.hash = input;
   asked.key = key;
   ask();
-  selected_db_ = hashes_[input].db;
 }
 
+// When it cannot be read, what was known of it stands.
 void redis_engine::on_fetched(const redis_answer &answer) {
   const size_t input = oldest().hash;
   const std::string key = std::move(oldest().key);
@@ -239,10 +272,9 @@ const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
 void redis_engine::write(const change &what) {
   const hash_words &words = words_of(what.hash);
   const bool stored = what.kind != change_kind::publish;
-  unsigned answers = 1;
+  if (stored) select(what.hash.db);
   command_.clear();
   if (stored) {
-    answers = select(what.hash.db) + 4;
     command_.append("*1\r\n$5\r\nMULTI\r\n");
     command_.append(what.kind == change_kind::set ? "*4\r\n$4\r\nHSET\r\n" : "*3\r\n$4\r\nHDEL\r\n").append(words.name);
     append_word(command_, what.key);
@@ -255,13 +287,12 @@ void redis_engine::write(const change &what) {
   command_.append("\r\n");
   if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
 
-  awaited &entry = next_free(request::write, answers);
+  awaited &entry = next_free(request::write, stored ? 4 : 1);
   entry.changed = what.hash;
   entry.change = what.kind;
   entry.key = what.key;
   entry.record = what.record;
   ask();
-  if (stored) selected_db_ = what.hash.db;
 }
 
 // The end of a transaction, or the answer to a lone PUBLISH.
@@ -302,11 +333,30 @@ redis_engine::awaited &redis_engine::next_free(request kind, unsigned answers) {
 void redis_engine::ask() {
   writer_->send(command_);
   ++ring_used_;
+  watch();
 }
 
 void redis_engine::drop_oldest() {
   ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);
   --ring_used_;
+}
+
+// ---- a server that does not answer ----
+
+void redis_engine::watch() {
+  if (watching_) return;
+  watching_ = true;
+  seen_ = answers_;
+  event_add(watch_.get(), &patience);
+}
+
+// Looks again while there is something to wait for; the next command starts it otherwise.
+void redis_engine::look() {
+  watching_ = false;
+  if (ring_used_ == 0 && (reader_ == nullptr || subscriptions_ == n_inputs_)) return;
+  if (answers_ == seen_ && !std::exchange(silent_, true))
+    PLATFORM_ERROR("the store does not answer; its answers are waited for");
+  watch();
 }
 
 }  // namespace ko_store

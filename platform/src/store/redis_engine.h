@@ -4,6 +4,8 @@
 // together; answers are looked at as they come. When either connection breaks both are made anew, with growing pauses.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <set>
 
@@ -23,7 +25,7 @@ class redis_engine final : public engine, private redis_link_user {
   bool congested() const override;
 
  private:
-  enum class request { login, page, fetch, write };
+  enum class request { login, select, page, fetch, write };
   struct awaited {  // a request that is not answered yet
     request kind;
     unsigned answers;  // of its commands; the last one is the outcome
@@ -42,19 +44,21 @@ class redis_engine final : public engine, private redis_link_user {
 
   void connect();
   void close();
-  void broken(const std::string &why);
+  void broken(std::string_view why);
   void retry_later();
   void check_up();
   void subscribe();
-  void log_in(std::string &out, unsigned &answers) const;
-  unsigned select(uint32_t db);
+  unsigned log_in();
+  void select(uint32_t db);
   void ask_page(size_t hash, std::string_view cursor);
   const hash_words &words_of(const hash_id &id);
 
   // redis_link_user
   void answered(redis_link &link, const redis_answer &answer) override;
   void lost(redis_link &link, const std::string &why) override;
+  void on_answer(const redis_link &link, const redis_answer &answer);
   void on_subscription(const redis_answer &answer);
+  void on_request(const redis_answer &answer);
   void on_page(const redis_answer &answer);
   void on_fetched(const redis_answer &answer);
   void on_outcome(const redis_answer &answer);
@@ -63,6 +67,9 @@ class redis_engine final : public engine, private redis_link_user {
   void ask();
   awaited &oldest() { return ring_[ring_start_]; }
   void drop_oldest();
+
+  void watch();
+  void look();
 
   event_base *base_;
   ko_platform::store_address address_;
@@ -87,8 +94,15 @@ class redis_engine final : public engine, private redis_link_user {
   std::string command_;
 
   int pause_ms_ = 0;
-  std::set<std::string> told_;  // what was said of this outage
+  std::chrono::steady_clock::time_point up_since_;
+  std::set<std::string, std::less<>> told_;  // what was said of this outage
   ko_platform::event_ptr retry_;
+
+  uint64_t answers_ = 0;  // that came
+  uint64_t seen_ = 0;     // of these, when the watch last looked
+  bool silent_ = false;   // the server does not answer, and that was said
+  bool watching_ = false;
+  ko_platform::event_ptr watch_;
 };
 
 }  // namespace ko_store

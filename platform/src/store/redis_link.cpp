@@ -2,6 +2,8 @@
 
 #include <hiredis/hiredis.h>
 #include <hiredis/read.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +17,14 @@ namespace {
 
 constexpr size_t read_size = size_t{16} << 10;
 constexpr size_t kept_size = size_t{4} << 20;  // a larger buffer is given back when it is empty
+
+constexpr int dead_peer_ms = 30'000;  // what was sent to another machine and not confirmed
+
+// A connection to another machine that has gone without a word is noticed, too.
+void expect_life(redisContext *connection) {
+  redisEnableKeepAlive(connection);
+  setsockopt(connection->fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_peer_ms, sizeof(dead_peer_ms));
+}
 
 void empty(std::string &buffer) {
   if (buffer.capacity() > kept_size)
@@ -96,7 +106,10 @@ redis_link::redis_link(event_base *base, const ko_platform::store_address &addre
       reader_(make_reader(parsed_.get())),
       in_(read_size) {
   if (context_ == nullptr || context_->err == REDIS_ERR_OOM) throw std::bad_alloc();
-  if (context_->err != 0) failure_ = context_->errstr;
+  if (context_->err != 0)
+    failure_ = context_->errstr;
+  else if (address.socket.empty())
+    expect_life(context_.get());
   readable_.reset(event_new(
       base, context_->fd, EV_READ | EV_PERSIST,
       [](evutil_socket_t, short, void *self) { static_cast<redis_link *>(self)->on_readable(); }, this));

@@ -30,6 +30,12 @@ void assign(Map &map, std::string_view key, std::string_view record) {
     found->second = record;
 }
 
+// What two changes have in common of which only the later one counts.
+std::string mark_of(const change &what) {
+  const bool stored = what.kind != change_kind::publish;
+  return name_of(what.hash).append(stored ? 1 : 2, '\0').append(stored ? what.key : what.record);
+}
+
 void erase(record_map &map, std::string_view key) {
   const auto found = map.find(key);
   if (found != map.end()) map.erase(found);
@@ -85,8 +91,7 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
   }
   own_records_ = false;
   all_read_told_ = false;
-  waiting_.clear();
-  state_ = state::starting;
+  down();
   engine_->start(*this, std::move(hashes), n_inputs);
   return ++declaration_;
 }
@@ -126,35 +131,53 @@ int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_k
   if (kind != change_kind::del) append_packed(message, record_buffer_);
 
   const change what{{db, message.descriptor}, kind, key_buffer_, record_buffer_};
-  output_source *output = kind == change_kind::publish ? nullptr : output_of(what.hash);
+  output_source *output = output_of(what);
   if (output != nullptr && kind == change_kind::set) assign(output->wanted, key_buffer_, record_buffer_);
   if (output != nullptr && kind == change_kind::del) erase(output->wanted, key_buffer_);
 
-  if (state_ == state::live)
+  const bool compared = is_compared(output, kind);
+  if (!compared && !loose_.empty()) loose_.erase(mark_of(what));  // an older change of the key must not come later
+  if (state_ == state::live || (compared && state_ == state::repairing)) {
     send(what);
-  else if (output == nullptr)
+    step_ = step::begin;  // iterators may be gone; to compare a source again costs nothing but time
+  } else if (!compared) {
     keep(what);
-  else if (state_ == state::repairing)
-    position_ = 0, planned_ = false;  // compare again from the start
+  }
   return VX_MOM_OK;
 }
 
-void registration::send(const change &what) {
+void registration::send(const change &what) try {
   ++counters_.writes;
   engine_->write(what);
+} catch (const std::bad_alloc &) {
+  repair_later();
+  throw;
 }
 
-// Notes a change that no comparison would bring about, for when the engine can take it. One request is as good as many.
+// Whether the comparison of a repair brings a change of `output` about; it may be null.
+bool registration::is_compared(const output_source *output, change_kind kind) const {
+  if (output == nullptr) return false;
+  return kind == change_kind::set || (own_records_ && !output->owner.empty());
+}
+
+// Notes a change for when the engine can take it. One request is as good as many, and of a key only the last change
+// counts.
 void registration::keep(const change &what) {
-  std::string mark = name_of(what.hash);
-  mark.append(1, '\0').append(1, static_cast<char>(what.kind)).append(what.key).append(1, '\0').append(what.record);
-  if (!loose_seen_.insert(std::move(mark)).second) return;
-  loose_.push_back({what.hash, what.kind, std::string(what.key), std::string(what.record)});
+  loose_.insert_or_assign(mark_of(what),
+                          loose_write{what.hash, what.kind, std::string(what.key), std::string(what.record)});
 }
 
-output_source *registration::output_of(const hash_id &hash) {
+input_source *registration::input_of(const hash_id &hash) {
+  for (const auto &input : inputs_)
+    if (same(input->hash, hash)) return input.get();
+  return nullptr;
+}
+
+// Where a change goes; null when that is no declared output.
+output_source *registration::output_of(const change &what) {
+  if (what.kind == change_kind::publish) return nullptr;
   for (const auto &output : outputs_)
-    if (same(output->hash, hash)) return output.get();
+    if (same(output->hash, what.hash)) return output.get();
   return nullptr;
 }
 
@@ -164,6 +187,7 @@ output_source *registration::output_of(const hash_id &hash) {
 void registration::guard(const char *doing, auto &&work) try { work(); } catch (const std::bad_alloc &) {
   PLATFORM_ERROR("memory is exhausted while %s; the store will be read again", doing);
   read_failed_ = true;
+  inputs_due_ = true;
   repair_later();
 }
 
@@ -171,20 +195,28 @@ void registration::up() { read_all(true); }
 
 void registration::down() {
   state_ = state::starting;
-  read_failed_ = false;
+  scans_ = 0;
   waiting_.clear();
   for (const auto &input : inputs_) input->stored.clear();
   for (const auto &output : outputs_) output->stored.clear();
+  guard("the store is away", [this] {
+    for (auto entry = loose_.begin(); entry != loose_.end();) {
+      input_source *input = entry->second.kind == change_kind::del ? input_of(entry->second.hash) : nullptr;
+      if (input != nullptr) input->doubtful.insert(entry->second.key);
+      entry = input != nullptr ? loose_.erase(entry) : std::next(entry);
+    }
+  });
 }
 
 void registration::read_all(bool inputs_too) {
   state_ = state::reading;
   inputs_read_ = inputs_too;
   read_failed_ = false;
+  if (inputs_too) inputs_due_ = false;
   counters_.reads += inputs_too ? 1 : 0;
   scans_ = (inputs_too ? inputs_.size() : 0) + (own_records_ ? outputs_.size() : 0);
   for (const auto &input : inputs_) input->stored.clear();
-  for (const auto &output : outputs_) output->stored.clear();
+  for (const auto &output : outputs_) output->stored.clear(), output->readable = true;
   if (inputs_too)
     for (size_t i = 0; i < inputs_.size(); ++i) engine_->scan(i);
   if (own_records_)
@@ -202,17 +234,21 @@ void registration::page(size_t hash, std::span<const stored_record> records, boo
       for (const stored_record &entry : records)
         if (is_own(output, entry.key)) assign(output.stored, entry.key, entry.record);
     }
-    if (last && --scans_ == 0) read_done();
   });
+  if (last && --scans_ == 0) read_done();
 }
 
 void registration::unreadable(size_t hash, std::string_view why) {
-  const hash_id &id = hash < inputs_.size() ? inputs_[hash]->hash : outputs_[hash - inputs_.size()]->hash;
-  const std::string reason = name_of(id) + ": " + std::string(why);
-  if (refusal_told_ != reason)
-    PLATFORM_ERROR("%s; nothing is delivered or repaired until it can be read, tried again", reason.c_str());
-  refusal_told_ = reason;
-  read_failed_ = true;
+  const bool is_input = hash < inputs_.size();
+  guard("reading the store", [&] {
+    const hash_id &id = is_input ? inputs_[hash]->hash : outputs_[hash - inputs_.size()]->hash;
+    tell_refusal(name_of(id) + " cannot be read: " + std::string(why) +
+                 (is_input ? "; nothing is delivered or repaired until it can, tried again" : "; tried again"));
+  });
+  if (is_input)
+    read_failed_ = inputs_due_ = true;
+  else
+    outputs_[hash - inputs_.size()]->readable = false;
   if (--scans_ == 0) read_done();
 }
 
@@ -226,36 +262,41 @@ bool registration::is_own(const output_source &output, std::string_view key) {
 }
 
 void registration::changed(size_t input, const announcement &what) {
-  if (state_ == state::starting || what.kind == change_kind::publish) return;
-  guard("taking a change", [&] {
-    if (state_ == state::live && waiting_.empty())
-      apply(input, what);
-    else
-      waiting_.push_back({input, what.kind, std::string(what.key), std::string(what.record)});
-  });
+  if (what.kind == change_kind::publish) return;
+  guard("taking a change", [&] { take({input, what.kind, what.key, what.record, false}); });
+}
+
+// What comes before a read began, or while one fails, is read anyway.
+void registration::take(const input_change &what) {
+  if (state_ == state::starting || (state_ == state::reading && read_failed_)) return;
+  if (state_ == state::live && waiting_.empty())
+    apply(what);
+  else
+    waiting_.push_back({what.input, what.kind, std::string(what.key), std::string(what.record), what.stored});
 }
 
 void registration::malformed(size_t input) { reject(inputs_[input]->hash, {}, "it is no announcement"); }
 
 void registration::fetched(size_t input, std::string_view key, std::optional<std::string_view> record) {
-  if (state_ != state::live) return;
   guard("taking a record", [&] {
-    const auto known = inputs_[input]->copy.find(key);
-    if (!record.has_value())
-      delete_record(input, key);
-    else if (known == inputs_[input]->copy.end() || known->second != *record)
-      set_record(input, key, *record, true);
+    const change_kind kind = record.has_value() ? change_kind::set : change_kind::del;
+    take({input, kind, key, record.value_or(""), true});
   });
 }
 
 void registration::undone(const change &what, std::string_view why) {
   guard("a write was not carried out", [&] {
-    const bool loose = what.kind == change_kind::publish || output_of(what.hash) == nullptr;
-    if (loose) keep(what);
+    input_source *input = what.kind == change_kind::del ? input_of(what.hash) : nullptr;
+    if (input != nullptr) {
+      input->doubtful.emplace(what.key);
+      inputs_due_ = true;
+    } else if (!is_compared(output_of(what), what.kind)) {
+      keep(what);
+    }
     if (why.empty()) return;
     ++counters_.refused;
-    if (refusal_told_ != why) {
-      refusal_told_ = why;
+    if (!refusals_told_.contains(std::string(why))) {
+      refusals_told_.emplace(why);
       const message_ptr record = unpack(*what.hash.type, what.record);
       PLATFORM_ERROR("the store refused %s %s, key %s: %.*s; it is tried again until the store takes it",
                      name_of(what.hash).c_str(), record == nullptr ? "" : to_text(*record).c_str(),
@@ -265,37 +306,44 @@ void registration::undone(const change &what, std::string_view why) {
   });
 }
 
-void registration::relieved() { wake(true); }
+void registration::tell_refusal(std::string text) {
+  const auto [told, fresh] = refusals_told_.insert(std::move(text));
+  if (fresh) PLATFORM_ERROR("%s", told->c_str());
+}
+
+void registration::relieved() { wake(); }
 
 void registration::repair_later() {
-  repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);
   if (evtimer_pending(repair_event_.get(), nullptr)) return;
+  repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);
   const timeval pause{repair_pause_ms_ / 1000, repair_pause_ms_ % 1000 * 1000L};
   event_add(repair_event_.get(), &pause);
 }
 
-// Compares the outputs again, and the inputs too when the last read of them came to nothing.
+// Compares the outputs again, and the inputs too when something is amiss with what is known of them.
 void registration::repair_due() {
-  if (state_ == state::live || read_failed_)
-    read_all(read_failed_);
-  else if (state_ != state::starting)
-    repair_later();
+  if (state_ == state::starting) return;  // the connection reads everything when it is back
+  if (scans_ > 0 || (state_ != state::live && !read_failed_)) return repair_later();
+  read_all(inputs_due_);
 }
 
 // ---- slices of long work ----
 
 // A timer, not an active event: the loop looks at its sockets before the next slice.
-void registration::wake(bool now) {
-  const timeval pause{0, now ? 0 : 1000};
-  event_add(slice_event_.get(), &pause);
+void registration::wake() {
+  const timeval at_once{0, 0};
+  event_add(slice_event_.get(), &at_once);
 }
 
 void registration::read_done() {
-  if (read_failed_) return repair_later();
+  if (read_failed_) {
+    waiting_.clear();
+    return repair_later();
+  }
   state_ = state::delivering;
   position_ = inputs_read_ ? 0 : inputs_.size();
-  planned_ = false;
-  wake(true);
+  step_ = step::begin;
+  wake();
 }
 
 void registration::run_slice() {
@@ -304,39 +352,46 @@ void registration::run_slice() {
     if (state_ == state::delivering && deliver_some(until)) finish_delivery();
     if (state_ == state::repairing && repair_some(until)) finish_repair();
     const bool done = state_ == state::live ? drain_some(until) : state_ <= state::reading;
-    if (!done && !engine_->congested()) wake(true);
+    if (!done && !engine_->congested()) wake();
   });
 }
 
 // Finds what has gone. It is delivered before what has come, so that a member that changed its target leaves the old
-// one first.
-void registration::plan_deletes(input_source &source) {
-  deletes_.clear();
-  for (const auto &[key, record] : source.copy)
-    if (!source.stored.contains(std::string_view(key))) deletes_.emplace_back(key);
-  std::sort(deletes_.begin(), deletes_.end(), std::greater<>());
-  next_ = source.stored.begin();
-  planned_ = true;
+// one first. Returns whether all of it was found.
+bool registration::find_deletes(const input_source &source, clock::time_point until) {
+  for (; next_known_ != source.copy.end(); ++next_known_) {
+    if (clock::now() >= until) return false;
+    if (!source.stored.contains(std::string_view(next_known_->first))) deletes_.emplace(next_known_->first);
+  }
+  return true;
 }
 
 // Returns whether everything was delivered.
 bool registration::deliver_some(clock::time_point until) {
-  for (; position_ < inputs_.size(); ++position_, planned_ = false) {
+  for (; position_ < inputs_.size(); ++position_, step_ = step::begin) {
     input_source &source = *inputs_[position_];
-    if (!planned_) plan_deletes(source);
+    if (step_ == step::begin) {
+      deletes_.clear();
+      next_known_ = source.copy.begin();
+      next_ = source.stored.begin();
+      step_ = step::compare;
+    }
+    if (step_ == step::compare && !find_deletes(source, until)) return false;
+    step_ = step::carry_out;
     while (!deletes_.empty()) {
-      const std::string key = std::move(deletes_.back());
-      deletes_.pop_back();
+      const std::string key = std::move(deletes_.extract(deletes_.begin()).value());
       delete_record(position_, key);
       if (clock::now() >= until) return false;
     }
     while (next_ != source.stored.end()) {
       const auto &[key, record] = *next_++;
       const auto known = source.copy.find(std::string_view(key));
-      if (known == source.copy.end() || known->second != record) set_record(position_, key, record, true);
+      if (known == source.copy.end() || known->second != record || source.doubtful.contains(std::string_view(key)))
+        set_record(position_, key, record, true);
       if (clock::now() >= until) return false;
     }
     source.stored.clear();
+    source.doubtful.clear();
   }
   return true;
 }
@@ -348,52 +403,55 @@ void registration::finish_delivery() {
   }
   state_ = state::repairing;
   position_ = 0;
-  planned_ = false;
+  step_ = step::begin;
   repair_wrote_ = false;
 }
 
-// Returns whether everything was compared.
+// Returns whether everything was compared and nothing is left to send.
 bool registration::repair_some(clock::time_point until) {
-  for (; position_ < outputs_.size(); ++position_, planned_ = false) {
+  const auto interrupted = [&] { return engine_->congested() || clock::now() >= until; };
+  for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
     output_source &output = *outputs_[position_];
-    if (!planned_) next_wanted_ = output.wanted.begin();
-    planned_ = true;
-    for (; next_wanted_ != output.wanted.end(); ++next_wanted_) {
-      if (engine_->congested() || clock::now() >= until) return false;
-      const auto &[key, record] = *next_wanted_;
+    if (!output.readable) continue;
+    if (step_ == step::begin) {
+      next_known_ = output.wanted.begin();
+      next_ = output.stored.begin();
+    }
+    step_ = step::compare;
+    for (; next_known_ != output.wanted.end(); ++next_known_) {
+      if (interrupted()) return false;
+      const auto &[key, record] = *next_known_;
       const auto stored = output.stored.find(std::string_view(key));
-      if (stored != output.stored.end() && stored->second == record) {
-        output.stored.erase(stored);
-        continue;
-      }
+      if (stored != output.stored.end() && stored->second == record) continue;
       repair_wrote_ = true;
       send({output.hash, change_kind::set, key, record});
-      if (stored != output.stored.end()) output.stored.erase(stored);
     }
-    while (!output.stored.empty()) {  // left over
-      if (engine_->congested() || clock::now() >= until) return false;
-      const auto stored = output.stored.begin();
+    for (; next_ != output.stored.end(); ++next_) {  // left over?
+      if (interrupted()) return false;
+      if (output.wanted.contains(std::string_view(next_->first))) continue;
       repair_wrote_ = true;
-      send({output.hash, change_kind::del, stored->first, {}});
-      output.stored.erase(stored);
+      send({output.hash, change_kind::del, next_->first, {}});
     }
+    output.stored.clear();
+  }
+  for (; !loose_.empty(); loose_.erase(loose_.begin())) {
+    if (interrupted()) return false;
+    const loose_write &what = loose_.begin()->second;
+    repair_wrote_ = true;
+    send({what.hash, what.kind, what.key, what.record});
   }
   return true;
 }
 
 void registration::finish_repair() {
   state_ = state::live;
-  std::vector<loose_write> loose;
-  loose.swap(loose_);
-  loose_seen_.clear();
-  for (const loose_write &what : loose) send({what.hash, what.kind, what.key, what.record});
-  if (refusal_told_.empty()) return;
-  if (repair_wrote_ || !loose.empty()) {
-    repair_later();  // until a comparison finds nothing to write, a refusal may still be on its way
-    return;
+  if (!refusals_told_.empty()) {
+    const bool all_readable = std::all_of(outputs_.begin(), outputs_.end(), [](const auto &o) { return o->readable; });
+    // Until a comparison finds nothing to write, a refusal may still be on its way.
+    if (repair_wrote_ || !all_readable) return repair_later();
+    PLATFORM_WARN("the store can be read and takes everything again");
+    refusals_told_.clear();
   }
-  PLATFORM_WARN("the store takes everything again");
-  refusal_told_.clear();
   repair_pause_ms_ = 0;
 }
 
@@ -403,7 +461,7 @@ bool registration::drain_some(clock::time_point until) {
     if (state_ != state::live) return true;
     const waiting_change next = std::move(waiting_.front());
     waiting_.pop_front();
-    apply(next.input, {next.kind, next.key, next.record});
+    apply({next.input, next.kind, next.key, next.record, next.stored});
     if (clock::now() >= until) return waiting_.empty();
   }
   return true;
@@ -411,11 +469,11 @@ bool registration::drain_some(clock::time_point until) {
 
 // ---- events ----
 
-void registration::apply(size_t input, const announcement &what) {
-  if (what.kind == change_kind::set)
-    set_record(input, what.key, what.record, false);
-  else
-    delete_record(input, what.key);
+void registration::apply(const input_change &what) {
+  const record_map &copy = inputs_[what.input]->copy;
+  if (what.kind == change_kind::del) return delete_record(what.input, what.key);
+  const auto known = what.stored ? copy.find(what.key) : copy.end();
+  if (known == copy.end() || known->second != what.record) set_record(what.input, what.key, what.record, what.stored);
 }
 
 // `stored`: the record was read from the store; else it was announced, and the store may know better.
@@ -450,6 +508,7 @@ void registration::hand_over(input_source &source, uint32_t kind, const Protobuf
   if (handler.call == nullptr) return;
   ++counters_.events;
   const int32_t status = handler.call(handler.context, kind, &message);
+  if (on_event) on_event(kind, message, status);
   if (status == 0) return;
   ++counters_.handler_failures;
   PLATFORM_WARN("the handler of the %s event of %s %s answered with status %d",
@@ -467,8 +526,7 @@ const ProtobufCMessage *registration::decode(const input_source &source, std::st
 void registration::reject(const hash_id &hash, std::string_view key, const char *why) {
   ++counters_.rejected;
   if (told_.size() >= told_limit) return;
-  std::string mark = name_of(hash).append(1, '\0').append(key);
-  if (!told_.insert(std::move(mark)).second) return;
+  if (!told_.insert(std::hash<std::string>{}(name_of(hash).append(1, '\0').append(key))).second) return;
   PLATFORM_ERROR("a record of %s is passed over: %s, key %s", name_of(hash).c_str(), why, to_hex(key).c_str());
   if (told_.size() == told_limit) PLATFORM_ERROR("further records that are passed over are only counted");
 }

@@ -16,9 +16,11 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <memory_resource>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -59,6 +61,9 @@ struct input_source {
   event_handler on[2];    // by VX_MOM_EVENT_...
   record_map copy;        // as the handlers know it
   sorted_records stored;  // as it was just read
+  // Keys that this process had deleted and that may still be there, or be there again: a read hands them over once
+  // more, and the handlers decide anew.
+  std::set<std::string, std::less<>> doubtful = {};
 };
 
 struct output_source {
@@ -66,6 +71,7 @@ struct output_source {
   std::string owner;      // whose records these are; empty: nobody's in particular
   record_map wanted;      // as it shall be
   sorted_records stored;  // as it was just read, own records only
+  bool readable = true;   // the last read of it succeeded
 };
 
 class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
@@ -80,6 +86,9 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void on_all_read(vx_mom_all_ds_cb handler, void *context);
   int32_t put(uint32_t db, const ProtobufCMessage &message, change_kind kind);
 
+  // Called after every event with its kind (VX_MOM_EVENT_...) and the handler's status; for dry runs and tests.
+  std::function<void(uint32_t kind, const ProtobufCMessage &message, int32_t status)> on_event;
+
   const counters &counts() const { return counters_; }
   // Nothing is left to read, deliver or repair.
   bool settled() const { return state_ == state::live && waiting_.empty(); }
@@ -87,13 +96,21 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
  private:
   enum class state { idle, starting, reading, delivering, repairing, live };
 
+  struct input_change {  // bytes are borrowed
+    size_t input;
+    change_kind kind;
+    std::string_view key;
+    std::string_view record;
+    bool stored;  // it was read from the store; else it was announced, and the store may know better
+  };
   struct waiting_change {
     size_t input;
     change_kind kind;
     std::string key;
     std::string record;
+    bool stored;
   };
-  struct loose_write {  // a change of no declared output: sent again until it is carried out
+  struct loose_write {  // a change that no comparison brings about: sent again until it is carried out
     hash_id hash;
     change_kind kind;
     std::string key;
@@ -121,20 +138,24 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void finish_repair();
   void repair_later();
   void repair_due();
-  void wake(bool now);
+  void wake();
 
-  void plan_deletes(input_source &source);
-  void apply(size_t input, const announcement &what);
+  bool find_deletes(const input_source &source, std::chrono::steady_clock::time_point until);
+  void take(const input_change &what);
+  void apply(const input_change &what);
   void set_record(size_t input, std::string_view key, std::string_view record, bool stored);
   void delete_record(size_t input, std::string_view key);
   void hand_over(input_source &source, uint32_t kind, const ProtobufCMessage &message);
   const ProtobufCMessage *decode(const input_source &source, std::string_view record);
   void reject(const hash_id &hash, std::string_view key, const char *why);
 
-  output_source *output_of(const hash_id &hash);
+  input_source *input_of(const hash_id &hash);
+  output_source *output_of(const change &what);
   bool is_own(const output_source &output, std::string_view key);
+  bool is_compared(const output_source *output, change_kind kind) const;
   void send(const change &what);
   void keep(const change &what);
+  void tell_refusal(std::string text);
   void guard(const char *doing, auto &&work);
 
   std::pmr::unsynchronized_pool_resource pool_;
@@ -144,25 +165,26 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   bool own_records_ = false;
   bool all_read_told_ = false;
   bool inputs_read_ = false;  // this read covers the inputs, not only the outputs
-  bool read_failed_ = false;  // it came to nothing; everything is to be read again
+  bool read_failed_ = false;  // it came to nothing
+  bool inputs_due_ = false;   // the next repair reads the inputs, too
   size_t scans_ = 0;          // not finished yet
   std::vector<std::unique_ptr<input_source>> inputs_;
   std::vector<std::unique_ptr<output_source>> outputs_;
   vx_mom_all_ds_cb all_read_ = nullptr;
   void *all_read_context_ = nullptr;
 
-  // Where delivery and repair are.
-  size_t position_ = 0;               // source
-  bool planned_ = false;              // its deletes were found
-  std::vector<std::string> deletes_;  // keys, the next one last
-  sorted_records::iterator next_;     // next set of a delivery
-  record_map::iterator next_wanted_;  // next comparison of a repair
-  std::vector<loose_write> loose_;
-  std::unordered_set<std::string> loose_seen_;
+  // Where delivery and repair are: the source, and what of it is done.
+  enum class step { begin, compare, carry_out };
+  size_t position_ = 0;
+  step step_ = step::begin;
+  record_map::iterator next_known_;  // next comparison: with the copy, or with what is wanted
+  sorted_records::iterator next_;    // next stored record
+  std::set<std::string> deletes_;    // keys of what has gone
+  std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;
 
-  std::unordered_set<std::string> told_;  // what was logged once already
-  std::string refusal_told_;
+  std::unordered_set<size_t> told_;      // hashes of the keys of what was passed over
+  std::set<std::string> refusals_told_;  // since the store took everything
   int repair_pause_ms_ = 0;
   bool repair_wrote_ = false;
   counters counters_;

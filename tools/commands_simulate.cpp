@@ -1,0 +1,227 @@
+// lspanctl simulate: events from a file through the daemon's code, with no server.
+#include <iomanip>
+#include <memory>
+#include <ostream>
+
+#include "commands.h"
+#include "dry_daemon.h"
+#include "json_file.h"
+#include "records.h"
+#include "text.h"
+#include "vx_zlog.h"
+
+namespace lspanctl {
+namespace {
+
+using ko_store::change_kind;
+
+struct simulate_options {
+  std::string file;
+  std::string level = "5";
+};
+
+// One event of the file, ready to be played.
+struct scripted_event {
+  change_kind kind;
+  const record_kind *record;
+  ko_store::message_ptr message;
+};
+
+// Words of this command, and those that watch --json writes.
+change_kind parse_kind(const json &event) {
+  if (!event.contains("change")) return change_kind::set;
+  const json &word = event["change"];
+  for (const char *set : {"set", "added", "changed", "same"})
+    if (word == set) return change_kind::set;
+  for (const char *del : {"del", "deleted"})
+    if (word == del) return change_kind::del;
+  throw refused("change: give \"set\" or \"del\"");
+}
+
+const record_kind *parse_place(const json &event) {
+  if (!event.contains("message") || !event["message"].is_string()) throw refused("message: give its name");
+  const std::string message = parse_message(event["message"].get<std::string>());
+  const bool any = !event.contains("db");
+  const uint32_t db = any ? 0 : parse_db(event["db"].is_string() ? event["db"].get<std::string>() : dump(event["db"]));
+  const record_kind *found = nullptr;
+  // The result record stands in two databases; the daemon reads it in the latter.
+  for (const record_kind &kind : record_kinds())
+    if (kind.stored && message == kind.type->name && (any || db == kind.db)) found = &kind;
+  if (found == nullptr) throw refused("message: " + message + " is not stored in that database");
+  return found;
+}
+
+scripted_event parse_event(const json &event, const interfaces &ports) {
+  if (!event.is_object()) throw refused("give an object");
+  for (const auto &[name, value] : event.items())
+    if (name != "change" && name != "message" && name != "db" && name != "record" && name != "time")
+      throw refused(printable(name) + ": give change, message, db and record");
+  if (!event.contains("record")) throw refused("record: give one");
+  scripted_event parsed{parse_kind(event), parse_place(event), nullptr};
+  const auto lookup = [&ports](const std::string &text) { return ports.parse(text, true); };
+  try {
+    parsed.message = from_json(*parsed.record->type, event["record"], lookup);
+  } catch (const refused &error) {
+    throw refused("record: " + std::string(error.what()));
+  }
+  if (ko_store::key_of(*parsed.message) == nullptr) throw refused("record: index: give it, it is the key");
+  return parsed;
+}
+
+std::vector<scripted_event> read_events(const std::string &path, const interfaces &ports) {
+  json root = read_json_file(path);
+  if (root.is_object() && root.contains("events")) root = root["events"];
+  const std::string name = path == "-" ? "standard input" : path;
+  if (!root.is_array())
+    throw refused(
+        name +
+        ": give an array of events, each {\"change\": \"set\" or \"del\", \"message\": NAME, \"record\": {...}}");
+  std::vector<scripted_event> events;
+  for (size_t i = 0; i < root.size(); ++i) {
+    try {
+      events.push_back(parse_event(root[i], ports));
+    } catch (const std::runtime_error &error) {
+      throw refused(name + ": [" + std::to_string(i) + "]: " + error.what());
+    }
+  }
+  return events;
+}
+
+const char *level_name(int level) {
+  if (level >= VX_ZLOG_ERROR) return "error";
+  if (level >= VX_ZLOG_WARN) return "warn";
+  return level >= VX_ZLOG_INFO ? "info" : "debug";
+}
+
+const char *kind_name(change_kind kind) {
+  if (kind == change_kind::publish) return "publish";
+  return kind == change_kind::set ? "set" : "del";
+}
+
+// Shows what happens, as it happens.
+class trace {
+ public:
+  explicit trace(context &ctx) : ctx_(ctx) {}
+
+  dry_daemon_observer observer() {
+    return {.log = [this](const log_line &line) { log(line); },
+            .write = [this](const ko_store::change &what) { write(what); },
+            .event = [this](int32_t status) { returned(status); }};
+  }
+
+  void start() {
+    if (!ctx_.json) ctx_.out << "start\n";
+  }
+
+  void event(size_t number, const scripted_event &next) {
+    handled_ = false;
+    if (ctx_.json)
+      line({{"event", number},
+            {"change", kind_name(next.kind)},
+            {"db", next.record->db},
+            {"message", next.record->type->name},
+            {"record", to_json(*next.message)}});
+    else
+      ctx_.out << "\nevent " << number << ": " << kind_name(next.kind) << ' '
+               << place_text(next.record->db, *next.record->type) << "  " << to_line(*next.message) << '\n';
+  }
+
+  void end_event(const scripted_event &next) {
+    if (handled_) return;
+    const char *why = next.kind == change_kind::del
+                          ? "no event: there is no such record, or the daemon does not ask for its deletes"
+                          : "no event: the daemon does not read this record";
+    if (ctx_.json)
+      line({{"note", why}});
+    else
+      ctx_.out << "  " << why << '\n';
+  }
+
+ private:
+  void line(const json &value) { ctx_.out << dump(value) << '\n'; }
+
+  void log(const log_line &what) {
+    if (what.category != "ko_lspan") return;  // the platform's own view of the same
+    std::string text = what.text;
+    while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
+    if (ctx_.json)
+      line({{"log", level_name(what.level)}, {"function", what.function}, {"text", text}});
+    else
+      ctx_.out << "  log      " << std::left << std::setw(5) << level_name(what.level) << "  " << what.function << ": "
+               << text << '\n';
+  }
+
+  void write(const ko_store::change &what) {
+    // A delete carries the key alone: it is shown as a record that has nothing else.
+    std::string record(what.record);
+    if (what.kind == change_kind::del) record = keyed_record(*what.hash.type, what.key);
+    const ko_store::message_ptr message = ko_store::unpack(*what.hash.type, record);
+    if (ctx_.json)
+      line({{"write", kind_name(what.kind)},
+            {"db", what.hash.db},
+            {"message", what.hash.type->name},
+            {"record", to_json(*message)}});
+    else
+      ctx_.out << "  " << std::left << std::setw(7) << kind_name(what.kind) << "  " << std::setw(7)
+               << db_name(what.hash.db) << "  " << short_name(*what.hash.type) << "  " << to_line(*message) << '\n';
+  }
+
+  // The encoding of a record with that key and nothing else: its key field, length and key.
+  static std::string keyed_record(const ProtobufCMessageDescriptor &type, std::string_view key) {
+    constexpr unsigned length_delimited = 2;
+    std::string bytes(1, static_cast<char>(ko_store::key_field(type)->id << 3 | length_delimited));
+    size_t length = key.size();
+    for (; length > 127; length >>= 7) bytes += static_cast<char>(length | 128);
+    bytes += static_cast<char>(length);
+    return bytes.append(key);
+  }
+
+  void returned(int32_t status) {
+    handled_ = true;
+    if (ctx_.json)
+      line({{"status", status}});
+    else
+      ctx_.out << "  status   " << status << '\n';
+  }
+
+  context &ctx_;
+  bool handled_ = false;
+};
+
+int simulate(context &ctx, const simulate_options &options) {
+  const uint32_t level = parse_number(options.level, "level", 0, 5);
+  const std::vector<scripted_event> events = read_events(options.file, ctx.ports());
+  trace shown(ctx);
+  shown.start();
+  dry_daemon daemon(ctx.settings(), level, shown.observer());
+  for (size_t i = 0; i < events.size(); ++i) {
+    const scripted_event &next = events[i];
+    shown.event(i + 1, next);
+    const change bytes = make_change(next.record->db, next.kind, *next.message);
+    daemon.put({{bytes.db, bytes.type}, bytes.kind, bytes.key, bytes.record});
+    shown.end_event(next);
+  }
+  return 0;
+}
+
+}  // namespace
+
+void add_simulate_command(CLI::App &root, context &ctx) {
+  CLI::App *command = add_command(
+      root, "simulate", "Play events through the daemon's own code, with no server; shows all it would do",
+      "  lspanctl simulate events.json\n"
+      "  lspanctl records --message mirror_lspan_info --json | lspanctl simulate -\n"
+      "\nThe file is an array of events:\n"
+      "  [{\"change\": \"set\", \"message\": \"data_intf_conf\", \"record\": {\"index\": {\"index\": 7}, \"group_id\": "
+      "2}},\n"
+      "   {\"change\": \"set\", \"message\": \"mirror_lspan_info\", \"record\": {\"index\": {\"session_num\": 4, "
+      "\"s_ifx\": 5,\n"
+      "    \"d_ifx\": \"group:2\", \"dir\": \"rx\"}, \"module_type\": \"GROUP\", \"role\": \"LOCALSPAN_DST\"}}]");
+  auto options = std::make_shared<simulate_options>();
+  command->add_option("file", options->file, "The file, - for standard input")->type_name("FILE")->required();
+  command->add_option("--level", options->level, "Level of the daemon's log, 0 (nothing) to 5 (debug) (5)")
+      ->type_name("N");
+  command->callback([&ctx, options] { ctx.action = [&ctx, options] { return simulate(ctx, *options); }; });
+}
+
+}  // namespace lspanctl

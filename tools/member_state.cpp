@@ -1,0 +1,88 @@
+#include "member_state.h"
+
+#include <set>
+
+#include "libddm.h"
+#include "proc/lspan/ko_lspan.h"
+
+namespace lspanctl {
+namespace {
+
+// Why the daemon's code did not write the member's records; empty when it did.
+std::string refusal(const member_outcome &outcome, const interfaces &ports) {
+  uint32_t phyid = 0;
+  const auto untranslated = [&phyid](uint32_t ifx) { return ifx != 0 && libddm_get_phyid_by_ifx(ifx, &phyid) != 0; };
+  const member_key &key = outcome.what.key;
+  if (untranslated(key.s_ifx)) return "no translation for interface " + ports.text(key.s_ifx);
+  if (!outcome.what.targets_group() && untranslated(key.d_ifx))
+    return "no translation for interface " + ports.text(key.d_ifx);
+  return outcome.status == 0 ? "" : "the daemon refuses it with status " + std::to_string(outcome.status);
+}
+
+const char *to_text(finding what) {
+  switch (what) {
+    case finding::missing:
+      return "missing";
+    case finding::different:
+      return "different";
+    case finding::left_over:
+      return "left over";
+    case finding::right:
+      break;
+  }
+  return "right";
+}
+
+// "span_dst_info missing, udp_pt_learn left over"; empty when all are right.
+std::string wrong_records(const wanted_state &all, const member_outcome &outcome) {
+  std::set<std::string> findings;
+  std::string text;
+  bool none_there = true;
+  for (const record_place &place : outcome.touched) {
+    const finding what = compare(all, place);
+    none_there = none_there && !all.stored.contains(place);
+    if (what == finding::right) continue;
+    const std::string name(short_name(*find_kind(place.db, place.message)->type));
+    const std::string one = name + " " + to_text(what);
+    if (findings.insert(one).second) text += (text.empty() ? "" : ", ") + one;
+  }
+  return none_there && !text.empty() ? "all derived records missing" : text;
+}
+
+// The member's result of an owner, as it stands in a database.
+record_place result_place(const member_key &member, uint32_t db, const char *owner) {
+  member_key key = member;
+  key.owner = owner;
+  const UMonitor__MirrorIndex index = index_of(key);
+  record_place place{db, u_monitor__mirror_result_info__descriptor.name, {}};
+  ko_store::append_packed(index.base, place.key);
+  return place;
+}
+
+}  // namespace
+
+member_state state_of(const wanted_state &all, const member_outcome &outcome, const interfaces &ports) {
+  if (const std::string why = refusal(outcome, ports); !why.empty()) return {"configured", why, {}};
+  if (const std::string wrong = wrong_records(all, outcome); !wrong.empty()) return {"configured", wrong, {}};
+
+  const auto with_group = [&outcome](const std::string &why) {
+    if (!outcome.group_is_empty) return why;
+    return why.empty() ? "target group empty" : why + ", target group empty";
+  };
+  const record_place relayed = result_place(outcome.what.key, CONF_DB, ko_lspan_app_name);
+  const auto answer = all.stored.find(relayed);
+  const bool answer_wanted = all.wanted.contains(relayed);
+  if (answer == all.stored.end())
+    return {"written", with_group(answer_wanted ? "answer not relayed" : "no answer"), {}};
+  if (!answer_wanted) return {"written", with_group("no answer, but one left over"), {}};
+  const ko_store::message_ptr message = ko_store::unpack(u_monitor__mirror_result_info__descriptor, answer->second);
+  const uint32_t code = reinterpret_cast<const UMonitor__MirrorResultInfo *>(message.get())->result;
+  return {"answered", with_group(code == 0 ? "" : "answered with code " + std::to_string(code)), code};
+}
+
+std::string to_text(const member_state &state) {
+  if (state.reason.empty()) return state.state;
+  return state.reason.starts_with(state.state) ? state.reason : state.state + ": " + state.reason;
+}
+
+}  // namespace lspanctl
