@@ -39,7 +39,7 @@ void record_table::put(std::string_view key, std::string_view record) {
     known->record_size_ = record.size();
     return;
   }
-  if (known == nullptr && size_ == buckets_.size()) {
+  if (known == nullptr && 2 * size_ >= buckets_.size()) {
     grow();
     place = place_of(key, hash);
   }
