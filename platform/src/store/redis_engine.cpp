@@ -3,6 +3,7 @@
 #include <hiredis/hiredis.h>
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -43,7 +44,7 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
   channels_.clear();
   for (const hash_id &id : hashes_) channels_.push_back(channel_name(id.db, id.type->name));
   n_inputs_ = n_inputs;
-  ring_used_ = 0;
+  while (queued_ > 0) drop_oldest();
   event_add(retry_.get(), &at_once);
 }
 
@@ -66,8 +67,7 @@ void redis_engine::connect() try {
     ++answers;
   }
   append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
-  next_free(request::login, answers + 1);
-  ask();
+  ask({.kind = request::login, .answers = answers + 1});
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
 } catch (const std::bad_alloc &) {
@@ -156,11 +156,8 @@ void redis_engine::broken(std::string_view why) {
   }
   close();  // `why` may be gone now
   if (was_up) user_->down();
-  for (; ring_used_ > 0; drop_oldest()) {
-    const awaited &unknown = oldest();
-    if (was_up && unknown.kind == request::write)
-      user_->undone({unknown.changed, unknown.change, unknown.key, unknown.record}, {});
-  }
+  for (; queued_ > 0; drop_oldest())
+    if (was_up && oldest().kind == request::write) user_->undone(oldest_change(), {});
   retry_later();
 }
 
@@ -184,18 +181,17 @@ void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
 }
 
 void redis_engine::on_request(const redis_answer &answer) {
-  if (ring_used_ == 0) return broken("it answers what it was not asked");
+  if (queued_ == 0) return broken("it answers what it was not asked");
   if (error_.empty()) error_ = answer.error;
-  if (--oldest().answers > 0) return;
-  switch (oldest().kind) {
+  const awaited asked = oldest();
+  if (++answered_ < asked.answers) return;
+  switch (asked.kind) {
     case request::login:
-    case request::select: {
+    case request::select:
       if (!error_.empty()) return broken(error_);
-      const bool was_login = oldest().kind == request::login;
       drop_oldest();
-      ready_ = ready_ || was_login;
+      ready_ = ready_ || asked.kind == request::login;
       return check_up();
-    }
     case request::page:
       return on_page(answer);
     case request::fetch:
@@ -209,8 +205,7 @@ void redis_engine::select(uint32_t db) {
   if (selected_db_ == db) return;
   command_.clear();
   append_command(command_, {"SELECT", std::to_string(db)});
-  next_free(request::select, 1);
-  ask();
+  ask({.kind = request::select, .answers = 1});
   selected_db_ = db;
 }
 
@@ -220,8 +215,7 @@ void redis_engine::ask_page(size_t hash, std::string_view cursor) {
   select(hashes_[hash].db);
   command_.clear();
   append_command(command_, {"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size});
-  next_free(request::page, 1).hash = hash;
-  ask();
+  ask({.kind = request::page, .answers = 1, .hash = hash});
 }
 
 void redis_engine::on_page(const redis_answer &answer) {
@@ -242,16 +236,13 @@ void redis_engine::fetch(size_t input, std::string_view key) {
   select(hashes_[input].db);
   command_.clear();
   append_command(command_, {"HGET", hashes_[input].type->name, key});
-  awaited &asked = next_free(request::fetch, 1);
-  asked.hash = input;
-  asked.key = key;
-  ask();
+  ask({.kind = request::fetch, .answers = 1, .hash = input}, key);
 }
 
 // When it cannot be read, what was known of it stands.
 void redis_engine::on_fetched(const redis_answer &answer) {
   const size_t input = oldest().hash;
-  const std::string key = std::move(oldest().key);
+  const std::string key(oldest_key());
   drop_oldest();
   const bool refused = !std::exchange(error_, {}).empty();
   if (answer.type == REDIS_REPLY_STRING)
@@ -287,58 +278,66 @@ void redis_engine::write(const change &what) {
   command_.append("\r\n");
   if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
 
-  awaited &entry = next_free(request::write, stored ? 4 : 1);
-  entry.changed = what.hash;
-  entry.change = what.kind;
-  entry.key = what.key;
-  entry.record = what.record;
-  ask();
+  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4u : 1u, .changed = what.hash}, what.key,
+      what.record);
 }
 
 // The end of a transaction, or the answer to a lone PUBLISH.
 void redis_engine::on_outcome(const redis_answer &answer) {
   if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
   if (!error_.empty()) {
-    const awaited &refused = oldest();
-    user_->undone({refused.changed, refused.change, refused.key, refused.record}, error_);
+    user_->undone(oldest_change(), error_);
     error_.clear();
   }
   drop_oldest();
-  if (!was_congested_ || ring_used_ > few_unanswered) return;
+  if (!was_congested_ || queued_ > few_unanswered) return;
   was_congested_ = false;
   user_->relieved();
 }
 
 bool redis_engine::congested() const {
-  const bool now = ring_used_ > most_unanswered || (writer_ != nullptr && writer_->unsent() > most_unsent);
+  const bool now = queued_ > most_unanswered || (writer_ != nullptr && writer_->unsent() > most_unsent);
   was_congested_ = was_congested_ || now;
   return now;
 }
 
 // ---- requests without an answer ----
 
-// The entry that the next call of ask makes the newest. Whatever throws in between leaves everything as it was.
-redis_engine::awaited &redis_engine::next_free(request kind, unsigned answers) {
-  if (ring_used_ == ring_.size()) {
-    std::rotate(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(ring_start_), ring_.end());
-    ring_start_ = 0;
-    ring_.resize(std::max<size_t>(64, 2 * ring_.size()));
+// Sends the command and notes that its answers are awaited; or throws, and neither has happened.
+void redis_engine::ask(awaited what, std::string_view key, std::string_view record) {
+  what.key_size = key.size();
+  what.record_size = record.size();
+  const size_t size = queue_.size();
+  try {
+    queue_.append(reinterpret_cast<const char *>(&what), sizeof(what)).append(key).append(record);
+    writer_->send(command_);
+  } catch (const std::bad_alloc &) {
+    queue_.resize(size);
+    throw;
   }
-  awaited &added = ring_[(ring_start_ + ring_used_) & (ring_.size() - 1)];
-  added.kind = kind;
-  added.answers = answers;
-  return added;
-}
-
-void redis_engine::ask() {
-  writer_->send(command_);
-  ++ring_used_;
+  ++queued_;
   watch();
 }
 
+redis_engine::awaited redis_engine::oldest() const {
+  awaited found;
+  std::memcpy(&found, queue_.data() + queue_start_, sizeof(found));
+  return found;
+}
+
+change redis_engine::oldest_change() const {
+  const awaited what = oldest();
+  const char *record = oldest_key().data() + what.key_size;
+  return {what.changed, what.change, oldest_key(), {record, what.record_size}};
+}
+
 void redis_engine::drop_oldest() {
-  ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);
-  --ring_used_;
+  const awaited gone = oldest();
+  queue_start_ += sizeof(gone) + gone.key_size + gone.record_size;
+  --queued_;
+  answered_ = 0;
+  if (queued_ > 0 && queue_start_ <= queue_.size() / 2) return;
+  queue_.erase(0, std::exchange(queue_start_, 0));  // half of it at least, so that a byte is moved once on average
 }
 
 // ---- a server that does not answer ----
@@ -353,7 +352,7 @@ void redis_engine::watch() {
 // Looks again while there is something to wait for; the next command starts it otherwise.
 void redis_engine::look() {
   watching_ = false;
-  if (ring_used_ == 0 && (reader_ == nullptr || subscriptions_ == n_inputs_)) return;
+  if (queued_ == 0 && (reader_ == nullptr || subscriptions_ == n_inputs_)) return;
   if (answers_ == seen_ && !std::exchange(silent_, true))
     PLATFORM_ERROR("the store does not answer; its answers are waited for");
   watch();

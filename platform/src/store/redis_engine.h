@@ -26,14 +26,14 @@ class redis_engine final : public engine, private redis_link_user {
 
  private:
   enum class request { login, select, page, fetch, write };
-  struct awaited {  // a request that is not answered yet
-    request kind;
-    unsigned answers;  // of its commands; the last one is the outcome
-    size_t hash;       // of a page or a fetch
-    hash_id changed;   // of a write
-    change_kind change;
-    std::string key;
-    std::string record;
+  struct awaited {  // a request that is not answered yet; its key and record stand behind it in the queue
+    request kind{};
+    change_kind change{};  // of a write
+    unsigned answers = 0;  // of its commands; the last one is the outcome
+    size_t hash = 0;       // of a page or a fetch
+    hash_id changed{};     // of a write
+    size_t key_size = 0;
+    size_t record_size = 0;
   };
   // The words that name a hash and its channel, as commands have them.
   struct hash_words {
@@ -63,9 +63,10 @@ class redis_engine final : public engine, private redis_link_user {
   void on_fetched(const redis_answer &answer);
   void on_outcome(const redis_answer &answer);
 
-  awaited &next_free(request kind, unsigned answers);
-  void ask();
-  awaited &oldest() { return ring_[ring_start_]; }
+  void ask(awaited what, std::string_view key = {}, std::string_view record = {});
+  awaited oldest() const;
+  std::string_view oldest_key() const { return {queue_.data() + queue_start_ + sizeof(awaited), oldest().key_size}; }
+  change oldest_change() const;
   void drop_oldest();
 
   void watch();
@@ -86,10 +87,11 @@ class redis_engine final : public engine, private redis_link_user {
   unsigned reader_logins_ = 0;  // answers that the reader still expects before those of its subscription
   size_t subscriptions_ = 0;    // confirmed
   int64_t selected_db_ = 0;     // of the writer
-  std::vector<awaited> ring_;   // of the writer's requests, a power of two long
-  size_t ring_start_ = 0;
-  size_t ring_used_ = 0;
-  std::string error_;  // the first of the request that is being answered
+  std::string queue_;           // of the writer's requests
+  size_t queue_start_ = 0;      // the oldest
+  size_t queued_ = 0;           // requests
+  unsigned answered_ = 0;       // commands of the oldest that were answered
+  std::string error_;           // the first of the request that is being answered
   mutable bool was_congested_ = false;
   std::string command_;
 
