@@ -105,13 +105,12 @@ int export_members(context &ctx, const apply_options &options) {
   size_t others = 0;
   size_t bad = 0;
   const member_map members = load_concerned(ctx, store, options, others, bad);
-  progress_line progress = ctx.progress("writing", members.size());
   // A line for each member, so that versions of the file can be compared.
   ctx.out << "{\n  \"sessions\": [";
-  size_t done = 0;
+  const char *gap = "\n    ";
   for (const auto &[key, what] : members) {
-    ctx.out << (done == 0 ? "\n    " : ",\n    ") << dump(to_json(what, ports));
-    if (++done % 1000 == 0) progress.show(done);
+    ctx.out << gap << dump(to_json(what, ports));
+    gap = ",\n    ";
   }
   ctx.out << (members.empty() ? "]\n}\n" : "\n  ]\n}\n");
   return bad == 0 ? 0 : 1;

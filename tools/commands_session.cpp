@@ -146,6 +146,16 @@ struct result_options {
   bool remove = false;
 };
 
+// The daemon asks for a member of any owner.
+void note_unknown_member(context &ctx, store_client &store, member_key key) {
+  size_t bad = 0;
+  for (const member &known : load_members(ctx, store, bad)) {
+    key.owner = known.key.owner;
+    if (known.key == key) return;
+  }
+  ctx.err << "lspanctl: note: there is no such member; the daemon deletes results of unknown members\n";
+}
+
 int write_result(context &ctx, const result_options &options) {
   const interfaces ports = ctx.ports();
   bool is_group = false;
@@ -161,11 +171,13 @@ int write_result(context &ctx, const result_options &options) {
   const bool was_there = store.write(make_change(UDP_DB, kind, result.base));
   if (options.remove && !was_there)
     throw refused("there is no result of " + text + "; lspanctl records --message mirror_result_info lists them");
-  if (options.remove)
-    report(ctx, "deleted", "deleted the result of " + text, {{"record", to_json(result.base)}});
-  else
-    report(ctx, "written", "wrote result " + std::to_string(result.result) + " of " + text,
-           {{"record", to_json(result.base)}});
+  const json details = {{"record", to_json(result.base)}};
+  if (options.remove) {
+    report(ctx, "deleted", "deleted the result of " + text, details);
+    return 0;
+  }
+  report(ctx, "written", "wrote result " + std::to_string(result.result) + " of " + text, details);
+  note_unknown_member(ctx, store, key);
   return 0;
 }
 

@@ -13,7 +13,11 @@ std::string place_text(uint32_t db, const ProtobufCMessageDescriptor &type) { re
 std::vector<loaded_record> load_records(context &ctx, store_client &store, uint32_t db,
                                         const ProtobufCMessageDescriptor &type, size_t &bad) {
   std::vector<loaded_record> sound;
-  for (stored_record &raw : store.read_all(db, type.name)) {
+  std::vector<stored_record> all = store.read_all(db, type.name);
+  progress_line progress = ctx.progress("reading " + std::string(short_name(type)), all.size());
+  size_t done = 0;
+  for (stored_record &raw : all) {
+    if (++done % 1000 == 0) progress.show(done);
     loaded_record record{std::move(raw.key), std::move(raw.record), nullptr};
     record.message = ko_store::unpack(type, record.bytes);
     const ko_store::defect why = ko_store::check_record(record.message.get(), record.key);

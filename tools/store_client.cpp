@@ -154,30 +154,25 @@ bool store_client::write(const change &what) {
 }
 
 void store_client::write_all(std::span<const change> changes, const progress_call &progress) {
-  size_t done = 0;
-  while (done < changes.size()) {
+  size_t made = 0;
+  std::string refusal;
+  for (size_t first = 0; first < changes.size() && refusal.empty(); first += changes_per_flush) {
     std::vector<size_t> replies;
-    for (const change &what : changes.subspan(done, std::min(changes_per_flush, changes.size() - done)))
+    for (const change &what : changes.subspan(first, std::min(changes_per_flush, changes.size() - first)))
       replies.push_back(append_change(what));
-    std::string refusal;
-    size_t refused_here = 0;
-    for (const size_t count : replies) {
+    for (size_t i = 0; i < replies.size() && context_->err == 0; ++i) {
       try {
-        take_change(count);
+        take_change(replies[i]);
+        ++made;
       } catch (const store_error &error) {
-        if (context_->err != 0)
-          throw store_error(std::string(error.what()) + " (the outcome is open from change " +
-                            std::to_string(done + 1) + " of " + std::to_string(changes.size()) + " on)");
-        ++refused_here;
-        refusal = error.what();
+        if (refusal.empty()) refusal = error.what();
       }
     }
-    done += replies.size();
-    if (refused_here != 0)
-      throw store_error(refusal + " (" + std::to_string(done - refused_here) + " of " + std::to_string(changes.size()) +
-                        " changes were made; run it again for the rest)");
-    progress(done);
+    progress(made);
   }
+  if (!refusal.empty())
+    throw store_error(refusal + " (" + std::to_string(made) + " of " + std::to_string(changes.size()) +
+                      " changes are known to be made; run it again for the rest)");
 }
 
 void store_client::subscribe(const std::string &pattern) { call({"PSUBSCRIBE", pattern}); }

@@ -66,8 +66,8 @@ class store_client {
 
   // Writes and announces one change. Returns whether a record with that key was there before.
   bool write(const change &what);
-  // Writes many, in their order, a transaction each. What was written stays when a later one is refused; the error
-  // then says how many were.
+  // Writes many, in their order, a transaction each. What was written stays when another is refused; the error then
+  // says how many were.
   void write_all(std::span<const change> changes, const progress_call &progress);
 
   // From now on the connection only hands out announcements of the channels that match `pattern`.

@@ -120,7 +120,8 @@ config load_config(const std::string &path) {
   }
   std::ostringstream text;
   text << file.rdbuf();
-  if (file.bad() || text.fail()) fail(path, "cannot be read");
+  file.peek();  // the copy alone does not tell an empty file from one that cannot be read
+  if (file.bad() || text.bad()) fail(path, "cannot be read");
   return parse_config(text.str(), path);
 }
 

@@ -29,7 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 60s;  // far more than anything takes
+constexpr auto patience = 20s;  // far more than anything takes
 
 void must(bool ok, const char *what) {
   if (ok) return;

@@ -1,5 +1,6 @@
 #include "store/record_table.h"
 
+#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -40,7 +41,7 @@ void record_table::put(std::string_view key, std::string_view record) {
     return;
   }
   if (known == nullptr && 2 * size_ >= buckets_.size()) {
-    grow();
+    reserve(size_ + 1);
     place = place_of(key, hash);
   }
   entry *made = make(key, record, hash);
@@ -67,8 +68,11 @@ void record_table::clear() {
   buckets_.shrink_to_fit();
 }
 
-void record_table::grow() {
-  std::vector<entry *> larger(2 * buckets_.size());
+// Half of the buckets are empty: most searches for what is not there look at no record.
+void record_table::reserve(size_t n) {
+  const size_t n_buckets = std::bit_ceil(2 * n);
+  if (n_buckets <= buckets_.size()) return;
+  std::vector<entry *> larger(n_buckets);
   for (entry *bucket : buckets_)
     while (bucket != nullptr) {
       entry *&place = larger[bucket->hash_ & (larger.size() - 1)];

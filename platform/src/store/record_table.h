@@ -46,6 +46,8 @@ class record_table {
   // Erases the record, if there is one. `key` may lie in it.
   void erase(std::string_view key);
   void clear();
+  // Makes room for as many records, so that puts up to there take the same time each.
+  void reserve(size_t n);
 
   // The records are walked bucket by bucket, `i` < n_buckets(); a put or clear may move them to others.
   size_t n_buckets() const { return buckets_.size(); }
@@ -61,7 +63,6 @@ class record_table {
   entry **place_of(std::string_view key, uint32_t hash);
   entry *make(std::string_view key, std::string_view record, uint32_t hash);
   void destroy(entry *gone);
-  void grow();
 
   std::pmr::memory_resource *memory_;
   std::vector<entry *> buckets_;  // a power of two

@@ -165,7 +165,7 @@ void redis_link::on_readable() {
   const ssize_t n = ::recv(context_->fd, in_.data(), in_.size(), 0);
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (n < 0) return fail(std::strerror(errno));
-  if (n == 0) return fail("the server closed the connection");
+  if (n == 0) return fail("Server closed the connection");
   bool gone = false;
   gone_ = &gone;
   const bool sound = feed(in_.data(), static_cast<size_t>(n));

@@ -370,8 +370,8 @@ bool registration::deliver_some(clock::time_point until) {
     input_source &source = *inputs_[position_];
     if (step_ == step::begin) {
       deletes_.clear();
+      source.copy.reserve(source.stored.size());
       next_known_ = 0;
-      next_ = source.stored.begin();
       step_ = step::compare;
     }
     if (step_ == step::compare && !find_deletes(source, until)) return false;
@@ -381,14 +381,13 @@ bool registration::deliver_some(clock::time_point until) {
       delete_record(position_, key);
       if (clock::now() >= until) return false;
     }
-    while (next_ != source.stored.end()) {
-      const auto &[key, record] = *next_++;
+    for (; !source.stored.empty(); source.stored.erase(source.stored.begin())) {  // freed piece by piece, too
+      if (clock::now() >= until) return false;
+      const auto &[key, record] = *source.stored.begin();
       const record_table::entry *known = source.copy.find(key);
       if (known == nullptr || known->record() != record || source.doubtful.contains(std::string_view(key)))
         set_record(position_, key, record, true);
-      if (clock::now() >= until) return false;
     }
-    source.stored.clear();
     source.doubtful.clear();
   }
   return true;
@@ -411,10 +410,7 @@ bool registration::repair_some(clock::time_point until) {
   for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
     output_source &output = *outputs_[position_];
     if (!output.readable) continue;
-    if (step_ == step::begin) {
-      next_known_ = 0;
-      next_ = output.stored.begin();
-    }
+    if (step_ == step::begin) next_known_ = 0;
     step_ = step::compare;
     for (; next_known_ < output.wanted.n_buckets(); ++next_known_) {
       if (interrupted()) return false;
@@ -425,13 +421,13 @@ bool registration::repair_some(clock::time_point until) {
         send({output.hash, change_kind::set, wanted.key(), wanted.record()});
       });
     }
-    for (; next_ != output.stored.end(); ++next_) {  // left over?
+    for (; !output.stored.empty(); output.stored.erase(output.stored.begin())) {  // left over?
       if (interrupted()) return false;
-      if (output.wanted.contains(std::string_view(next_->first))) continue;
+      const std::string_view key = output.stored.begin()->first;
+      if (output.wanted.contains(key)) continue;
       repair_wrote_ = true;
-      send({output.hash, change_kind::del, next_->first, {}});
+      send({output.hash, change_kind::del, key, {}});
     }
-    output.stored.clear();
   }
   for (; !loose_.empty(); loose_.erase(loose_.begin())) {
     if (interrupted()) return false;

@@ -171,7 +171,6 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   size_t position_ = 0;
   step step_ = step::begin;
   size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
-  sorted_records::iterator next_;  // next stored record
   std::set<std::string> deletes_;  // keys of what has gone
   std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;

@@ -1,0 +1,389 @@
+// The daemon's own code in this process, on a store in memory: announcements that come in any order, twice or never,
+// and keys and records of which any byte may be wrong. A handful of them meets the real daemon, too.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <map>
+#include <random>
+#include <set>
+
+#include "global_context.h"
+#include "p_policy.pb-c.h"
+#include "proc/lspan/ko_lspan.h"
+#include "sandbox.h"
+#include "store/memory_engine.h"
+#include "store/registration.h"
+#include "store/store.h"
+#include "u_bridge.pb-c.h"
+#include "u_monitor.pb-c.h"
+
+struct vx_zlog_category {};
+
+namespace {
+
+std::vector<std::string> logged;  // by everyone in this process
+
+}  // namespace
+
+vx_zlog_category *vx_zlog_init(const char *) {
+  static vx_zlog_category only;
+  return &only;
+}
+
+void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int, const char *format, ...) {
+  char text[2048];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  logged.emplace_back(text);
+}
+
+namespace {
+
+using namespace harness;
+using namespace ko_store;
+
+// A memory engine whose announcements the test holds back and hands out as it likes.
+class scrambler final : public engine, private engine_user {
+ public:
+  explicit scrambler(vx_global &global) : inner(global) {}
+
+  memory_engine inner;
+  bool holds = false;
+
+  // Hands out what was held: changes of one key in their order, all else in any, some of them twice. `drop`: one of
+  // them never. Returns whether one was dropped.
+  bool release(std::minstd_rand &random, bool drop) {
+    bool dropped = false;
+    while (!held_.empty()) {
+      size_t i = random() % held_.size();
+      for (size_t k = 0; k < i; ++k)
+        if (held_[k].input == held_[i].input && held_[k].key == held_[i].key) i = k;
+      const note now = held_[i];
+      held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(i));
+      if (drop && !dropped && random() % (held_.size() + 1) == 0) {
+        dropped = true;
+        continue;
+      }
+      for (size_t times = 1 + random() % 2; times > 0; --times)
+        user_->changed(now.input, {now.kind, now.key, now.record});
+    }
+    return dropped;
+  }
+  void reconnect() {
+    held_.clear();
+    user_->down();
+    user_->up();
+  }
+  void garbage(size_t input) { user_->malformed(input); }
+
+  void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override {
+    user_ = &user;
+    inner.start(*this, std::move(hashes), n_inputs);
+  }
+  void scan(size_t hash) override { inner.scan(hash); }
+  void fetch(size_t input, std::string_view key) override { inner.fetch(input, key); }
+  void write(const change &what) override { inner.write(what); }
+  bool congested() const override { return false; }
+
+ private:
+  struct note {
+    size_t input;
+    change_kind kind;
+    std::string key, record;
+  };
+
+  void up() override { user_->up(); }
+  void down() override {}
+  void changed(size_t input, const announcement &what) override {
+    if (holds)
+      held_.push_back({input, what.kind, std::string(what.key), std::string(what.record)});
+    else
+      user_->changed(input, what);
+  }
+  void malformed(size_t) override {}
+  void page(size_t hash, std::span<const stored_record> records, bool last) override {
+    user_->page(hash, records, last);
+  }
+  void unreadable(size_t, std::string_view) override {}
+  void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override {
+    user_->fetched(input, key, record);
+  }
+  void undone(const change &what, std::string_view why) override { user_->undone(what, why); }
+  void relieved() override {}
+
+  engine_user *user_ = nullptr;
+  std::vector<note> held_;
+};
+
+// One for the process, as in the daemon; each test leaves it without records.
+struct world {
+  scrambler *wire = nullptr;
+
+  world() {
+    lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
+    use_engine([this](vx_global &global) {
+      auto made = std::make_unique<scrambler>(global);
+      wire = made.get();
+      return made;
+    });
+    uint8_t runs = 0;
+    if (ko_lspan_mom_init(&runs) != 0 || runs == 0) std::abort();
+    turn();
+  }
+  registration &tested() { return *registration_of(lspan_global.global); }
+
+  void turn() {
+    event_base *base = ko_platform::context_of(lspan_global.global).base.get();
+    for (int quiet = 0; quiet < 4; quiet = tested().settled() ? quiet + 1 : 0)
+      event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+  }
+  void put(const record &what, change_kind kind = change_kind::set) { wire->inner.put(what.change(kind)); }
+
+  using contents = std::map<std::string, std::map<std::string, std::string>>;
+  contents outputs() {
+    contents out;
+    for (const auto *type : {&u_monitor__span_port_src_info__descriptor, &u_monitor__span_acl_src_info__descriptor,
+                             &u_monitor__span_vlan_src_info__descriptor, &u_monitor__span_dst_info__descriptor,
+                             &u_monitor__span_mtp_info__descriptor})
+      add(out[type->name], 8, type);
+    add(out["relayed"], 4, &u_monitor__mirror_result_info__descriptor);
+    add(out["learning"], 6, &u_bridge__udp_pt_learn__descriptor);
+    return out;
+  }
+  std::vector<record> inputs() {
+    std::vector<record> out;
+    for (const auto &[db, type] : {std::pair(4U, &u_monitor__mirror_lspan_info__descriptor),
+                                   std::pair(4U, &p_policy__data_intf_conf__descriptor),
+                                   std::pair(8U, &u_monitor__mirror_result_info__descriptor)})
+      for (const auto &[key, bytes] : wire->inner.records(db, type->name)) out.push_back({db, type, key, bytes});
+    return out;
+  }
+  void clear() {
+    for (const record &what : inputs()) put(what, change_kind::del);
+    turn();
+  }
+
+ private:
+  void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type) {
+    for (const auto &[key, bytes] : wire->inner.records(db, type->name)) to.emplace(key, bytes);
+  }
+};
+
+world &the_world() {
+  static world &only = *new world;
+  return only;
+}
+
+// No two members share a target, and a result is only given for members that stay.
+member numbered(uint32_t i, uint32_t version = 0) {
+  const bool group = i % 4 == 3;
+  return {.session = 1 + i,
+          .s_ifx = 100 + i,
+          .d_ifx = group ? group_target(1 + i / 4) : 200 + i,
+          .acl = i,
+          .apply = i % 4 % 3,
+          .module = group ? 5U : 0U,
+          .mtp_switch = version % 2,
+          .sample = version,
+          .vlans = {version, i}};
+}
+
+record random_record(std::minstd_rand &random, bool stays) {
+  const auto version = static_cast<uint32_t>(random() % 8);
+  const auto i = static_cast<uint32_t>(random() % 12);
+  if (stays) return random() % 2 == 0 ? session(numbered(i, version)) : result(numbered(i), version);
+  return random() % 2 == 0 ? session(numbered(20 + i, version))
+                           : membership(300 + i, version % 4 + (version > 3 ? 5 : 0));
+}
+
+TEST(announcements, any_order_any_number_and_a_lost_one) {
+  world &w = the_world();
+  std::minstd_rand random(4);
+  for (int round = 0; round < 1000 && !HasFailure(); ++round) {
+    SCOPED_TRACE(round);
+    for (uint32_t i = 0; i < 12; ++i) w.put(session(numbered(i))), w.put(result(numbered(i)));
+    w.turn();
+    w.wire->holds = true;
+    for (size_t changes = 1 + random() % 40; changes > 0; --changes) {
+      const bool stays = random() % 3 == 0;
+      w.put(random_record(random, stays), stays || random() % 3 != 0 ? change_kind::set : change_kind::del);
+      if (random() % 8 != 0) continue;
+      w.turn();
+      if (w.wire->release(random, random() % 4 == 0)) w.wire->reconnect();
+    }
+    w.turn();
+    if (w.wire->release(random, round % 2 == 0)) w.wire->reconnect();
+    w.wire->holds = false;
+    w.turn();
+    const world::contents end = w.outputs();
+    const std::vector<record> inputs = w.inputs();
+    w.clear();
+    for (const record &what : inputs) w.put(what);
+    w.turn();
+    EXPECT_EQ(end, w.outputs());
+    EXPECT_GT(end.at("u_monitor.span_dst_info").size(), 11U);
+    w.clear();
+  }
+}
+
+// Whether a record may stand under its key, by protobuf-c alone.
+bool is_sound(const record &what) {
+  const message_ptr message = unpack(*what.type, what.bytes);
+  const auto *index =
+      message == nullptr ? nullptr : protobuf_c_message_descriptor_get_field_by_name(what.type, "index");
+  const auto *key =
+      index == nullptr
+          ? nullptr
+          : *reinterpret_cast<ProtobufCMessage *const *>(reinterpret_cast<const char *>(message.get()) + index->offset);
+  std::string packed(key == nullptr ? 0 : protobuf_c_message_get_packed_size(key), '\0');
+  if (key != nullptr) protobuf_c_message_pack(key, reinterpret_cast<uint8_t *>(packed.data()));
+  return key != nullptr && packed == what.key;
+}
+
+std::vector<std::string> mutations(const std::string &bytes) {
+  std::vector<std::string> out;
+  for (size_t length = 0; length < bytes.size(); ++length) out.push_back(bytes.substr(0, length));
+  for (size_t bit = 0; bit < 8 * bytes.size(); ++bit) {
+    out.push_back(bytes);
+    out.back()[bit / 8] = static_cast<char>(out.back()[bit / 8] ^ 1 << bit % 8);
+  }
+  return out;
+}
+
+size_t passed_over() {
+  size_t count = 0;
+  for (const std::string &line : logged) count += line.find("is passed over") != std::string::npos ? 1 : 0;
+  return count;
+}
+
+TEST(hostile, every_truncation_and_every_flipped_bit) {
+  world &w = the_world();
+  lspan_zlog_level = 0;
+  const std::vector<record> victims{session(numbered(1, 3)), membership(300, 1), result(numbered(0), 3)};
+  for (uint32_t i = 0; i < 8; ++i) w.put(session(numbered(i, 2)));
+  for (uint32_t i = 0; i < 4; ++i) w.put(membership(300 + i, 1));
+  w.put(result(numbered(0), 3));
+  w.put(session(numbered(1, 3)));
+  w.turn();
+  const world::contents whole = w.outputs();
+  size_t tried = 0;
+  size_t unsound = 0;
+  std::set<std::string> keys;
+  logged.clear();
+  const uint64_t rejected_before = w.tested().counts().rejected;
+  for (const record &victim : victims) {
+    w.put(victim, change_kind::del);
+    w.turn();
+    const world::contents without = w.outputs();
+    w.put(victim);
+    w.turn();
+    EXPECT_EQ(w.outputs(), whole);
+    for (const auto &[of_key, announced] : {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
+      for (const std::string &bytes : mutations(of_key ? victim.key : victim.bytes)) {
+        record bad = victim;
+        (of_key ? bad.key : bad.bytes) = bytes;
+        ++tried;
+        if (is_sound(bad) || (of_key && w.wire->inner.records(bad.db, bad.type->name).contains(bad.key))) continue;
+        ++unsound;
+        keys.insert(victim.type->name + bad.key);
+        const uint64_t before = w.tested().counts().rejected;
+        w.wire->holds = !announced;
+        w.put(bad);
+        if (!announced) w.wire->reconnect();
+        w.turn();
+        w.wire->holds = false;
+        EXPECT_GT(w.tested().counts().rejected, before) << hex(bad.key) << " " << hex(bad.bytes);
+        EXPECT_TRUE(w.outputs() == (of_key ? whole : without)) << hex(bad.key) << " " << hex(bad.bytes);
+        of_key ? w.put(bad, change_kind::del) : w.put(victim);
+        w.turn();
+        ASSERT_TRUE(w.outputs() == whole) << hex(bad.key) << " " << hex(bad.bytes);
+      }
+    }
+  }
+  EXPECT_GT(unsound, 1000U) << "of " << tried;
+  EXPECT_GE(w.tested().counts().rejected - rejected_before, unsound);
+  EXPECT_EQ(passed_over(), keys.size()) << "once a key";
+  std::cout << tried << " mutations, " << unsound << " of them unsound\n";
+  w.clear();
+}
+
+TEST(hostile, large_and_foreign) {
+  world &w = the_world();
+  for (uint32_t i = 0; i < 8; ++i) w.put(session(numbered(i)));
+  w.turn();
+  const world::contents whole = w.outputs();
+  const std::string large(10 << 20, '\x5a');
+  record victim = session(numbered(9));
+  member wide = numbered(10);
+  wide.vlans.assign(2'500'000, 0x7f7f7f7f);
+  UMonitor__MirrorIndex nobody = U_MONITOR__MIRROR_INDEX__INIT;  // no owner, nothing
+  UMonitor__MirrorLspanInfo unowned = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
+  unowned.index = &nobody;
+  const uint64_t before = w.tested().counts().rejected;
+  const uint64_t failures = w.tested().counts().handler_failures;
+  const std::vector<record> all{{4, victim.type, victim.key, large},
+                                {4, victim.type, large, victim.bytes},
+                                {4, victim.type, "", ""},
+                                session(wide)};
+  for (const bool announced : {true, false}) {
+    for (const record &bad : all) w.put(bad);
+    if (!announced) w.wire->reconnect();
+    w.turn();
+    EXPECT_TRUE(w.outputs() == whole);
+  }
+  EXPECT_GE(w.tested().counts().rejected - before, 6U);
+  EXPECT_GE(w.tested().counts().handler_failures - failures, 1U) << "too many VLAN words are the handler's to refuse";
+  for (size_t input = 0; input < 3; ++input) w.wire->garbage(input);
+  EXPECT_GE(w.tested().counts().rejected - before, 9U);
+  w.put(any(4, unowned.base));
+  w.turn();
+  EXPECT_GT(w.outputs()["u_monitor.span_dst_info"].size(), whole.at("u_monitor.span_dst_info").size());
+  w.clear();
+  EXPECT_TRUE(w.outputs()["u_monitor.span_dst_info"].empty());
+}
+
+TEST(hostile, announcements_that_are_none) {
+  std::string bytes;
+  append_announcement({change_kind::set, "key", "record"}, bytes);
+  for (const std::string &bad : mutations(bytes)) {
+    const auto what = parse_announcement(bad);
+    if (!what.has_value()) continue;
+    std::string again;
+    append_announcement(*what, again);
+    EXPECT_EQ(again, bad);
+  }
+  for (const char *bad : {"", "+", "+\0\0", "?\0\0\0\1k", "-\0\0\0\1kr", "+\xff\xff\xff\xffk"})
+    EXPECT_FALSE(parse_announcement(bad).has_value()) << bad;
+}
+
+TEST(hostile, a_real_server) {
+  sandbox box;
+  box.start_server();
+  producer others(box.socket());
+  const record good = session(numbered(1));
+  const std::string name = good.type->name;
+  const std::string large(10 << 20, 'x');
+  others.raw(4, name, "stored", "garbage");
+  others.raw(4, name, good.key, large);
+  others.raw(8, "u_monitor.mirror_result_info", large, "");
+  others.set(session(numbered(0)));
+  others.flush();
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  others.announce(4, name, "garbage");
+  others.announce(4, name, large);
+  others.set({4, good.type, "announced", large});
+  others.set({4, good.type, "announced", large});
+  others.set(good);
+  others.set(session(numbered(2)));
+  others.flush();
+  ASSERT_TRUE(box.settle());
+  const std::string log = box.log();
+  EXPECT_EQ(count_of(log, "is passed over"), 5U) << log.substr(0, 4000);
+  EXPECT_EQ(count_of(log, "ko lspan add end"), 3U);
+  EXPECT_EQ(count_of(log, "cannot be used"), 0U);
+}
+
+}  // namespace
