@@ -599,24 +599,26 @@ TEST(ctl_text, vlan_lists) {
 void fill(ProtobufCMessage &message, std::mt19937 &random) {
   for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
     const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
-    char *at = reinterpret_cast<char *>(&message) + field.offset;
+    char *const base = reinterpret_cast<char *>(&message);
+    void *const at = base + field.offset;
+    void *const count = base + field.quantifier_offset;
     const uint32_t number = random() % 4 == 0 ? random() : random() % 8;
     if (field.label == PROTOBUF_C_LABEL_REPEATED) {
       const size_t n = random() % 5;
       auto *words = static_cast<uint32_t *>(std::calloc(n + 1, sizeof(uint32_t)));
       for (size_t word = 0; word < n; ++word) words[word] = random() % 2 * random();
-      *reinterpret_cast<size_t *>(reinterpret_cast<char *>(&message) + field.quantifier_offset) = n;
-      *reinterpret_cast<uint32_t **>(at) = words;
+      *static_cast<size_t *>(count) = n;
+      *static_cast<uint32_t **>(at) = words;
     } else if (field.type == PROTOBUF_C_TYPE_STRING) {
-      *reinterpret_cast<char **>(at) = strdup(random() % 2 == 0 ? "a \"b\"\t\x01" : "plain");
+      *static_cast<char **>(at) = strdup(random() % 2 == 0 ? "a \"b\"\t\x01" : "plain");
     } else if (field.type == PROTOBUF_C_TYPE_MESSAGE) {
       const auto *type = static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
       auto *part = static_cast<ProtobufCMessage *>(std::calloc(1, type->sizeof_message));
       protobuf_c_message_init(type, part);
       fill(*part, random);
-      *reinterpret_cast<ProtobufCMessage **>(at) = part;
+      *static_cast<ProtobufCMessage **>(at) = part;
     } else {
-      *reinterpret_cast<uint32_t *>(at) = number;
+      *static_cast<uint32_t *>(at) = number;
     }
   }
 }
