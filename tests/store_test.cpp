@@ -148,7 +148,7 @@ const std::vector<outage> outages{
      [](sandbox &box) {
        run(box, {"CONFIG", "SET", "maxmemory", "0"});
      },
-     {{"the store refused a record", 1}, {"takes everything again", 1}, {cannot, 0}}},
+     {{"the store refused 8:", 1}, {"takes everything again", 1}, {cannot, 0}}},
     {"the password is wrong at the start",
      {},
      "wrong",
@@ -212,7 +212,7 @@ const std::vector<outage> outages{
        admin.run({"SELECT", "8"});
        admin.run({"DEL", "u_monitor.span_dst_info"});
      },
-     {{"the store refused a record of database 8: WRONGTYPE", 1}, {"takes everything again", 1}}},
+     {{"the store refused 8:u_monitor.span_dst_info", 1}, {"takes everything again", 1}}},
 };
 
 class store : public ::testing::TestWithParam<outage> {};

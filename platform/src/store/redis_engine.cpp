@@ -44,6 +44,8 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
   channels_.clear();
   for (const hash_id &id : hashes_) channels_.push_back(channel_name(id.db, id.type->name));
   n_inputs_ = n_inputs;
+  subscription_.clear();
+  for (size_t i = 0; i < n_inputs_; ++i) subscription_.append(i == 0 ? "" : ", ").append(channels_[i]);
   while (queued_ > 0) drop_oldest();
   event_add(retry_.get(), &at_once);
 }
@@ -66,22 +68,22 @@ void redis_engine::connect() try {
     selected_db_ = id.db;
     ++answers;
   }
-  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
-  ask({.kind = request::login, .answers = answers + 1});
+  ask({.kind = request::login, .answers = answers});
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
-// Appends the login, if there is something to log in with; returns how many answers it has.
+// Appends the login, if there is something to log in with, and a command that a server refuses while it is loading,
+// whatever it says to the login. Returns how many answers there will be.
 unsigned redis_engine::log_in() {
-  if (address_.password.empty()) return 0;
-  if (address_.user.empty())
-    append_command(command_, {"AUTH", address_.password});
-  else
-    append_command(command_, {"AUTH", address_.user, address_.password});
-  return 1;
+  const bool named = !address_.user.empty();
+  const bool known = !address_.password.empty();
+  if (known && named) append_command(command_, {"AUTH", address_.user, address_.password});
+  if (known && !named) append_command(command_, {"AUTH", address_.password});
+  append_command(command_, {"PING"});
+  return known ? 2 : 1;
 }
 
 void redis_engine::subscribe() {
@@ -97,7 +99,11 @@ void redis_engine::subscribe() {
 }
 
 void redis_engine::on_subscription(const redis_answer &answer) {
-  if (!answer.error.empty()) return broken(answer.error);
+  if (!answer.error.empty()) {
+    if (reader_logins_ == 0 && !told_.contains(answer.error))
+      PLATFORM_ERROR("the subscription to %s is refused", subscription_.c_str());
+    return broken(answer.error);
+  }
   if (reader_logins_ > 0) {
     --reader_logins_;
   } else if (answer.texts.size() == 2 && answer.texts[0] == "subscribe") {
@@ -244,11 +250,13 @@ void redis_engine::on_fetched(const redis_answer &answer) {
   const size_t input = oldest().hash;
   const std::string key(oldest_key());
   drop_oldest();
-  const bool refused = !std::exchange(error_, {}).empty();
+  const std::string why = std::exchange(error_, {});
   if (answer.type == REDIS_REPLY_STRING)
     user_->fetched(input, key, answer.texts[0]);
-  else if (answer.type == REDIS_REPLY_NIL && !refused)
+  else if (answer.type == REDIS_REPLY_NIL)
     user_->fetched(input, key, std::nullopt);
+  else if (!why.empty() && told_.insert(why).second)
+    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
 }
 
 const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {

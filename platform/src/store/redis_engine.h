@@ -79,12 +79,13 @@ class redis_engine final : public engine, private redis_link_user {
   std::vector<std::string> channels_;  // one for each hash
   std::vector<hash_words> words_;      // of every hash that was written
   size_t n_inputs_ = 0;
+  std::string subscription_;  // channels of the inputs, for people
 
   std::unique_ptr<redis_link> reader_;  // the subscription
   std::unique_ptr<redis_link> writer_;
   bool up_ = false;
   bool ready_ = false;          // the writer answered
-  unsigned reader_logins_ = 0;  // answers that the reader still expects before those of its subscription
+  unsigned reader_logins_ = 0;  // answers that the reader expects before those of its subscription
   size_t subscriptions_ = 0;    // confirmed
   int64_t selected_db_ = 0;     // of the writer
   std::string queue_;           // of the writer's requests
