@@ -161,7 +161,7 @@ void through(redisContext *producer, const std::vector<bench::record> &records, 
 }
 
 void on_redis() {
-  harness::sandbox box("");
+  harness::sandbox box;
   box.start_server();
   bench::start_in_process([&](vx_global &global) {
     ko_platform::store_address address;

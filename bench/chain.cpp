@@ -2,7 +2,7 @@
 // Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the floor alternate
 // on one server.
 //
-//   bench_chain DAEMON FLOOR [EVENTS] [RUNS]
+//   bench_chain FLOOR [EVENTS] [RUNS]
 //
 // EVENTS: with thousands waiting, per run; a tenth of it one at a time.
 #include <hiredis/hiredis.h>
@@ -114,7 +114,8 @@ struct chain {
 
 struct figures {
   std::vector<double> per_second, waiting_p50, single_p50, single_p99;
-  std::vector<double> commands, reads, writes;  // of the server, per event with thousands waiting
+  // Per event with thousands waiting: processor time, and what the server counts.
+  std::vector<double> own_cpu, server_cpu, commands, reads, writes;
 };
 
 double server_count(harness::client &server, const std::string &name) {
@@ -124,8 +125,9 @@ double server_count(harness::client &server, const std::string &name) {
   return std::atof(info.c_str() + at + name.size() + 1);
 }
 
-// `start` starts what stands in the daemon's place.
-void measure(harness::sandbox &box, const std::function<void()> &start, uint32_t events, figures &out) {
+// `start` starts `measured`, which stands in the daemon's place.
+void measure(harness::sandbox &box, const harness::process &measured, const std::function<void()> &start,
+             uint32_t events, figures &out) {
   harness::client server(box.socket());
   server.run({"FLUSHALL", "SYNC"});
   start();
@@ -141,9 +143,13 @@ void measure(harness::sandbox &box, const std::function<void()> &start, uint32_t
   const char *counted[] = {"total_commands_processed", "total_reads_processed", "total_writes_processed"};
   double before[3];
   for (int i = 0; i < 3; ++i) before[i] = server_count(server, counted[i]);
+  const double own = measured.cpu_seconds();
+  const double server_own = box.server().cpu_seconds();
   const double begin = bench::seconds_now();
   const auto waiting = it.run(events, most_waiting, burst);
   out.per_second.push_back(events / (bench::seconds_now() - begin));
+  out.own_cpu.push_back((measured.cpu_seconds() - own) / events * 1e6);
+  out.server_cpu.push_back((box.server().cpu_seconds() - server_own) / events * 1e6);
   out.waiting_p50.push_back(bench::median(waiting) * 1e3);
   out.single_p50.push_back(bench::median(single) * 1e6);
   out.single_p99.push_back(bench::quantile(single, 0.99) * 1e6);
@@ -151,45 +157,49 @@ void measure(harness::sandbox &box, const std::function<void()> &start, uint32_t
   for (int i = 0; i < 3; ++i) counts[i]->push_back((server_count(server, counted[i]) - before[i]) / events);
 }
 
+// The ratio is the median of those of the pairs; in brackets the least and the largest.
 void print(const char *what, const std::vector<double> &daemon, const std::vector<double> &bare) {
-  const double a = bench::median(daemon);
-  const double b = bench::median(bare);
-  std::printf("%-44s %12.2f %12.2f %8.3f\n", what, a, b, a / b);
+  std::vector<double> ratios;
+  for (size_t i = 0; i < daemon.size(); ++i) ratios.push_back(daemon[i] / bare[i]);
+  std::printf("%-44s %10.2f %10.2f %8.3f (%.3f to %.3f)\n", what, bench::median(daemon), bench::median(bare),
+              bench::median(ratios), bench::quantile(ratios, 1e-9), bench::quantile(ratios, 1));
 }
 
 }  // namespace
 
 int main(int n_words, char **words) {
-  if (n_words < 3) fail("usage: bench_chain DAEMON FLOOR [EVENTS] [RUNS]");
-  const auto events = static_cast<uint32_t>(n_words > 3 ? std::atoi(words[3]) : 100'000);
-  const int runs = n_words > 4 ? std::atoi(words[4]) : 5;
+  if (n_words < 2) fail("usage: bench_chain FLOOR [EVENTS] [RUNS]");
+  const auto events = static_cast<uint32_t>(n_words > 2 ? std::atoi(words[2]) : 100'000);
+  const int runs = n_words > 3 ? std::atoi(words[3]) : 5;
   if (!bench::pin_to_one_core()) fail("cannot be tied to one core");
-  harness::sandbox box(words[1]);
+  harness::sandbox box;
   for (const char *channel : {"dl", "ko_lspan", "ko_platform"})
     std::remove((box.folder() + "/tmp/" + channel + ".zlog").c_str());
   box.start_server();
 
   harness::process bare;
   const std::function<void()> start_daemon = [&] { box.start_daemon(); };
-  const std::function<void()> start_bare = [&] { bare.start({words[2], "chain", box.socket()}); };
+  const std::function<void()> start_bare = [&] { bare.start({words[1], "chain", box.socket()}); };
   figures daemon_figures, bare_figures;
   std::vector<std::string> dumps[2];
   for (int run = -1; run < runs; ++run) {
     figures ignored;
     const uint32_t n = run < 0 ? 100 : events;  // the first only shows that both write the same
-    measure(box, start_daemon, n, run < 0 ? ignored : daemon_figures);
+    measure(box, box.daemon(), start_daemon, n, run < 0 ? ignored : daemon_figures);
     if (run < 0) dumps[0] = box.dump();
     box.daemon().stop();
-    measure(box, start_bare, n, run < 0 ? ignored : bare_figures);
+    measure(box, bare, start_bare, n, run < 0 ? ignored : bare_figures);
     if (run < 0) dumps[1] = box.dump();
     bare.stop();
   }
   if (dumps[0] != dumps[1]) fail("the floor does not write what the daemon writes");
-  std::printf("chain: %u events a run, medians of %d runs %20s %12s %8s\n", events, runs, "daemon", "floor", "ratio");
+  std::printf("chain: %u events a run, medians of %d runs %14s %10s %8s\n", events, runs, "daemon", "floor", "ratio");
   print("events/s, 4000 waiting", daemon_figures.per_second, bare_figures.per_second);
   print("latency p50, 4000 waiting, ms", daemon_figures.waiting_p50, bare_figures.waiting_p50);
   print("latency p50, one at a time, us", daemon_figures.single_p50, bare_figures.single_p50);
   print("latency p99, one at a time, us", daemon_figures.single_p99, bare_figures.single_p99);
+  print("own processor time per event, us", daemon_figures.own_cpu, bare_figures.own_cpu);
+  print("server's processor time per event, us", daemon_figures.server_cpu, bare_figures.server_cpu);
   print("server commands per event, 4000 waiting", daemon_figures.commands, bare_figures.commands);
   print("server reads per event, 4000 waiting", daemon_figures.reads, bare_figures.reads);
   print("server writes per event, 4000 waiting", daemon_figures.writes, bare_figures.writes);

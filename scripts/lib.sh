@@ -34,3 +34,10 @@ build() {
   quietly "configure $preset" cmake --preset "$preset"
   quietly "build $preset" cmake --build --preset "$preset" ${1:+--target "$@"}
 }
+
+# Where this machine's Debian packages come from, a line in sources.list's form for each suite and component.
+debian_sources() {
+  # shellcheck disable=SC2016
+  apt-get indextargets --format 'deb $(REPO_URI) $(CODENAME) $(COMPONENT)' 'Identifier: Packages' 'Origin: Debian' |
+    sort -u
+}

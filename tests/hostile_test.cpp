@@ -275,10 +275,8 @@ bool is_sound(const record &what) {
   const message_ptr message = unpack(*what.type, what.bytes);
   const auto *index =
       message == nullptr ? nullptr : protobuf_c_message_descriptor_get_field_by_name(what.type, "index");
-  const auto *key =
-      index == nullptr
-          ? nullptr
-          : *reinterpret_cast<ProtobufCMessage *const *>(reinterpret_cast<const char *>(message.get()) + index->offset);
+  const void *field = index == nullptr ? nullptr : reinterpret_cast<const char *>(message.get()) + index->offset;
+  const auto *key = field == nullptr ? nullptr : *static_cast<ProtobufCMessage *const *>(field);
   std::string packed(key == nullptr ? 0 : protobuf_c_message_get_packed_size(key), '\0');
   if (key != nullptr) protobuf_c_message_pack(key, reinterpret_cast<uint8_t *>(packed.data()));
   return key != nullptr && packed == what.key;

@@ -161,6 +161,7 @@ int write_result(context &ctx, const result_options &options) {
   bool is_group = false;
   const member_key key = key_from(options.member, ports, true, &is_group);
   UMonitor__MirrorIndex index = index_of(key);
+  if (is_group) index.d_ifx = result_target(key.d_ifx);
   UMonitor__MirrorResultInfo result = U_MONITOR__MIRROR_RESULT_INFO__INIT;
   result.index = &index;
   result.result = parse_number(options.code, "code");

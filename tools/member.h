@@ -45,6 +45,9 @@ std::string to_text(const member_key &key, bool is_group, const interfaces &port
 UMonitor__MirrorIndex index_of(const member_key &key);
 member_key key_from(const UMonitor__MirrorIndex &index);
 
+// How the forwarding side names the target in a result: a group by its bare id.
+uint32_t result_target(uint32_t d_ifx);
+
 // The change that writes or deletes the member's record.
 change make_change(const member &what, ko_store::change_kind kind);
 

@@ -56,15 +56,6 @@ uint32_t default_apply_type(const member &what) {
   return what.key.acl_id != 0 ? U_MONITOR__MIRROR_TYPE__POLICY : U_MONITOR__MIRROR_TYPE__PORT;
 }
 
-// Whether the list form of the bit map says all that it holds.
-bool listable(const std::vector<uint32_t> &words) {
-  try {
-    return parse_vlans(vlans_text(words.data(), words.size())) == words;
-  } catch (const usage_error &) {
-    return false;
-  }
-}
-
 }  // namespace
 
 std::string option_name(const member_field &field) {
@@ -122,7 +113,7 @@ json to_json(const member &what, const interfaces &ports) {
                  {"direction", dir_text(what.key.dir)},
                  {"acl", what.key.acl_id},
                  {"owner", what.key.owner}};
-  if (listable(what.vlan_map))
+  if (is_vlan_list(what.vlan_map.data(), what.vlan_map.size()))
     object["vlans"] = vlans_text(what.vlan_map.data(), what.vlan_map.size());
   else
     object["vlan_map"] = what.vlan_map;

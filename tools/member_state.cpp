@@ -49,12 +49,13 @@ std::string wrong_records(const wanted_state &all, const member_outcome &outcome
   return none_there && !text.empty() ? "all derived records missing" : text;
 }
 
-// The member's result of an owner, as it stands in a database.
-record_place result_place(const member_key &member, uint32_t db, const char *owner) {
-  member_key key = member;
-  key.owner = owner;
+// Where the daemon relays the member's result to.
+record_place relayed_result(const member &what) {
+  member_key key = what.key;
+  key.owner = ko_lspan_app_name;
+  if (what.targets_group()) key.d_ifx = result_target(key.d_ifx);
   const UMonitor__MirrorIndex index = index_of(key);
-  record_place place{db, u_monitor__mirror_result_info__descriptor.name, {}};
+  record_place place{CONF_DB, u_monitor__mirror_result_info__descriptor.name, {}};
   ko_store::append_packed(index.base, place.key);
   return place;
 }
@@ -69,7 +70,7 @@ member_state state_of(const wanted_state &all, const member_outcome &outcome, co
     if (!outcome.group_is_empty) return why;
     return why.empty() ? "target group empty" : why + ", target group empty";
   };
-  const record_place relayed = result_place(outcome.what.key, CONF_DB, ko_lspan_app_name);
+  const record_place relayed = relayed_result(outcome.what);
   const auto answer = all.stored.find(relayed);
   const bool answer_wanted = all.wanted.contains(relayed);
   if (answer == all.stored.end())

@@ -35,7 +35,7 @@ look look_of(const ProtobufCFieldDescriptor &field) {
   if (field.label == PROTOBUF_C_LABEL_REPEATED) return look::vlans;
   if (name == "d_ifx" || name == "d_phyid") return look::group;
   if (name == "dir") return look::direction;
-  return name.ends_with("ifx") ? look::interface : look::plain;
+  return name.ends_with("ifx") || name == "index" ? look::interface : look::plain;
 }
 
 const void *member_at(const ProtobufCMessage &message, unsigned offset) {
@@ -47,46 +47,43 @@ const Value &value_at(const ProtobufCMessage &message, const ProtobufCFieldDescr
   return *static_cast<const Value *>(member_at(message, field.offset));
 }
 
-// What kind of number a target is. A record without module type leaves it open; the tag then tells.
-enum class target_kind { port, group, open };
-
-target_kind target_kind_of(const ProtobufCMessage &message) {
+// Whether the message says that its target is a group. One that does not, such as a bare key, leaves it open; the tag
+// then tells.
+bool names_group(const ProtobufCMessage &message) {
   const ProtobufCFieldDescriptor *field = field_named(*message.descriptor, "module_type");
-  if (field == nullptr) return target_kind::open;
-  return value_at<uint32_t>(message, *field) == U_MONITOR__MIRROR_MODULE__GROUP ? target_kind::group
-                                                                                : target_kind::port;
+  return field != nullptr && value_at<uint32_t>(message, *field) == U_MONITOR__MIRROR_MODULE__GROUP;
 }
 
-bool is_group(uint32_t target, target_kind kind) {
+bool is_group(uint32_t target, bool named) {
   constexpr uint32_t tag_bits = 0xFF000000;
-  return kind == target_kind::group || (kind == target_kind::open && (target & tag_bits) == ko_span_group_tag);
+  return named || (target & tag_bits) == ko_span_group_tag;
 }
 
 json bit_map_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
   const size_t n_words = *static_cast<const size_t *>(member_at(message, field.quantifier_offset));
   const auto *words = value_at<const uint32_t *>(message, field);
-  // Words that the list does not show are shown as they are, so that nothing is lost.
-  if (n_words == 0 || words[n_words - 1] != 0) return vlans_text(words, n_words);
+  // What the list does not say is shown as words, so that nothing is lost.
+  if (is_vlan_list(words, n_words)) return vlans_text(words, n_words);
   return std::vector<uint32_t>(words, words + n_words);
 }
 
-json message_json(const ProtobufCMessage &message, target_kind target);
+json message_json(const ProtobufCMessage &message, bool named_group);
 
-json uint32_json(uint32_t value, const ProtobufCFieldDescriptor &field, target_kind target) {
+json uint32_json(uint32_t value, const ProtobufCFieldDescriptor &field, bool named_group) {
   if (const ProtobufCEnumDescriptor *type = enum_of(field)) {
     const ProtobufCEnumValue *known = protobuf_c_enum_descriptor_get_value(type, static_cast<int>(value));
     return known == nullptr ? json(value) : json(known->name);
   }
-  if (look_of(field) == look::group && is_group(value, target)) return group_text(value);
+  if (look_of(field) == look::group && is_group(value, named_group)) return group_text(value);
   return value;
 }
 
-json value_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field, target_kind target) {
+json value_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field, bool named_group) {
   if (field.label == PROTOBUF_C_LABEL_REPEATED) return bit_map_json(message, field);
   switch (field.type) {
     case PROTOBUF_C_TYPE_ENUM:
     case PROTOBUF_C_TYPE_UINT32:
-      return uint32_json(value_at<uint32_t>(message, field), field, target);
+      return uint32_json(value_at<uint32_t>(message, field), field, named_group);
     case PROTOBUF_C_TYPE_STRING: {
       const char *text = value_at<const char *>(message, field);
       return text == nullptr ? "" : text;
@@ -97,7 +94,7 @@ json value_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor 
     }
     case PROTOBUF_C_TYPE_MESSAGE: {
       const auto *part = value_at<const ProtobufCMessage *>(message, field);
-      return part == nullptr ? json() : message_json(*part, target);
+      return part == nullptr ? json() : message_json(*part, named_group);
     }
     default:
       throw std::logic_error(std::string(message.descriptor->name) + "." + field.name +
@@ -105,11 +102,11 @@ json value_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor 
   }
 }
 
-json message_json(const ProtobufCMessage &message, target_kind target) {
+json message_json(const ProtobufCMessage &message, bool named_group) {
   json object = json::object();
   for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
     const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
-    object[field.name] = value_json(message, field, target);
+    object[field.name] = value_json(message, field, named_group);
   }
   return object;
 }
@@ -126,7 +123,7 @@ std::string cell_text(const ProtobufCFieldDescriptor &field, const json &value) 
   return value == "" ? "-" : printable(value.get<std::string>());
 }
 
-void append_cells(const ProtobufCMessage &message, const std::string &prefix, bool in_key, target_kind target,
+void append_cells(const ProtobufCMessage &message, const std::string &prefix, bool in_key, bool named_group,
                   std::vector<cell> &out) {
   const ProtobufCFieldDescriptor *key = ko_store::key_field(*message.descriptor);
   for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
@@ -134,10 +131,10 @@ void append_cells(const ProtobufCMessage &message, const std::string &prefix, bo
     if (field.type == PROTOBUF_C_TYPE_MESSAGE) {
       const auto *part = value_at<const ProtobufCMessage *>(message, field);
       if (part != nullptr)
-        append_cells(*part, &field == key ? "" : std::string(field.name) + ".", &field == key, target, out);
+        append_cells(*part, &field == key ? "" : std::string(field.name) + ".", &field == key, named_group, out);
       continue;
     }
-    const json value = value_json(message, field, target);
+    const json value = value_json(message, field, named_group);
     out.push_back({prefix + field.name, cell_text(field, value), in_key, is_default(field, value)});
   }
 }
@@ -148,11 +145,11 @@ std::string dump(const json &value, int indent) {
   return value.dump(indent, ' ', false, json::error_handler_t::replace);
 }
 
-json to_json(const ProtobufCMessage &message) { return message_json(message, target_kind_of(message)); }
+json to_json(const ProtobufCMessage &message) { return message_json(message, names_group(message)); }
 
 std::vector<cell> to_cells(const ProtobufCMessage &message) {
   std::vector<cell> cells;
-  append_cells(message, "", false, target_kind_of(message), cells);
+  append_cells(message, "", false, names_group(message), cells);
   return cells;
 }
 
@@ -250,7 +247,8 @@ using name_lookup = std::function<uint32_t(const std::string &)>;
 
 template <class Value>
 Value &slot(ProtobufCMessage &message, unsigned offset) {
-  return *reinterpret_cast<Value *>(reinterpret_cast<char *>(&message) + offset);
+  void *field = reinterpret_cast<char *>(&message) + offset;
+  return *static_cast<Value *>(field);
 }
 
 void *allocate(size_t size) {

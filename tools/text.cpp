@@ -10,6 +10,7 @@ namespace {
 
 constexpr uint32_t most_vlan = 4094;
 constexpr uint32_t bits_per_word = 32;
+constexpr size_t words_of_all_vlans = 128;  // the last bit of the last word is no VLAN
 
 void set_range(uint32_t first, uint32_t last, std::vector<uint32_t> &words) {
   if (words.size() <= last / bits_per_word) words.resize(last / bits_per_word + 1);
@@ -64,6 +65,12 @@ std::string vlans_text(const uint32_t *words, size_t n_words) {
     first = last;
   }
   return text;
+}
+
+bool is_vlan_list(const uint32_t *words, size_t n_words) {
+  if (n_words == 0) return true;
+  if (words[n_words - 1] == 0 || (words[0] & 1U) != 0) return false;
+  return n_words < words_of_all_vlans || (n_words == words_of_all_vlans && words[n_words - 1] >> 31 == 0);
 }
 
 std::string hex_text(std::string_view bytes) {

@@ -35,6 +35,9 @@ std::vector<uint32_t> parse_vlans(std::string_view text);
 // The other way; "" for none. Every bit is named, also those that are no VLAN.
 std::string vlans_text(const uint32_t *words, size_t n_words);
 
+// Whether the list form of a bit map says all that it holds: no bits that are no VLAN, no words behind the last bit.
+bool is_vlan_list(const uint32_t *words, size_t n_words);
+
 // The bytes in hexadecimal.
 std::string hex_text(std::string_view bytes);
 

@@ -53,6 +53,9 @@ uint64_t hash_of(const mirror_link *list, const dst_info &entry) {
 
 uint64_t hash_of(const mirror_link *list, const mtp_info &entry) { return hash_of(list, {entry.session_id}); }
 
+// What was allocated together lies together here, too.
+uint64_t address_hash(const mirror_link *entry) { return reinterpret_cast<uintptr_t>(entry) / 64; }
+
 // Chained hash table of nodes. Where it cannot grow for want of memory it gets slower, and nothing else.
 class node_table {
  public:
@@ -60,8 +63,9 @@ class node_table {
 
   node *first(uint64_t hash) const { return buckets_[hash & mask_]; }
 
+  // Half of the buckets are empty: most searches for what is not there look at no node.
   void insert(node *added) {
-    if (++used_ > mask_) grow();
+    if (2 * ++used_ > mask_) grow();
     push(buckets_, mask_, added);
   }
 
@@ -104,6 +108,8 @@ node_table keys(by_key);
 node_table addresses(by_address);
 node *waiting = nullptr;
 
+constexpr size_t few = 4;  // entries that a search looks at before it asks the index
+
 void make_empty(mirror_link &head) { head.next = head.prev = &head; }
 
 template <typename Entry>
@@ -121,7 +127,7 @@ Entry *add(mirror_link *list) {
   index->key_hash = [](const mirror_link *of, const mirror_link *entry) {
     return hash_of(of, *reinterpret_cast<const Entry *>(entry));
   };
-  index->hash[by_address] = hash_of(link, {});
+  index->hash[by_address] = address_hash(link);
   addresses.insert(index);
   index->waits = true;
   index->next[by_key] = waiting;
@@ -140,8 +146,13 @@ void file_waiting() {
   }
 }
 
+// Most sessions have a handful of members: where the list ends soon, walking it is all there is to do.
 template <typename Entry, typename Test>
 Entry *search(mirror_link *list, uint64_t hash, Test test) {
+  mirror_link *next = list->next;
+  for (size_t i = 0; i < few && next != list; ++i, next = next->next)
+    if (auto *entry = reinterpret_cast<Entry *>(next); test(*entry)) return entry;
+  if (next == list) return nullptr;
   file_waiting();
   for (node *at = keys.first(hash); at != nullptr; at = at->next[by_key]) {
     if (at->hash[by_key] != hash || at->list != list) continue;
@@ -202,8 +213,7 @@ mtp_info *mirror_list_search_mtp_info(mirror_link *mtp_list, uint32_t session_id
 }
 
 int32_t mirror_list_del(mirror_link *entry) {
-  const uint64_t hash = hash_of(entry, {});
-  node *at = addresses.first(hash);
+  node *at = addresses.first(address_hash(entry));
   while (at != nullptr && at->entry != entry) at = at->next[by_address];
   if (at != nullptr) forget(at);
   entry->prev->next = entry->next;

@@ -28,6 +28,8 @@ std::string channel_name(uint32_t db, std::string_view message) {
   return std::to_string(db).append(":").append(message);
 }
 
+size_t announcement_size(const announcement &what) { return header_size + what.key.size() + what.record.size(); }
+
 void append_announcement(const announcement &what, std::string &out) {
   const auto length = static_cast<uint32_t>(what.key.size());
   out.push_back(static_cast<char>(what.kind));
@@ -68,6 +70,20 @@ void append_packed(const ProtobufCMessage &message, std::string &out) {
   const size_t start = out.size();
   out.resize(start + protobuf_c_message_get_packed_size(&message));
   protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(out.data() + start));
+}
+
+std::string_view leading_key(const ProtobufCMessageDescriptor &type, std::string_view packed) {
+  constexpr uint32_t length_delimited = 2;  // wire type of a message
+  constexpr uint32_t more = 0x80;           // the number goes on in the next byte
+  const ProtobufCFieldDescriptor *field = key_field(type);
+  const uint32_t tag = field == nullptr ? more : field->id << 3 | length_delimited;
+  if (packed.empty() || tag >= more || static_cast<uint8_t>(packed[0]) != tag) return {};
+  uint32_t length = 0;
+  for (size_t i = 1; i < packed.size() && i <= 5; ++i) {
+    length |= (static_cast<uint8_t>(packed[i]) & (more - 1)) << 7 * (i - 1);
+    if ((static_cast<uint8_t>(packed[i]) & more) == 0) return packed.substr(i + 1, length);
+  }
+  return {};
 }
 
 message_ptr unpack(const ProtobufCMessageDescriptor &type, std::string_view bytes) {

@@ -33,6 +33,7 @@ struct announcement {
 
 // On the channel: the kind's character, the length of the key as four bytes, most significant first, key, record.
 void append_announcement(const announcement &what, std::string &out);
+size_t announcement_size(const announcement &what);  // bytes that it appends
 
 // The announcement in `bytes`, which it borrows; nothing when they are none.
 std::optional<announcement> parse_announcement(std::string_view bytes);
@@ -48,6 +49,9 @@ std::optional<std::string_view> owner_of(const ProtobufCMessage &key);
 
 // Appends the encoding of `message` to `out`, which keeps its capacity for the next.
 void append_packed(const ProtobufCMessage &message, std::string &out);
+
+// The key in a record that append_packed made, where it stands first; empty when it does not, or `packed` is empty.
+std::string_view leading_key(const ProtobufCMessageDescriptor &type, std::string_view packed);
 
 struct message_deleter {
   void operator()(ProtobufCMessage *message) const { protobuf_c_message_free_unpacked(message, nullptr); }

@@ -11,7 +11,8 @@ constexpr size_t hex_limit = 48;  // bytes
 
 template <typename Value>
 Value at(const ProtobufCMessage &message, size_t offset) {
-  return *reinterpret_cast<const Value *>(reinterpret_cast<const char *>(&message) + offset);
+  const void *field = reinterpret_cast<const char *>(&message) + offset;
+  return *static_cast<const Value *>(field);
 }
 
 std::string hex_digits(std::string_view bytes) {

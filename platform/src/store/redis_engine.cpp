@@ -1,14 +1,9 @@
 #include "store/redis_engine.h"
 
-#include <hiredis/async.h>
 #include <hiredis/hiredis.h>
-#include <hiredis/sds.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -20,68 +15,15 @@ namespace {
 constexpr int first_pause_ms = 50;
 constexpr int longest_pause_ms = 5'000;
 constexpr std::string_view page_size = "1000";   // records of one scan step
-constexpr size_t most_unanswered = 8192;         // writes; above, long work waits
+constexpr size_t most_unanswered = 8192;         // requests; above, long work waits
 constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
-constexpr timeval patience{1, 0};     // without an answer, before that is said
-constexpr int dead_peer_ms = 30'000;  // what was sent to another machine and not confirmed
+constexpr timeval patience{1, 0};  // without an answer, before that is said
 
-std::string_view text_of(const redisReply &reply) { return {reply.str, reply.len}; }
-
-bool is_error(const redisReply *reply) { return reply != nullptr && reply->type == REDIS_REPLY_ERROR; }
-
-// hiredis' hooks into the loop. Reading stays enabled for the connection's life.
-struct loop_hooks {
-  ko_platform::event_ptr readable;
-  ko_platform::event_ptr writable;
-};
-
-loop_hooks &hooks_of(void *data) { return *static_cast<loop_hooks *>(data); }
-
-void attach(redisAsyncContext *connection, event_base *base) {
-  auto hooks = std::make_unique<loop_hooks>();
-  const int file = connection->c.fd;
-  hooks->readable.reset(event_new(
-      base, file, EV_READ | EV_PERSIST,
-      [](evutil_socket_t, short, void *c) { redisAsyncHandleRead(static_cast<redisAsyncContext *>(c)); }, connection));
-  hooks->writable.reset(event_new(
-      base, file, EV_WRITE,
-      [](evutil_socket_t, short, void *c) { redisAsyncHandleWrite(static_cast<redisAsyncContext *>(c)); }, connection));
-  if (hooks->readable == nullptr || hooks->writable == nullptr) throw std::bad_alloc();
-  connection->ev.addRead = [](void *data) {
-    if (event_pending(hooks_of(data).readable.get(), EV_READ, nullptr) == 0)
-      event_add(hooks_of(data).readable.get(), nullptr);
-  };
-  connection->ev.delRead = [](void *data) { event_del(hooks_of(data).readable.get()); };
-  connection->ev.addWrite = [](void *data) {
-    if (event_pending(hooks_of(data).writable.get(), EV_WRITE, nullptr) == 0)
-      event_add(hooks_of(data).writable.get(), nullptr);
-  };
-  connection->ev.delWrite = [](void *data) { event_del(hooks_of(data).writable.get()); };
-  connection->ev.cleanup = [](void *data) { delete &hooks_of(data); };
-  connection->ev.data = hooks.release();
-  connection->ev.addWrite(connection->ev.data);  // becoming writable is how an open connection shows itself
-}
-
-// The library does not survive the failure of an allocation of its own.
-void end_if_exhausted(const redisAsyncContext *connection) {
-  if (connection != nullptr && connection->err != REDIS_ERR_OOM) return;
-  PLATFORM_ERROR("memory is exhausted in the connection to the store; the process ends, to be started again");
-  std::_Exit(EXIT_FAILURE);
-}
-
-// A connection to another machine that has gone without a word is noticed, too.
-void expect_life(redisAsyncContext *connection) {
-  redisEnableKeepAlive(&connection->c);
-  setsockopt(connection->c.fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_peer_ms, sizeof(dead_peer_ms));
-}
-
-template <class Words>
-void append_command(std::string &out, const Words &words) {
-  out.append("*").append(std::to_string(words.size())).append("\r\n");
-  for (const std::string_view word : words)
-    out.append("$").append(std::to_string(word.size())).append("\r\n").append(word).append("\r\n");
+void append_command(std::string &out, std::initializer_list<std::string_view> words) {
+  append_head(out, words.size());
+  for (const std::string_view word : words) append_word(out, word);
 }
 
 }  // namespace
@@ -95,8 +37,6 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
   if (retry_ == nullptr || watch_ == nullptr) throw std::bad_alloc();
 }
 
-redis_engine::~redis_engine() { close(); }
-
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
   close();
   user_ = &user;
@@ -104,120 +44,82 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
   channels_.clear();
   for (const hash_id &id : hashes_) channels_.push_back(channel_name(id.db, id.type->name));
   n_inputs_ = n_inputs;
-  ring_used_ = 0;
+  subscription_.clear();
+  for (size_t i = 0; i < n_inputs_; ++i) subscription_.append(i == 0 ? "" : ", ").append(channels_[i]);
+  while (queued_ > 0) drop_oldest();
   event_add(retry_.get(), &at_once);
 }
 
 // ---- connections ----
 
-// Every answer comes through here. Nothing is thrown into the library, and nothing of a closed connection is looked at:
-// its last answers are null, or come while it waits to be freed.
-template <void (redis_engine::*on_reply)(const redisReply &)>
-void redis_engine::answer(redisAsyncContext *connection, void *reply, void *self_pointer) {
-  if (reply == nullptr || connection->data == nullptr) return;
-  auto &self = *static_cast<redis_engine *>(self_pointer);
-  ++self.answers_;
-  if (std::exchange(self.silent_, false)) PLATFORM_WARN("the store answers again");
-  try {
-    (self.*on_reply)(*static_cast<const redisReply *>(reply));
-  } catch (const std::bad_alloc &) {
-    self.broken("memory is exhausted");
-  }
-}
-
-// Begins a connection. False when that failed at once; another attempt is under way then.
-bool redis_engine::open(bool subscribes) {
-  redisAsyncContext *connection = address_.socket.empty() ? redisAsyncConnect(address_.host.c_str(), address_.port)
-                                                          : redisAsyncConnectUnix(address_.socket.c_str());
-  end_if_exhausted(connection);
-  connection->data = this;
-  (subscribes ? reader_ : writer_) = connection;
-  if (connection->err != 0) {
-    const std::string why = connection->errstr;
-    broken(why);
-    return false;
-  }
-  attach(connection, base_);
-  if (address_.socket.empty()) expect_life(connection);
-  redisAsyncSetConnectCallback(connection, [](const redisAsyncContext *c, int status) {
-    auto *self = static_cast<redis_engine *>(c->data);
-    if (status == REDIS_OK || self == nullptr) return;
-    (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;  // freed by the library
-    self->broken(c->errstr);
-  });
-  redisAsyncSetDisconnectCallback(connection, [](const redisAsyncContext *c, int) {
-    auto *self = static_cast<redis_engine *>(c->data);
-    if (self == nullptr) return;
-    end_if_exhausted(c);
-    (c == self->writer_ ? self->writer_ : self->reader_) = nullptr;
-    self->broken(c->err == 0 ? "the connection was closed" : c->errstr);
-  });
-  return true;
-}
-
+// Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
+// database before it.
 void redis_engine::connect() try {
   ready_ = false;
   subscriptions_ = 0;
-  if (!open(false)) return;
-  log_in(writer_, &answer<&redis_engine::on_writer_login>);
-  if (!open(true)) return;
-  log_in(reader_, &answer<&redis_engine::on_reader_login>);
+  selected_db_ = 0;
+  redis_link_user &self = *this;
+  writer_ = std::make_unique<redis_link>(base_, address_, self);
+  command_.clear();
+  unsigned answers = log_in();
+  for (const hash_id &id : hashes_) {
+    if (selected_db_ == id.db) continue;
+    append_command(command_, {"SELECT", std::to_string(id.db)});
+    selected_db_ = id.db;
+    ++answers;
+  }
+  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
+  ask({.kind = request::login, .answers = answers + 1});
+  reader_ = std::make_unique<redis_link>(base_, address_, self);
+  subscribe();
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
-// Sends AUTH when there is something to log in with, and a PING otherwise; `then` gets the answer.
-void redis_engine::log_in(redisAsyncContext *connection, callback then) {
-  std::vector<std::string_view> words{"AUTH"};
-  if (!address_.user.empty()) words.push_back(address_.user);
-  words.push_back(address_.password);
-  if (address_.password.empty()) words = {"PING"};
-  submit(connection, words, then);
+// Appends the login, if there is something to log in with; returns how many answers it has.
+unsigned redis_engine::log_in() {
+  if (address_.password.empty()) return 0;
+  if (address_.user.empty())
+    append_command(command_, {"AUTH", address_.password});
+  else
+    append_command(command_, {"AUTH", address_.user, address_.password});
+  return 1;
 }
 
-void redis_engine::submit(redisAsyncContext *connection, const std::vector<std::string_view> &words, callback then) {
+void redis_engine::subscribe() {
   command_.clear();
-  append_command(command_, words);
+  reader_logins_ = log_in();
+  if (n_inputs_ > 0) {
+    append_head(command_, n_inputs_ + 1);
+    append_word(command_, "SUBSCRIBE");
+    for (size_t i = 0; i < n_inputs_; ++i) append_word(command_, channels_[i]);
+  }
+  reader_->send(command_);
   watch();
-  redisAsyncFormattedCommand(connection, then, this, command_.data(), command_.size());
 }
 
-// Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
-// database before it.
-void redis_engine::on_writer_login(const redisReply &reply) {
-  if (is_error(&reply)) return broken(text_of(reply));
-  selected_db_ = 0;
-  for (const hash_id &id : hashes_) select(id.db);
-  submit(writer_, {"PING"}, &answer<&redis_engine::on_ready>);
-}
-
-void redis_engine::on_selected(const redisReply &reply) {
-  if (is_error(&reply)) broken(text_of(reply));
-}
-
-// A server that is still loading refuses this, whatever it said to the login.
-void redis_engine::on_ready(const redisReply &reply) {
-  if (is_error(&reply)) return broken(text_of(reply));
-  ready_ = true;
-  check_up();
-}
-
-void redis_engine::on_reader_login(const redisReply &reply) {
-  if (is_error(&reply)) return broken(text_of(reply));
-  std::vector<std::string_view> words{"SUBSCRIBE"};
-  words.insert(words.end(), channels_.begin(), channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_));
-  if (n_inputs_ == 0) return check_up();
-  submit(reader_, words, &answer<&redis_engine::on_subscription>);
-}
-
-void redis_engine::on_subscription(const redisReply &reply) {
-  if (is_error(&reply)) return broken(text_of(reply));
-  if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 3) return;
-  const std::string_view what = text_of(*reply.element[0]);
-  if (what == "message") return on_message(reply);
-  if (what != "subscribe") return;
-  ++subscriptions_;
-  check_up();
+void redis_engine::on_subscription(const redis_answer &answer) {
+  if (!answer.error.empty()) {
+    if (reader_logins_ == 0 && !told_.contains(answer.error))
+      PLATFORM_ERROR("the subscription to %s is refused", subscription_.c_str());
+    return broken(answer.error);
+  }
+  if (reader_logins_ > 0) {
+    --reader_logins_;
+  } else if (answer.texts.size() == 2 && answer.texts[0] == "subscribe") {
+    ++subscriptions_;
+    check_up();
+  } else if (answer.texts.size() == 3 && answer.texts[0] == "message" && up_) {
+    const auto channels_end = channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_);
+    const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
+    if (channel == channels_end) return;
+    const auto input = static_cast<size_t>(channel - channels_.begin());
+    const auto what = parse_announcement(answer.texts[2]);
+    if (what.has_value())
+      user_->changed(input, *what);
+    else
+      user_->malformed(input);
+  }
 }
 
 void redis_engine::check_up() {
@@ -232,33 +134,15 @@ void redis_engine::check_up() {
   user_->up();
 }
 
-void redis_engine::on_message(const redisReply &reply) {
-  if (!up_) return;
-  const std::string_view channel = text_of(*reply.element[1]);
-  for (size_t i = 0; i < n_inputs_; ++i) {
-    if (channels_[i] != channel) continue;
-    const auto what = parse_announcement(text_of(*reply.element[2]));
-    if (what.has_value())
-      user_->changed(i, *what);
-    else
-      user_->malformed(i);
-    return;
-  }
-}
+void redis_engine::lost(redis_link &, const std::string &why) { broken(why); }
 
 void redis_engine::close() {
   event_del(retry_.get());
-  for (redisAsyncContext **connection : {&reader_, &writer_}) {
-    redisAsyncContext *old = std::exchange(*connection, nullptr);
-    if (old == nullptr) continue;
-    old->data = nullptr;
-    redisAsyncFree(old);
-  }
+  reader_.reset();
+  writer_.reset();
   up_ = false;
   silent_ = false;
   was_congested_ = false;
-  scanning_.clear();
-  fetching_.clear();
   error_.clear();
 }
 
@@ -276,14 +160,10 @@ void redis_engine::broken(std::string_view why) {
   } catch (const std::bad_alloc &) {
     PLATFORM_ERROR("the store cannot be used, and memory is exhausted");
   }
-  close();
-  if (was_up) {
-    user_->down();
-    for (; ring_used_ > 0; drop_written()) {
-      const written &lost = oldest();
-      user_->undone({lost.hash, lost.kind, lost.key, lost.record}, {});
-    }
-  }
+  close();  // `why` may be gone now
+  if (was_up) user_->down();
+  for (; queued_ > 0; drop_oldest())
+    if (was_up && oldest().kind == request::write) user_->undone(oldest_change(), {});
   retry_later();
 }
 
@@ -293,150 +173,194 @@ void redis_engine::retry_later() {
   event_add(retry_.get(), &pause);
 }
 
-// ---- commands ----
+// ---- requests ----
 
-// Answers on the way to an outcome: only errors matter.
-void redis_engine::on_queued(const redisReply &reply) {
-  if (is_error(&reply) && error_.empty()) error_ = text_of(reply);
+void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
+  ++answers_;
+  if (std::exchange(silent_, false)) PLATFORM_WARN("the store answers again");
+  if (&link == reader_.get())
+    on_subscription(answer);
+  else
+    on_request(answer);
+} catch (const std::bad_alloc &) {
+  broken("memory is exhausted");
 }
 
-void redis_engine::send(std::initializer_list<std::string_view> words, callback then) {
-  command_.clear();
-  append_command(command_, words);
-  watch();
-  redisAsyncFormattedCommand(writer_, then, this, command_.data(), command_.size());
+void redis_engine::on_request(const redis_answer &answer) {
+  if (queued_ == 0) return broken("it answers what it was not asked");
+  if (error_.empty()) error_ = answer.error;
+  const awaited asked = oldest();
+  if (++answered_ < asked.answers) return;
+  switch (asked.kind) {
+    case request::login:
+    case request::select:
+      if (!error_.empty()) return broken(error_);
+      drop_oldest();
+      ready_ = ready_ || asked.kind == request::login;
+      return check_up();
+    case request::page:
+      return on_page(answer);
+    case request::fetch:
+      return on_fetched(answer);
+    case request::write:
+      return on_outcome(answer);
+  }
 }
 
 void redis_engine::select(uint32_t db) {
   if (selected_db_ == db) return;
+  command_.clear();
+  append_command(command_, {"SELECT", std::to_string(db)});
+  ask({.kind = request::select, .answers = 1});
   selected_db_ = db;
-  send({"SELECT", std::to_string(db)}, &answer<&redis_engine::on_selected>);
 }
 
 void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
 
 void redis_engine::ask_page(size_t hash, std::string_view cursor) {
   select(hashes_[hash].db);
-  scanning_.push_back(hash);
-  send({"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size}, &answer<&redis_engine::on_page>);
+  command_.clear();
+  append_command(command_, {"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size});
+  ask({.kind = request::page, .answers = 1, .hash = hash});
 }
 
-void redis_engine::on_page(const redisReply &reply) {
-  const size_t hash = scanning_.front();
-  scanning_.pop_front();
-  if (is_error(&reply)) return user_->unreadable(hash, text_of(reply));
-  if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) return user_->unreadable(hash, "the answer is no page");
-  const std::string cursor(text_of(*reply.element[0]));
-  const redisReply &fields = *reply.element[1];
+void redis_engine::on_page(const redis_answer &answer) {
+  const size_t hash = oldest().hash;
+  drop_oldest();
+  const std::string why = std::exchange(error_, {});
+  if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
+    return user_->unreadable(hash, why.empty() ? "the answer is no page" : why);
   std::vector<stored_record> records;
-  records.reserve(fields.elements / 2);
-  for (size_t i = 0; i + 1 < fields.elements; i += 2)
-    records.push_back({text_of(*fields.element[i]), text_of(*fields.element[i + 1])});
-  const bool last = cursor == "0";
-  if (!last) ask_page(hash, cursor);
+  records.reserve(answer.texts.size() / 2);
+  for (size_t i = 1; i < answer.texts.size(); i += 2) records.push_back({answer.texts[i], answer.texts[i + 1]});
+  const bool last = answer.texts[0] == "0";
+  if (!last) ask_page(hash, answer.texts[0]);
   user_->page(hash, records, last);
 }
 
 void redis_engine::fetch(size_t input, std::string_view key) {
   select(hashes_[input].db);
-  fetching_.push_back({input, std::string(key)});
-  send({"HGET", hashes_[input].type->name, key}, &answer<&redis_engine::on_fetched>);
+  command_.clear();
+  append_command(command_, {"HGET", hashes_[input].type->name, key});
+  ask({.kind = request::fetch, .answers = 1, .hash = input}, key);
 }
 
 // When it cannot be read, what was known of it stands.
-void redis_engine::on_fetched(const redisReply &reply) {
-  const fetching asked = std::move(fetching_.front());
-  fetching_.pop_front();
-  if (reply.type == REDIS_REPLY_STRING)
-    user_->fetched(asked.input, asked.key, text_of(reply));
-  else if (reply.type == REDIS_REPLY_NIL)
-    user_->fetched(asked.input, asked.key, std::nullopt);
+void redis_engine::on_fetched(const redis_answer &answer) {
+  const size_t input = oldest().hash;
+  const std::string key(oldest_key());
+  drop_oldest();
+  const std::string why = std::exchange(error_, {});
+  if (!why.empty() && told_.insert(why).second)
+    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
+  if (answer.type == REDIS_REPLY_STRING)
+    user_->fetched(input, key, answer.texts[0]);
+  else if (answer.type == REDIS_REPLY_NIL && why.empty())
+    user_->fetched(input, key, std::nullopt);
 }
 
-// Everything that needs memory comes first: half a transaction would be taken for the begin of the next.
-void redis_engine::write(const change &what) {
-  const std::string_view name = what.hash.type->name;
-  announcement_.clear();
-  append_announcement({what.kind, what.key, what.record}, announcement_);
-  channel_.assign(std::to_string(what.hash.db)).append(":").append(name);
-  if (what.kind != change_kind::publish) select(what.hash.db);
+const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
+  for (const hash_words &known : words_)
+    if (known.id.type == id.type && known.id.db == id.db) return known;
+  hash_words made{id, {}, {}};
+  append_word(made.name, id.type->name);
+  append_word(made.channel, channel_name(id.db, id.type->name));
+  return words_.emplace_back(std::move(made));
+}
 
+void redis_engine::write(const change &what) {
+  const hash_words &words = words_of(what.hash);
+  const bool stored = what.kind != change_kind::publish;
+  if (stored) select(what.hash.db);
   command_.clear();
-  size_t ends[4] = {};
-  size_t n = 0;
-  const auto append = [&](std::initializer_list<std::string_view> words) {
-    append_command(command_, words);
-    ends[n++] = command_.size();
-  };
-  if (what.kind != change_kind::publish) append({"MULTI"});
-  if (what.kind == change_kind::set) append({"HSET", name, what.key, what.record});
-  if (what.kind == change_kind::del) append({"HDEL", name, what.key});
-  append({"PUBLISH", channel_, announcement_});
-  if (what.kind != change_kind::publish) append({"EXEC"});
-  add_written(what);
-  watch();
-  for (size_t i = 0, start = 0; i < n; start = ends[i++]) {
-    const callback then = i + 1 < n ? &answer<&redis_engine::on_queued> : &answer<&redis_engine::on_outcome>;
-    redisAsyncFormattedCommand(writer_, then, this, command_.data() + start, ends[i] - start);
+  if (stored) {
+    command_.append("*1\r\n$5\r\nMULTI\r\n");
+    command_.append(what.kind == change_kind::set ? "*4\r\n$4\r\nHSET\r\n" : "*3\r\n$4\r\nHDEL\r\n").append(words.name);
+    append_word(command_, what.key);
+    if (what.kind == change_kind::set) append_word(command_, what.record);
   }
+  const announcement told{what.kind, what.key, what.record};
+  command_.append("*3\r\n$7\r\nPUBLISH\r\n").append(words.channel);
+  append_length(command_, announcement_size(told));
+  append_announcement(told, command_);
+  command_.append("\r\n");
+  if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
+
+  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4u : 1u, .changed = what.hash}, what.key,
+      what.record);
 }
 
 // The end of a transaction, or the answer to a lone PUBLISH.
-void redis_engine::on_outcome(const redisReply &reply) {
-  if (is_error(&reply) && error_.empty()) error_ = text_of(reply);
-  if (reply.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
-  for (size_t i = 0; error_.empty() && reply.type == REDIS_REPLY_ARRAY && i < reply.elements; ++i)
-    if (is_error(reply.element[i])) error_ = text_of(*reply.element[i]);
+void redis_engine::on_outcome(const redis_answer &answer) {
+  if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
   if (!error_.empty()) {
-    const written &refused = oldest();
-    user_->undone({refused.hash, refused.kind, refused.key, refused.record}, error_);
+    user_->undone(oldest_change(), error_);
     error_.clear();
   }
-  drop_written();
-  if (!was_congested_ || ring_used_ > few_unanswered) return;
+  drop_oldest();
+  if (!was_congested_ || queued_ > few_unanswered) return;
   was_congested_ = false;
   user_->relieved();
 }
 
 bool redis_engine::congested() const {
-  const bool now = ring_used_ > most_unanswered || (writer_ != nullptr && sdslen(writer_->c.obuf) > most_unsent);
+  const bool now = queued_ > most_unanswered || (writer_ != nullptr && writer_->unsent() > most_unsent);
   was_congested_ = was_congested_ || now;
   return now;
 }
 
-// ---- writes without an answer ----
+// ---- requests without an answer ----
 
-void redis_engine::add_written(const change &what) {
-  if (ring_used_ == ring_.size()) {
-    std::rotate(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(ring_start_), ring_.end());
-    ring_start_ = 0;
-    ring_.resize(std::max<size_t>(64, 2 * ring_.size()));
+// Sends the command and notes that its answers are awaited; or throws, and neither has happened.
+void redis_engine::ask(awaited what, std::string_view key, std::string_view record) {
+  what.key_size = key.size();
+  what.record_size = record.size();
+  const size_t size = queue_.size();
+  try {
+    queue_.append(reinterpret_cast<const char *>(&what), sizeof(what)).append(key).append(record);
+    writer_->send(command_);
+  } catch (const std::bad_alloc &) {
+    queue_.resize(size);
+    throw;
   }
-  written &entry = ring_[(ring_start_ + ring_used_) & (ring_.size() - 1)];
-  entry.hash = what.hash;
-  entry.kind = what.kind;
-  entry.key = what.key;
-  entry.record = what.record;
-  ++ring_used_;
+  ++queued_;
+  watch();
 }
 
-void redis_engine::drop_written() {
-  ring_start_ = (ring_start_ + 1) & (ring_.size() - 1);
-  --ring_used_;
+redis_engine::awaited redis_engine::oldest() const {
+  awaited found;
+  std::memcpy(&found, queue_.data() + queue_start_, sizeof(found));
+  return found;
+}
+
+change redis_engine::oldest_change() const {
+  const awaited what = oldest();
+  const char *record = oldest_key().data() + what.key_size;
+  return {what.changed, what.change, oldest_key(), {record, what.record_size}};
+}
+
+void redis_engine::drop_oldest() {
+  const awaited gone = oldest();
+  queue_start_ += sizeof(gone) + gone.key_size + gone.record_size;
+  --queued_;
+  answered_ = 0;
+  if (queued_ > 0 && queue_start_ <= queue_.size() / 2) return;
+  queue_.erase(0, std::exchange(queue_start_, 0));  // half of it at least, so that a byte is moved once on average
 }
 
 // ---- a server that does not answer ----
 
 void redis_engine::watch() {
-  if (evtimer_pending(watch_.get(), nullptr) != 0) return;
+  if (watching_) return;
+  watching_ = true;
   seen_ = answers_;
   event_add(watch_.get(), &patience);
 }
 
 // Looks again while there is something to wait for; the next command starts it otherwise.
 void redis_engine::look() {
-  const auto waits = [](const redisAsyncContext *c) { return c != nullptr && c->replies.head != nullptr; };
-  if (!waits(writer_) && !waits(reader_)) return;
+  watching_ = false;
+  if (queued_ == 0 && (reader_ == nullptr || subscriptions_ == n_inputs_)) return;
   if (answers_ == seen_ && !std::exchange(silent_, true))
     PLATFORM_ERROR("the store does not answer; its answers are waited for");
   watch();

@@ -1,27 +1,22 @@
-// The engine that is a Redis server: hiredis on the event loop, one connection for the subscription, one for reads and
-// writes.
+// The engine that is a Redis server: one connection for the subscription, one for reads and writes.
 //
 // Every change is a transaction (MULTI, HSET or HDEL, PUBLISH, EXEC). What one turn of the loop writes goes out
 // together; answers are looked at as they come. When either connection breaks both are made anew, with growing pauses.
 #pragma once
 
 #include <chrono>
-#include <deque>
+#include <functional>
+#include <memory>
 #include <set>
 
-#include "global_context.h"
-#include "platform_config.h"
 #include "store/engine.h"
-
-struct redisAsyncContext;
-struct redisReply;
+#include "store/redis_link.h"
 
 namespace ko_store {
 
-class redis_engine final : public engine {
+class redis_engine final : public engine, private redis_link_user {
  public:
   redis_engine(vx_global &global, ko_platform::store_address address);
-  ~redis_engine() override;
 
   void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override;
@@ -30,76 +25,76 @@ class redis_engine final : public engine {
   bool congested() const override;
 
  private:
-  struct written {  // not answered yet
-    hash_id hash;
-    change_kind kind;
-    std::string key;
-    std::string record;
+  enum class request { login, select, page, fetch, write };
+  struct awaited {  // a request that is not answered yet; its key and record stand behind it in the queue
+    request kind{};
+    change_kind change{};  // of a write
+    unsigned answers = 0;  // of its commands; the last one is the outcome
+    size_t hash = 0;       // of a page or a fetch
+    hash_id changed{};     // of a write
+    size_t key_size = 0;
+    size_t record_size = 0;
   };
-  struct fetching {
-    size_t input;
-    std::string key;
+  // The words that name a hash and its channel, as commands have them.
+  struct hash_words {
+    hash_id id;
+    std::string name;
+    std::string channel;
   };
 
-  using callback = void (*)(redisAsyncContext *, void *, void *);
-
-  bool open(bool subscribes);
   void connect();
   void close();
   void broken(std::string_view why);
   void retry_later();
   void check_up();
-  void log_in(redisAsyncContext *connection, callback then);
-  void submit(redisAsyncContext *connection, const std::vector<std::string_view> &words, callback then);
-
-  void on_writer_login(const redisReply &reply);
-  void on_reader_login(const redisReply &reply);
-  void on_selected(const redisReply &reply);
-  void on_ready(const redisReply &reply);
-  void on_subscription(const redisReply &reply);
-  void on_message(const redisReply &reply);
-  void on_page(const redisReply &reply);
-  void on_fetched(const redisReply &reply);
-  void on_queued(const redisReply &reply);
-  void on_outcome(const redisReply &reply);
-
-  void send(std::initializer_list<std::string_view> words, callback then);
+  void subscribe();
+  unsigned log_in();
   void select(uint32_t db);
   void ask_page(size_t hash, std::string_view cursor);
-  void add_written(const change &what);
-  void drop_written();
-  const written &oldest() const { return ring_[ring_start_]; }
+  const hash_words &words_of(const hash_id &id);
+
+  // redis_link_user
+  void answered(redis_link &link, const redis_answer &answer) override;
+  void lost(redis_link &link, const std::string &why) override;
+  void on_answer(const redis_link &link, const redis_answer &answer);
+  void on_subscription(const redis_answer &answer);
+  void on_request(const redis_answer &answer);
+  void on_page(const redis_answer &answer);
+  void on_fetched(const redis_answer &answer);
+  void on_outcome(const redis_answer &answer);
+
+  void ask(awaited what, std::string_view key = {}, std::string_view record = {});
+  awaited oldest() const;
+  std::string_view oldest_key() const { return {queue_.data() + queue_start_ + sizeof(awaited), oldest().key_size}; }
+  change oldest_change() const;
+  void drop_oldest();
 
   void watch();
   void look();
-
-  template <void (redis_engine::*on_reply)(const redisReply &)>
-  static void answer(redisAsyncContext *connection, void *reply, void *self);
 
   event_base *base_;
   ko_platform::store_address address_;
   engine_user *user_ = nullptr;
   std::vector<hash_id> hashes_;
   std::vector<std::string> channels_;  // one for each hash
+  std::vector<hash_words> words_;      // of every hash that was written
   size_t n_inputs_ = 0;
+  std::string subscription_;  // channels of the inputs, for people
 
-  redisAsyncContext *reader_ = nullptr;  // subscription; owned, as hiredis allows
-  redisAsyncContext *writer_ = nullptr;
+  std::unique_ptr<redis_link> reader_;  // the subscription
+  std::unique_ptr<redis_link> writer_;
   bool up_ = false;
-  bool ready_ = false;        // the writer answered
-  size_t subscriptions_ = 0;  // confirmed
-  int64_t selected_db_ = 0;   // of the writer
-  std::deque<size_t> scanning_;
-  std::deque<fetching> fetching_;
-  std::vector<written> ring_;  // of writes without an answer, a power of two long
-  size_t ring_start_ = 0;
-  size_t ring_used_ = 0;
-  std::string error_;  // the first of the transaction that is being answered
+  bool ready_ = false;          // the writer answered
+  unsigned reader_logins_ = 0;  // answers that the reader still expects before those of its subscription
+  size_t subscriptions_ = 0;    // confirmed
+  int64_t selected_db_ = 0;     // of the writer
+  std::string queue_;           // of the writer's requests
+  size_t queue_start_ = 0;      // the oldest
+  size_t queued_ = 0;           // requests
+  unsigned answered_ = 0;       // commands of the oldest that were answered
+  std::string error_;           // the first of the request that is being answered
   mutable bool was_congested_ = false;
   std::string command_;
-
-  std::string channel_;
-  std::string announcement_;
 
   int pause_ms_ = 0;
   std::chrono::steady_clock::time_point up_since_;
@@ -109,6 +104,7 @@ class redis_engine final : public engine {
   uint64_t answers_ = 0;  // that came
   uint64_t seen_ = 0;     // of these, when the watch last looked
   bool silent_ = false;   // the server does not answer, and that was said
+  bool watching_ = false;
   ko_platform::event_ptr watch_;
 };
 

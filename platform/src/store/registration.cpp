@@ -21,11 +21,10 @@ bool same(const hash_id &a, const hash_id &b) { return a.db == b.db && a.type ==
 
 std::string name_of(const hash_id &hash) { return channel_name(hash.db, hash.type->name); }
 
-template <class Map>
-void assign(Map &map, std::string_view key, std::string_view record) {
-  const auto found = map.find(key);
-  if (found == map.end())
-    map.emplace(key, record);
+void assign(sorted_records &records, std::string_view key, std::string_view record) {
+  const auto found = records.find(key);
+  if (found == records.end())
+    records.emplace(key, record);
   else
     found->second = record;
 }
@@ -34,11 +33,6 @@ void assign(Map &map, std::string_view key, std::string_view record) {
 std::string mark_of(const change &what) {
   const bool stored = what.kind != change_kind::publish;
   return name_of(what.hash).append(stored ? 1 : 2, '\0').append(stored ? what.key : what.record);
-}
-
-void erase(record_map &map, std::string_view key) {
-  const auto found = map.find(key);
-  if (found != map.end()) map.erase(found);
 }
 
 }  // namespace
@@ -82,12 +76,12 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
   outputs_.clear();
   for (uint32_t i = 0; i < n_inputs; ++i)
     inputs_.push_back(
-        std::make_unique<input_source>(input_source{hashes[i], {}, record_map(&pool_), sorted_records(&pool_)}));
+        std::unique_ptr<input_source>(new input_source{hashes[i], {}, record_table(&pool_), sorted_records(&pool_)}));
   for (uint32_t i = 0; i < n_outputs; ++i) {
     const ProtobufCMessage *key = key_of(*outputs[i].record);
     const auto owner = key == nullptr ? std::nullopt : owner_of(*key);
-    outputs_.push_back(std::make_unique<output_source>(output_source{
-        hashes[n_inputs + i], std::string(owner.value_or("")), record_map(&pool_), sorted_records(&pool_)}));
+    outputs_.push_back(std::unique_ptr<output_source>(new output_source{
+        hashes[n_inputs + i], std::string(owner.value_or("")), record_table(&pool_), sorted_records(&pool_)}));
   }
   own_records_ = false;
   all_read_told_ = false;
@@ -121,19 +115,21 @@ void registration::on_all_read(vx_mom_all_ds_cb handler, void *context) {
 // ---- writing ----
 
 int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_kind kind) {
-  const ProtobufCMessage *key = key_of(message);
+  const ProtobufCMessage *key = kind == change_kind::publish ? nullptr : key_of(message);
+  if (kind != change_kind::publish && key == nullptr) return VX_MOM_MISSING;
   key_buffer_.clear();
   record_buffer_.clear();
-  if (kind != change_kind::publish) {
-    if (key == nullptr) return VX_MOM_MISSING;
-    append_packed(*key, key_buffer_);
-  }
   if (kind != change_kind::del) append_packed(message, record_buffer_);
+  std::string_view packed_key = key == nullptr ? std::string_view() : leading_key(*message.descriptor, record_buffer_);
+  if (key != nullptr && packed_key.empty()) {
+    append_packed(*key, key_buffer_);
+    packed_key = key_buffer_;
+  }
 
-  const change what{{db, message.descriptor}, kind, key_buffer_, record_buffer_};
+  const change what{{db, message.descriptor}, kind, packed_key, record_buffer_};
   output_source *output = output_of(what);
-  if (output != nullptr && kind == change_kind::set) assign(output->wanted, key_buffer_, record_buffer_);
-  if (output != nullptr && kind == change_kind::del) erase(output->wanted, key_buffer_);
+  if (output != nullptr && kind == change_kind::set) output->wanted.put(what.key, what.record);
+  if (output != nullptr && kind == change_kind::del) output->wanted.erase(what.key);
 
   const bool compared = is_compared(output, kind);
   if (!compared && !loose_.empty()) loose_.erase(mark_of(what));  // an older change of the key must not come later
@@ -359,9 +355,11 @@ void registration::run_slice() {
 // Finds what has gone. It is delivered before what has come, so that a member that changed its target leaves the old
 // one first. Returns whether all of it was found.
 bool registration::find_deletes(const input_source &source, clock::time_point until) {
-  for (; next_known_ != source.copy.end(); ++next_known_) {
+  for (; next_known_ < source.copy.n_buckets(); ++next_known_) {
     if (clock::now() >= until) return false;
-    if (!source.stored.contains(std::string_view(next_known_->first))) deletes_.emplace(next_known_->first);
+    source.copy.visit_bucket(next_known_, [&](const record_table::entry &known) {
+      if (!source.stored.contains(known.key())) deletes_.emplace(known.key());
+    });
   }
   return true;
 }
@@ -373,7 +371,7 @@ bool registration::deliver_some(clock::time_point until) {
     if (step_ == step::begin) {
       deletes_.clear();
       source.copy.reserve(source.stored.size());
-      next_known_ = source.copy.begin();
+      next_known_ = 0;
       step_ = step::compare;
     }
     if (step_ == step::compare && !find_deletes(source, until)) return false;
@@ -386,8 +384,8 @@ bool registration::deliver_some(clock::time_point until) {
     for (; !source.stored.empty(); source.stored.erase(source.stored.begin())) {  // freed piece by piece, too
       if (clock::now() >= until) return false;
       const auto &[key, record] = *source.stored.begin();
-      const auto known = source.copy.find(std::string_view(key));
-      if (known == source.copy.end() || known->second != record || source.doubtful.contains(std::string_view(key)))
+      const record_table::entry *known = source.copy.find(key);
+      if (known == nullptr || known->record() != record || source.doubtful.contains(std::string_view(key)))
         set_record(position_, key, record, true);
     }
     source.doubtful.clear();
@@ -412,15 +410,16 @@ bool registration::repair_some(clock::time_point until) {
   for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
     output_source &output = *outputs_[position_];
     if (!output.readable) continue;
-    if (step_ == step::begin) next_known_ = output.wanted.begin();
+    if (step_ == step::begin) next_known_ = 0;
     step_ = step::compare;
-    for (; next_known_ != output.wanted.end(); ++next_known_) {
+    for (; next_known_ < output.wanted.n_buckets(); ++next_known_) {
       if (interrupted()) return false;
-      const auto &[key, record] = *next_known_;
-      const auto stored = output.stored.find(std::string_view(key));
-      if (stored != output.stored.end() && stored->second == record) continue;
-      repair_wrote_ = true;
-      send({output.hash, change_kind::set, key, record});
+      output.wanted.visit_bucket(next_known_, [&](const record_table::entry &wanted) {
+        const auto stored = output.stored.find(wanted.key());
+        if (stored != output.stored.end() && stored->second == wanted.record()) return;
+        repair_wrote_ = true;
+        send({output.hash, change_kind::set, wanted.key(), wanted.record()});
+      });
     }
     for (; !output.stored.empty(); output.stored.erase(output.stored.begin())) {  // left over?
       if (interrupted()) return false;
@@ -466,10 +465,9 @@ bool registration::drain_some(clock::time_point until) {
 // ---- events ----
 
 void registration::apply(const input_change &what) {
-  const record_map &copy = inputs_[what.input]->copy;
   if (what.kind == change_kind::del) return delete_record(what.input, what.key);
-  const auto known = what.stored ? copy.find(what.key) : copy.end();
-  if (known == copy.end() || known->second != what.record) set_record(what.input, what.key, what.record, what.stored);
+  const record_table::entry *known = what.stored ? inputs_[what.input]->copy.find(what.key) : nullptr;
+  if (known == nullptr || known->record() != what.record) set_record(what.input, what.key, what.record, what.stored);
 }
 
 // `stored`: the record was read from the store; else it was announced, and the store may know better.
@@ -478,7 +476,7 @@ void registration::set_record(size_t input, std::string_view key, std::string_vi
   const ProtobufCMessage *message = decode(source, record);
   const defect why = check_record(message, key);
   if (why == defect::none) {
-    assign(source.copy, key, record);
+    source.copy.put(key, record);
     hand_over(source, VX_MOM_EVENT_SET, *message);
     return;
   }
@@ -491,11 +489,11 @@ void registration::set_record(size_t input, std::string_view key, std::string_vi
 
 void registration::delete_record(size_t input, std::string_view key) {
   input_source &source = *inputs_[input];
-  const auto known = source.copy.find(key);
-  if (known == source.copy.end()) return;
-  const ProtobufCMessage *message = decode(source, known->second);
+  const record_table::entry *known = source.copy.find(key);
+  if (known == nullptr) return;
+  const ProtobufCMessage *message = decode(source, known->record());
   if (message == nullptr) throw std::bad_alloc();  // it decoded when it came
-  source.copy.erase(known);
+  source.copy.erase(key);
   hand_over(source, VX_MOM_EVENT_DEL, *message);
 }
 

@@ -22,13 +22,13 @@
 #include <memory_resource>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "global_context.h"
 #include "store/arena.h"
 #include "store/engine.h"
+#include "store/record_table.h"
 #include "vx_mom.h"
 
 namespace ko_store {
@@ -42,13 +42,6 @@ struct counters {
   uint64_t reads = 0;             // times that the inputs were read
 };
 
-struct text_hash {
-  using is_transparent = void;
-  size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
-};
-
-// Packed key to packed record. The memory of what is erased is used again.
-using record_map = std::pmr::unordered_map<std::pmr::string, std::pmr::string, text_hash, std::equal_to<>>;
 using sorted_records = std::pmr::map<std::pmr::string, std::pmr::string, std::less<>>;
 
 struct event_handler {
@@ -59,7 +52,7 @@ struct event_handler {
 struct input_source {
   hash_id hash;
   event_handler on[2];    // by VX_MOM_EVENT_...
-  record_map copy;        // as the handlers know it
+  record_table copy;      // as the handlers know it
   sorted_records stored;  // as it was just read
   // Keys that this process had deleted and that may still be there, or be there again: a read hands them over once
   // more, and the handlers decide anew.
@@ -69,7 +62,7 @@ struct input_source {
 struct output_source {
   hash_id hash;
   std::string owner;      // whose records these are; empty: nobody's in particular
-  record_map wanted;      // as it shall be
+  record_table wanted;    // as it shall be
   sorted_records stored;  // as it was just read, own records only
   bool readable = true;   // the last read of it succeeded
 };
@@ -177,8 +170,8 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   enum class step { begin, compare, carry_out };
   size_t position_ = 0;
   step step_ = step::begin;
-  record_map::iterator next_known_;  // next comparison: with the copy, or with what is wanted
-  std::set<std::string> deletes_;    // keys of what has gone
+  size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
+  std::set<std::string> deletes_;  // keys of what has gone
   std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;
 

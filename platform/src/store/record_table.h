@@ -1,0 +1,72 @@
+// Packed records by packed key: a hash table in which every record is one piece of memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory_resource>
+#include <string_view>
+#include <vector>
+
+namespace ko_store {
+
+class record_table {
+ public:
+  // One record. Its texts stay where they are until the record is replaced or erased.
+  class entry {
+   public:
+    std::string_view key() const { return {bytes(), key_size_}; }
+    std::string_view record() const { return {bytes() + key_size_, record_size_}; }
+
+   private:
+    friend class record_table;
+    const char *bytes() const { return reinterpret_cast<const char *>(this + 1); }
+    char *bytes() { return reinterpret_cast<char *>(this + 1); }
+
+    entry *next_;  // in the bucket
+    size_t room_;  // for key and record
+    uint32_t hash_;
+    uint32_t key_size_;
+    size_t record_size_;
+  };
+
+  // `memory` (borrowed) gives and takes the records' pieces; what is erased is used again.
+  explicit record_table(std::pmr::memory_resource *memory) : memory_(memory), buckets_(1) {}
+  record_table(const record_table &) = delete;
+  record_table &operator=(const record_table &) = delete;
+  ~record_table() { clear(); }
+
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const entry *find(std::string_view key) const { return *place_of(key, hash_of(key)); }
+  bool contains(std::string_view key) const { return find(key) != nullptr; }
+
+  // Adds or replaces a record, which must not lie in this table. Throws bad_alloc and leaves all as it was.
+  void put(std::string_view key, std::string_view record);
+  // Erases the record, if there is one. `key` may lie in it.
+  void erase(std::string_view key);
+  void clear();
+  // Makes room for as many records, so that puts up to there take the same time each.
+  void reserve(size_t n);
+
+  // The records are walked bucket by bucket, `i` < n_buckets(); a put or clear may move them to others.
+  size_t n_buckets() const { return buckets_.size(); }
+  template <class Visit>
+  void visit_bucket(size_t i, Visit visit) const {
+    for (const entry *at = buckets_[i]; at != nullptr; at = at->next_) visit(*at);
+  }
+
+ private:
+  static uint32_t hash_of(std::string_view key) { return static_cast<uint32_t>(std::hash<std::string_view>{}(key)); }
+  // The link to the record, or the one that ends its bucket.
+  entry *const *place_of(std::string_view key, uint32_t hash) const;
+  entry **place_of(std::string_view key, uint32_t hash);
+  entry *make(std::string_view key, std::string_view record, uint32_t hash);
+  void destroy(entry *gone);
+
+  std::pmr::memory_resource *memory_;
+  std::vector<entry *> buckets_;  // a power of two
+  size_t size_ = 0;
+};
+
+}  // namespace ko_store

@@ -1,0 +1,83 @@
+// One connection to a Redis server on the event loop: commands go out as bytes, answers come back in order. hiredis
+// opens the connection and parses what comes; a command and its answer cost no allocation.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "global_context.h"
+#include "platform_config.h"
+
+struct redisContext;
+struct redisReader;
+
+namespace ko_store {
+
+// What the server answered. Texts are valid during the call that hands it over.
+struct redis_answer {
+  int type;                             // REDIS_REPLY_... of the whole
+  std::vector<std::string_view> texts;  // the strings in it, in their order, however deep they stand
+  std::string_view error;               // the first error in it, or empty
+};
+
+class redis_link;
+
+class redis_link_user {
+ public:
+  virtual ~redis_link_user() = default;
+  virtual void answered(redis_link &link, const redis_answer &answer) = 0;
+  // The connection was not made or is lost; nothing follows. `why` is a reason for people.
+  virtual void lost(redis_link &link, const std::string &why) = 0;
+};
+
+class redis_link {
+ public:
+  // Begins to connect; never calls the user from here. `owner` (borrowed) may destroy the link from inside its calls.
+  redis_link(event_base *base, const ko_platform::store_address &address, redis_link_user &owner);
+  redis_link(const redis_link &) = delete;
+  redis_link &operator=(const redis_link &) = delete;
+  ~redis_link();
+
+  // Takes what is to be sent, all of it or (with bad_alloc) nothing. It goes out when control is back in the loop.
+  void send(std::string_view bytes);
+  size_t unsent() const { return out_.size() - sent_; }
+
+ private:
+  struct context_deleter {
+    void operator()(redisContext *context) const;
+  };
+  struct reader_deleter {
+    void operator()(redisReader *reader) const;
+  };
+  struct parsed;  // the answer that is coming in
+
+  void on_readable();
+  void on_writable();
+  bool finish_connect();
+  bool feed(const char *bytes, size_t length);
+  void fail(const std::string &why);
+  static redisReader *make_reader(parsed *into);
+
+  redis_link_user &owner_;
+  std::unique_ptr<redisContext, context_deleter> context_;
+  std::unique_ptr<parsed> parsed_;
+  std::unique_ptr<redisReader, reader_deleter> reader_;
+  std::string out_;
+  size_t sent_ = 0;  // bytes of out_
+  bool connected_ = false;
+  bool *gone_ = nullptr;  // set when the link is destroyed while it calls its user
+  std::string failure_;   // of the beginning; told from the loop
+  std::vector<char> in_;
+  ko_platform::event_ptr readable_;
+  ko_platform::event_ptr writable_;
+};
+
+// Appends a command, or parts of one, as the server takes them.
+void append_head(std::string &out, size_t n_words);
+void append_word(std::string &out, std::string_view word);
+void append_length(std::string &out, size_t length);  // of a word whose bytes follow, and after them "\r\n"
+
+}  // namespace ko_store

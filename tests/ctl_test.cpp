@@ -1,0 +1,682 @@
+// The operator's tool: tables of command lines with their exit status and what they say, on a server of the test's own.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <sstream>
+
+#include "catalog.h"
+#include "cli.h"
+#include "member.h"
+#include "render.h"
+#include "sandbox.h"
+#include "text.h"
+#include "u_bridge.pb-c.h"
+
+namespace {
+
+using harness::client;
+using harness::eventually;
+using harness::read_file;
+using harness::write_file;
+using texts = std::vector<std::string>;
+
+struct ran {
+  int status;
+  std::string says;  // standard output, then standard error; paths as DIR
+  bool operator==(const ran &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const ran &what) { return out << what.status << '\n' << what.says; }
+
+std::string replaced(std::string text, const std::string &from, const std::string &to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+// A switch with ports ge5, ge7, ge8, ge9 (physical ids 100 more) and a server.
+class ctl : public testing::Test {
+ protected:
+  ctl() {
+    std::string ports;
+    for (const char *number : {"5", "7", "8", "9"})
+      ports += (ports.empty() ? "" : ",") + replaced(R"("geN":{"ifx":N,"phyid":10N})", "N", number);
+    box_.platform_file(R"({"store":{"socket":")" + box_.socket() + R"("},"ports":{)" + ports + R"(},"log":{"file":")" +
+                       box_.folder() + R"(/log"}})");
+    box_.start_server();
+  }
+
+  ran tool(const std::string &line, bool on_terminal = false) const {
+    std::istringstream words(replaced(line, "DIR", box_.folder()));
+    std::vector<std::string> arguments{"--platform-file", box_.folder() + "/etc/ko_platform/platform.json"};
+    for (std::string word; words >> word;) arguments.push_back(word == "''" ? "" : word);
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = lspanctl::run(arguments, out, err, on_terminal);
+    return {status, replaced(out.str() + err.str(), box_.folder(), "DIR")};
+  }
+
+  struct row {
+    const char *line;
+    int status;
+    std::string says;
+  };
+  void expect(const std::vector<row> &rows) const {
+    for (const row &each : rows) EXPECT_EQ(tool(each.line), (ran{each.status, each.says})) << each.line;
+  }
+  // The state of every member: the last column.
+  std::string states() const {
+    std::istringstream lines(tool("session show").says);
+    std::string out;
+    std::string line;
+    size_t column = 0;
+    while (std::getline(lines, line)) {
+      if (column == 0)
+        column = line.find("STATE");
+      else
+        out += line.substr(column) + "\n";
+    }
+    return out;
+  }
+  void file(const std::string &name, const std::string &text) const { write_file(box_.folder() + "/" + name, text); }
+
+  harness::sandbox box_;
+};
+
+// ---- bad input ----
+
+TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
+  ASSERT_EQ(tool("session add 1 --source ge5 --target ge9").status, 0);
+  ASSERT_EQ(tool("group join 2 ge7").status, 0);
+  const texts before = box_.dump();
+  const std::string add = "; see lspanctl session add --help\n";
+  const auto numbers = [](const std::string &what) { return "lspanctl: " + what + ": give a number from "; };
+  file("bad.json", "{\"sessions\": [\n  {\"session\": 1,}\n]}");
+  file("late.json", R"({"sessions":[{"session":7,"target":5},{"session":8,"target":9,"vlans":"1,4095"}]})");
+  file("form.json", R"([])");
+  file("twice.json", R"({"sessions":[{"session":7,"target":5},{"session":7,"target":"ge5"}]})");
+  file("owner.json", R"({"sessions":[{"session":7,"target":5,"owner":"cli"}]})");
+  file("word.json", R"({"sessions":[{"session":7,"target":5,"acl":true}]})");
+  file("key.json", R"({"sessions":[{"session":7,"target":5,"vlan":"5"}]})");
+  expect({
+      {"", 2, "lspanctl: give a command; see lspanctl --help\n"},
+      {"session", 2, "lspanctl: give a command; see lspanctl session --help\n"},
+      {"mirror", 2, "lspanctl: mirror means nothing here; see lspanctl --help\n"},
+      {"session add", 2, "lspanctl: session is required" + add},
+      {"session add 3", 2, "lspanctl: target: give an interface or group:ID" + add},
+      {"session add 3 --target 9 --colour red", 2, "lspanctl: --colour means nothing here" + add},
+      {"session add x --target 9", 2, numbers("session x") + "0 to 4294967295" + add},
+      {"session add 4294967296 --target 9", 2, numbers("session 4294967296") + "0 to 4294967295" + add},
+      {"session add 3 --target 9 --acl 0x10", 2, numbers("acl 0x10") + "0 to 4294967295" + add},
+      {"session add 3 --target 9 --vlans 10,4095", 2, numbers("VLAN 4095") + "1 to 4094" + add},
+      {"session add 3 --target 9 --vlans 0", 2, numbers("VLAN 0") + "1 to 4094" + add},
+      {"session add 3 --target 9 --vlans 10,,11", 2, numbers("VLAN \"\"") + "1 to 4094" + add},
+      {"session add 3 --target 9 --vlans 29-20", 2, "lspanctl: VLANs 29-20: give the lower number first" + add},
+      {"session add 3 --target 9 --direction up", 2, "lspanctl: direction up: give rx, tx, both or a number" + add},
+      {"session add 3 --target 9 --learning on", 2, "lspanctl: learning on: give keep or off" + add},
+      {"session add 3 --target 9 --role DST", 2,
+       "lspanctl: mirror_role DST: give a number or one of LOCALSPAN_SRC LOCALSPAN_DST RSPAN_SRC RSPAN_DST ERSPAN_SRC "
+       "ERSPAN_DST" +
+           add},
+      {"session add 3 --target group:2 --module-type CPU", 2,
+       "lspanctl: module type CPU has no group target; leave it out" + add},
+      {"session add 3 --target 9 --module-type GROUP", 2, "lspanctl: module type GROUP needs a target group:ID" + add},
+      {"session add 3 --target group:0", 2, numbers("group 0") + "1 to 4294967295" + add},
+      {"session add 3 --target 6", 1,
+       "lspanctl: interface 6 is not in the platform file's ports; give one of them or add it there\n"},
+      {"session add 3 --target ge9 --source xe1", 1,
+       "lspanctl: interface xe1 is unknown; give a number or a name of the platform file's ports\n"},
+      {"session del 1 --source ge5 --target ge9 --direction rx", 1,
+       "lspanctl: there is no member session 1, ge5 -> ge9, rx of owner lspanctl; lspanctl session show lists them\n"},
+      {"session del 1 --source ge5 --target ge9 --owner me", 1,
+       "lspanctl: there is no member session 1, ge5 -> ge9, both of owner me; --owner lspanctl has one\n"},
+      {"group join 0 ge7", 2, numbers("group 0") + "1 to 4294967295; see lspanctl group join --help\n"},
+      {"group join 3 ge8 ge6", 1,
+       "lspanctl: interface ge6 is unknown; give a number or a name of the platform file's ports\n"},
+      {"group leave ge7 ge8", 1, "lspanctl: interface ge8 is in no group; lspanctl group show lists them\n"},
+      {"result 1 --source ge5 --target ge9 --delete", 1,
+       "lspanctl: there is no result of session 1, ge5 -> ge9, both; lspanctl records --message mirror_result_info "
+       "lists them\n"},
+      {"records --db 5", 2,
+       "lspanctl: database 5: give 4 (CONF_DB), 6 (FWD_DB) or 8 (UDP_DB); see lspanctl records --help\n"},
+      {"watch --db 8 --message data_intf_conf", 2,
+       "lspanctl: UDP_DB has no p_policy.data_intf_conf; leave one of --db and --message out; see lspanctl watch "
+       "--help\n"},
+      {"session show --store nowhere", 2,
+       "lspanctl: --store nowhere: give the path of a socket, unix:PATH or HOST:PORT; see lspanctl session show "
+       "--help\n"},
+      {"session show --store DIR/none", 1,
+       "lspanctl: cannot reach the store at DIR/none: No such file or directory; start it, or name another with "
+       "--store\n"},
+      {"session apply DIR/none.json", 1,
+       "lspanctl: DIR/none.json cannot be read: No such file or directory; name a file that can\n"},
+      {"session apply DIR/bad.json", 1, "lspanctl: DIR/bad.json:2:17: malformed JSON; correct it there\n"},
+      {"session apply DIR/late.json", 1,
+       "lspanctl: DIR/late.json: sessions[1]: VLAN 4095: give a number from 1 to 4094\n"},
+      {"session apply DIR/form.json", 1,
+       "lspanctl: DIR/form.json: give an object with the one member \"sessions\", an array; session export shows the "
+       "form\n"},
+      {"session apply DIR/twice.json", 1, "lspanctl: DIR/twice.json: sessions[1]: is the same member as sessions[0]\n"},
+      {"session apply DIR/owner.json", 1,
+       "lspanctl: DIR/owner.json: sessions[0]: owner cli is another than lspanctl; name it with --owner, or say "
+       "--all-owners\n"},
+      {"session apply DIR/word.json", 1, "lspanctl: DIR/word.json: sessions[0]: acl: give a text or a number\n"},
+      {"session apply DIR/key.json", 1, "lspanctl: DIR/key.json: sessions[0]: vlan: no such member of a session\n"},
+      {"simulate DIR/form.json --level 6", 2, numbers("level 6") + "0 to 5; see lspanctl simulate --help\n"},
+  });
+  EXPECT_EQ(box_.dump(), before);
+}
+
+TEST_F(ctl, records_that_cannot_be_used) {
+  ASSERT_EQ(tool("session add 1 --source ge5 --target ge9").status, 0);
+  client store(box_.socket());
+  store.run({"SELECT", "4"});
+  store.run({"HSET", "u_monitor.mirror_lspan_info", "k1", "\xff\xff"});
+  store.run({"HSET", "u_monitor.mirror_lspan_info", "k2", ""});
+  const std::string place = "lspanctl: CONF_DB u_monitor.mirror_lspan_info: the record with key 0x";
+  const std::string hint = "; have its writer write it again, or delete it\n";
+  const std::string lines = place + "6b31 is left out: it does not decode" + hint;
+  for (const char *line : {"session show", "session export", "records", "check", "session apply DIR/none.json"}) {
+    file("none.json", R"({"sessions":[]})");
+    const ran answer = tool(line);
+    EXPECT_EQ(answer.status, 1) << line;
+    EXPECT_NE(answer.says.find(lines), std::string::npos) << answer.says;
+    EXPECT_NE(answer.says.find(place + "6b32 is left out: it has no index" + hint), std::string::npos) << answer.says;
+  }
+  EXPECT_EQ(store.run({"HLEN", "u_monitor.mirror_lspan_info"}), "3");  // nothing was applied
+}
+
+TEST_F(ctl, a_server_that_refuses_writes) {
+  std::string many = R"({"sessions":[)";
+  for (int i = 0; i < 1200; ++i)
+    many += (i == 0 ? "" : ",") + replaced(R"({"session":N,"target":5})", "N", std::to_string(i));
+  file("many.json", many + "]}");
+  client store(box_.socket());
+  store.run({"CONFIG", "SET", "maxmemory", "1"});
+  const std::string why =
+      "lspanctl: the store at DIR/redis.sock refuses the write: OOM command not allowed when used memory > "
+      "'maxmemory'.";
+  expect({{"session add 3 --target 9", 1, why + "\n"},
+          {"session apply DIR/many.json", 1,
+           why + " (0 of 1200 changes are known to be made; run it again for the rest)\n"}});
+  EXPECT_TRUE(box_.dump().empty());
+  store.run({"CONFIG", "SET", "maxmemory", "0"});
+  expect({{"session apply DIR/many.json", 0, "1200 added, 0 changed, 0 deleted, 0 unchanged\n"}});
+  file("none.json", R"({"sessions":[]})");  // with a terminal there is progress
+  EXPECT_EQ(tool("session apply DIR/none.json", true).says,
+            "0 added, 0 changed, 1200 deleted, 0 unchanged\n"
+            "\rreading mirror_lspan_info 1000 of 1200\r\033[K"
+            "\rwriting 500 of 1200\rwriting 1000 of 1200\rwriting 1200 of 1200\r\033[K");
+}
+
+// ---- members, groups, results ----
+
+TEST_F(ctl, members_and_groups) {
+  expect({
+      {"session show", 0, "no session members\n"},
+      {"group show", 0, "no groups\n"},
+      {"records", 0, "no records\n"},
+      {"session add 3 --source ge5 --target 9 --direction rx", 0, "added session 3, ge5 -> ge9, rx\n"},
+      {"session add 3 --source 5 --target ge9 --direction 1 --rate 64 --json", 0,
+       R"({"done":"replaced","member":{"session":3,"source":"ge5","target":"ge9","direction":"rx","acl":0,)"
+       R"("owner":"lspanctl","vlans":"","rate":64,"learning":"off","apply_type":"PORT","role":"LOCALSPAN_DST",)"
+       R"("module_type":"USER"}})"
+       "\n"},
+      {"session add 4 --target group:2 --vlans 10,20-29 --learning keep --owner cli", 0,
+       "added session 4, none -> group:2, both\n"},
+      {"session add 5 --source 7 --target 8 --acl 7 --direction 9 --role erspan_src", 0,
+       "added session 5, ge7 -> ge8, 9, acl 7\n"},
+      {"group join 2 ge7 8", 0, "ge7 joined group 2\n8 joined group 2\n"},
+      {"group join 3 ge8", 0, "ge8 moved from group 2 to group 3\n"},
+      {"group join 3 ge8", 0, "ge8 is in group 3 already\n"},
+      {"group show", 0,
+       "GROUP  INTERFACES  TARGET OF SESSION\n"
+       "2      ge7         4\n"
+       "3      ge8         -\n"},
+      {"group show 2 --json", 0,
+       "[\n  {\n    \"group\": 2,\n    \"interfaces\": [\n      \"ge7\"\n    ],\n    \"sessions\": [\n      4\n    ]\n "
+       " "
+       "}\n]\n"},
+      {"records --db conf_db", 0,
+       "CONF_DB (4) u_monitor.mirror_lspan_info: session members, as configured (3)\n"
+       "  t_user    session_num  s_ifx  d_ifx    dir   acl_id  module_type  role           apply_type  mtp_switch  "
+       "vlan_map  sample_rate\n"
+       "  cli       4            0      group:2  both  0       GROUP        LOCALSPAN_DST  VLAN        1           "
+       "10,20-29  0\n"
+       "  lspanctl  3            5      9        rx    0       USER         LOCALSPAN_DST  PORT        0           "
+       "-         64\n"
+       "  lspanctl  5            7      8        9     7       USER         ERSPAN_SRC     POLICY      0           "
+       "-         0\n\n"
+       "CONF_DB (4) p_policy.data_intf_conf: outflow groups, the group of each interface (2)\n"
+       "  index  group_id\n"
+       "  7      2\n"
+       "  8      3\n\n"},
+      {"group leave ge8 ge7", 0, "ge8 left group 3\nge7 left group 2\n"},
+      {"result 3 --source ge5 --target ge9 --direction rx --code 7", 0,
+       "wrote result 7 of session 3, ge5 -> ge9, rx\n"},
+      {"result 3 --source ge7 --target group:2 --direction rx", 0,
+       "wrote result 0 of session 3, ge7 -> group:2, rx\n"
+       "lspanctl: note: there is no such member; the daemon deletes results of unknown members\n"},
+      {"records --db 8", 0,
+       "UDP_DB (8) u_monitor.mirror_result_info: results, as the forwarding side wrote them (2)\n"
+       "  t_user   session_num  s_ifx  d_ifx  dir  acl_id  result\n"
+       "  du_span  3            5      9      rx   0       7\n"
+       "  du_span  3            7      2      rx   0       0\n"
+       "  (0 or empty: msg_type)\n\n"},
+      {"result 3 --source ge5 --target ge9 --direction rx --delete", 0,
+       "deleted the result of session 3, ge5 -> ge9, rx\n"},
+      {"session del 4 --target group:2 --owner cli", 0, "deleted session 4, none -> group:2, both\n"},
+      {"session show 4", 0, "session 4 has no members\n"},
+  });
+}
+
+TEST_F(ctl, files_bring_the_store_to_what_they_say) {
+  for (const char *line :
+       {"session add 1 --source ge5 --target ge9 --rate 64", "session add 2 --target group:2 --vlans 7",
+        "session add 9 --source 8 --target 9 --owner cli"})
+    ASSERT_EQ(tool(line).status, 0);
+  const texts before = box_.dump();
+  const ran exported = tool("session export");
+  const std::string one = R"({"session":1,"source":"ge5","target":"ge9","direction":"both","acl":0,"owner":"lspanctl",)"
+                          R"("vlans":"","rate":64,"learning":"off","apply_type":"PORT","role":"LOCALSPAN_DST",)"
+                          R"("module_type":"USER"})";
+  EXPECT_EQ(exported.says.substr(0, exported.says.find("},") + 1), "{\n  \"sessions\": [\n    " + one);
+  file("same.json", exported.says);
+  file("all.json", tool("session export --all-owners").says);
+  file("next.json", R"({"sessions":[{"session":1,"source":5,"target":9,"vlan_map":[2,0]},)"
+                    R"({"session":3,"target":"group:2","direction":7,"learning":5,"role":9}]})");
+  const std::string plan =
+      "delete  session 2, none -> group:2, both\n"
+      "change  session 1, ge5 -> ge9, both: apply_type: PORT -> VLAN, vlan_map: - -> [2,0], sample_rate: 64 -> 0\n"
+      "add     session 3, none -> group:2, 7\n";
+  expect({
+      {"session apply DIR/same.json", 0, "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
+      {"session apply DIR/all.json --all-owners", 0, "0 added, 0 changed, 0 deleted, 3 unchanged\n"},
+      {"session apply DIR/next.json --dry-run", 0,
+       plan + "would be: 1 added, 1 changed, 1 deleted, 0 unchanged (1 of other owners left alone)\n"},
+  });
+  EXPECT_EQ(box_.dump(), before);
+  expect({{"session apply DIR/next.json", 0,
+           "1 added, 1 changed, 1 deleted, 0 unchanged (1 of other owners left alone)\n"}});
+  file("again.json", tool("session export").says);  // also what no list of VLANs and no name says
+  expect({{"session apply DIR/again.json", 0,
+           "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
+          {"session apply DIR/all.json --all-owners --json", 0,
+           R"({"dry_run":false,"added":1,"changed":1,"deleted":1,"unchanged":1,"of_other_owners":0})"
+           "\n"}});
+  EXPECT_EQ(box_.dump(), before);
+}
+
+// Whatever members there are: a file of them brings back what was there, to the byte.
+TEST_F(ctl, random_members_survive_a_file) {
+  std::mt19937 random(11);
+  const auto one_of = [&random](const texts &options) { return options[random() % options.size()]; };
+  texts dumps;
+  for (int round = 0; round < 20; ++round) {
+    for (int i = 0; i < 15; ++i) {
+      std::string line = "session add " + std::to_string(random() % 4) + " --target " + one_of({"9", "ge8", "group:2"});
+      line += one_of({"", " --source ge5", " --source 7"}) + one_of({"", " --direction rx", " --direction 77"});
+      line += one_of({"", " --acl 4294967295"}) + one_of({"", " --vlans 1,4094", " --vlans 31-33,64"});
+      line += one_of({"", " --learning keep"}) + one_of({"", " --apply-type VLAN_FILTER", " --apply-type 9"});
+      line += one_of({"", " --role 3", " --rate 4294967295"}) + one_of({"", " --owner cli"});
+      ASSERT_EQ(tool(line).status, 0) << line;
+    }
+    dumps.push_back(tool("records --json").says);
+    file("round" + std::to_string(round) + ".json", tool("session export --all-owners").says);
+  }
+  for (int round = 0; round < 40; ++round) {
+    const size_t which = random() % dumps.size();
+    ASSERT_EQ(tool("session apply --all-owners DIR/round" + std::to_string(which) + ".json").status, 0);
+    ASSERT_EQ(tool("records --json").says, dumps[which]);
+  }
+}
+
+// ---- with the daemon ----
+
+TEST_F(ctl, states_and_check) {
+  box_.start_daemon();
+  ASSERT_TRUE(box_.settle());
+  const auto step = [this](const char *line) {
+    EXPECT_EQ(tool(line).status, 0) << line;
+    ASSERT_TRUE(box_.settle());
+  };
+  client udp(box_.socket());
+  udp.run({"SELECT", "8"});
+  step("session add 3 --source ge5 --target ge9 --direction rx");
+  EXPECT_EQ(states(), "written: no answer\n");
+  step("result 3 --source ge5 --target ge9 --direction rx");
+  EXPECT_EQ(states(), "answered\n");
+  step("result 3 --source ge5 --target ge9 --direction rx --code 7");
+  EXPECT_EQ(states(), "answered with code 7\n");
+  step("session add 4 --source ge5 --target group:2");
+  EXPECT_EQ(states(), "answered with code 7\nwritten: no answer, target group empty\n");
+  step("group join 2 ge7");
+  EXPECT_EQ(states(), "answered with code 7\nwritten: no answer\n");
+  step("result 4 --source ge5 --target group:2");
+  EXPECT_EQ(states(), "answered with code 7\nanswered\n");
+  expect({{"check", 0, "all is right: 15 right, 0 missing, 0 different, 0 left over\n"}});
+
+  udp.run({"DEL", "u_monitor.span_dst_info"});
+  EXPECT_EQ(states(), "configured: span_dst_info missing\nconfigured: span_dst_info missing\n");
+  lspanctl::store_client store(lspanctl::parse_store(box_.socket()));
+  UBridge__UdpPtLearnIndex port = U_BRIDGE__UDP_PT_LEARN_INDEX__INIT;
+  UBridge__UdpPtLearn learning = U_BRIDGE__UDP_PT_LEARN__INIT;
+  char owner[] = "ko_lspan";
+  port.t_app_name = owner;
+  learning.index = &port;
+  for (const uint32_t ifx : {7, 9}) {
+    port.t_ifx = ifx;
+    store.write(lspanctl::make_change(6, ko_store::change_kind::set, learning.base));
+  }
+  const ran found = tool("check");
+  EXPECT_EQ(found.status, 1);
+  EXPECT_EQ(
+      found.says,
+      "different  FWD_DB   udp_pt_learn        t_app_name=ko_lspan t_ifx=7 learn=unfwd_notlearn (stored -> wanted: "
+      "learn: - -> unfwd_notlearn)\n"
+      "different  FWD_DB   udp_pt_learn        t_app_name=ko_lspan t_ifx=9 learn=unfwd_notlearn (stored -> wanted: "
+      "learn: - -> unfwd_notlearn)\n"
+      "missing    UDP_DB   span_dst_info       t_user=ko_lspan session_id=3 s_phyid=105 d_phyid=109 dir=rx acl_id=0 "
+      "role=LOCALSPAN_DST\n"
+      "missing    UDP_DB   span_dst_info       t_user=ko_lspan session_id=4 s_phyid=105 d_phyid=group:2 dir=both "
+      "acl_id=0 module_type=GROUP role=LOCALSPAN_DST\n"
+      "11 right, 2 missing, 2 different, 0 left over\n");
+
+  const ran as_json = tool("check --json");
+  const lspanctl::json last = lspanctl::json::parse(as_json.says.substr(as_json.says.rfind("\n{") + 1));
+  EXPECT_EQ(lspanctl::dump(last), R"({"right":11,"missing":2,"different":2,"left over":0})");
+  const lspanctl::json shown = lspanctl::json::parse(tool("session show 3 --json").says);
+  EXPECT_EQ(shown[0]["state"], "configured");
+  EXPECT_EQ(shown[0]["reason"], "span_dst_info missing, udp_pt_learn different");
+  EXPECT_TRUE(shown[0]["result"].is_null());
+
+  // Deleted while no daemon runs: what it wrote is left over.
+  box_.daemon().stop();
+  EXPECT_EQ(tool("session del 3 --source ge5 --target ge9 --direction rx").status, 0);
+  EXPECT_EQ(tool("session add 6 --source ge8 --target ge9").status, 0);
+  EXPECT_EQ(states(),
+            "configured: span_dst_info missing, udp_pt_learn different\nconfigured: "
+            "span_dst_info missing, span_port_src_info missing, udp_pt_learn different, span_mtp_info missing\n");
+  EXPECT_NE(tool("check").says.find("7 right, 4 missing, 2 different, 4 left over\n"), std::string::npos);
+  box_.start_daemon();
+  ASSERT_TRUE(box_.settle());
+  expect({{"check", 0, "all is right: 13 right, 0 missing, 0 different, 0 left over\n"}});
+
+  // A platform file that has lost a port; records in the store stay as they are.
+  box_.platform_file(R"({"store":{"socket":")" + box_.socket() + R"("},"ports":{"ge5":{"ifx":5,"phyid":105}}})");
+  EXPECT_EQ(states(), "answered\nconfigured: no translation for interface 8\n");
+}
+
+// ---- dry run ----
+
+TEST_F(ctl, simulate_shows_everything_in_order) {
+  file("events.json", R"([
+    {"message":"data_intf_conf","record":{"index":{"index":"ge7"},"group_id":2}},
+    {"change":"added","db":4,"message":"u_monitor.mirror_lspan_info","time":"12:00","record":
+      {"index":{"session_num":4,"s_ifx":5,"d_ifx":"group:2","dir":"rx"},"module_type":"GROUP","role":1,"vlan_map":"3",
+       "apply_type":"VLAN"}},
+    {"message":"mirror_result_info","record":{"index":{"t_user":"du_span","session_num":9}}},
+    {"change":"set","message":"span_dst_info","record":{"index":{}}},
+    {"change":"del","message":"mirror_lspan_info","record":{"index":{"session_num":4,"s_ifx":5,"d_ifx":"group:2","dir":1}}},
+    {"change":"set","message":"mirror_lspan_info","record":{"index":{"session_num":5,"s_ifx":6}}}
+  ])");
+  const std::string key = "t_user=ko_lspan session_id=4 s_phyid=105 d_phyid=group:2 dir=rx acl_id=0";
+  const std::string index = "session_num=4 s_ifx=5 d_ifx=group:2 dir=rx acl_id=0";
+  const std::string trace =
+      "start\n\n"
+      "event 1: set CONF_DB p_policy.data_intf_conf  index=7 group_id=2\n"
+      "  status   0\n\n"
+      "event 2: set CONF_DB u_monitor.mirror_lspan_info  t_user=- " +
+      index +
+      " module_type=GROUP role=LOCALSPAN_DST apply_type=VLAN vlan_map=3\n"
+      "  set      UDP_DB   span_dst_info  " +
+      key +
+      " module_type=GROUP role=LOCALSPAN_DST apply_type=VLAN\n"
+      "  set      UDP_DB   span_vlan_src_info  " +
+      key +
+      " module_type=GROUP role=LOCALSPAN_DST vlan_map=3\n"
+      "  set      FWD_DB   udp_pt_learn  t_app_name=ko_lspan t_ifx=7 learn=unfwd_notlearn\n"
+      "  publish  FWD_DB   udp_flushdyn  ifx=7 flag=4\n"
+      "  set      UDP_DB   span_mtp_info  t_user=ko_lspan session_id=4 d_phyid=group:2 module_type=GROUP "
+      "role=LOCALSPAN_DST\n"
+      "  status   0\n\n"
+      "event 3: set UDP_DB u_monitor.mirror_result_info  t_user=du_span session_num=9 s_ifx=0 d_ifx=0 dir=0 acl_id=0\n"
+      "  del      UDP_DB   mirror_result_info  t_user=du_span session_num=9 s_ifx=0 d_ifx=0 dir=0 acl_id=0\n"
+      "  status   0\n\n"
+      "event 4: set UDP_DB u_monitor.span_dst_info  t_user=- session_id=0 s_phyid=0 d_phyid=0 dir=0 acl_id=0\n"
+      "  no event: the daemon does not read this record\n\n"
+      "event 5: del CONF_DB u_monitor.mirror_lspan_info  t_user=- " +
+      index +
+      "\n"
+      "  del      UDP_DB   span_vlan_src_info  " +
+      key +
+      "\n"
+      "  del      UDP_DB   mirror_result_info  t_user=du_span session_num=4 s_ifx=5 d_ifx=2 dir=rx acl_id=0\n"
+      "  del      UDP_DB   span_dst_info  " +
+      key +
+      "\n"
+      "  del      FWD_DB   udp_pt_learn  t_app_name=ko_lspan t_ifx=7\n"
+      "  del      UDP_DB   span_mtp_info  t_user=ko_lspan session_id=4 d_phyid=group:2\n"
+      "  status   0\n\n"
+      "event 6: set CONF_DB u_monitor.mirror_lspan_info  t_user=- session_num=5 s_ifx=6 d_ifx=0 dir=0 acl_id=0\n"
+      "  status   -7\n";
+  box_.server().stop();  // no server is needed
+  expect({{"simulate DIR/events.json --level 0", 0, trace}, {"simulate DIR/events.json --level 0", 0, trace}});
+  const std::string loud = tool("simulate DIR/events.json").says;
+  EXPECT_NE(
+      loud.find("  log      error  ko_span_trans_mirror_ifx_to_phyid: libddm get sphyid failed. ret=-7, s_ifx=6\n"),
+      std::string::npos);
+  EXPECT_NE(loud.find("  log      debug  ko_lspan_del: ======ko lspan del end========\n  status   0\n"),
+            std::string::npos);
+
+  // For programs the same, a line each; what records and watch write can be played, too.
+  std::istringstream lines(tool("simulate DIR/events.json --json --level 4").says);
+  std::string order;
+  for (std::string line; std::getline(lines, line);) {
+    const std::string first = lspanctl::json::parse(line).begin().key();
+    order += first == "status" ? first + line.substr(9) + ";" : first + " ";
+  }
+  EXPECT_EQ(order,
+            "log log event status:0};event write write write write write status:0};event log write status:0};"
+            "event note event write write write write write status:0};event log log log log status:-7};");
+
+  const std::string head = "lspanctl: DIR/bad.json: [0]: ";
+  struct bad {
+    const char *event;
+    const char *why;
+  };
+  for (const bad &each : std::vector<bad>{
+           {R"(5)", "give an object"},
+           {R"({"message":"nothing","record":{}})", "message nothing: give one of"},
+           {R"({"message":"data_intf_conf","db":8,"record":{}})",
+            "message: p_policy.data_intf_conf is not stored in that database"},
+           {R"({"message":"data_intf_conf"})", "record: give one"},
+           {R"({"message":"data_intf_conf","record":{}})", "record: index: give it, it is the key"},
+           {R"({"message":"data_intf_conf","record":{"index":{"index":-1}}})",
+            "record: index: index: give a number from 0 to 4294967295"},
+           {R"({"message":"data_intf_conf","record":{"index":{"ifx":1}}})",
+            "record: index: ifx: no such field in p_intf.intfindex"},
+           {R"({"message":"mirror_lspan_info","record":{"index":{"t_user":"a\u0000b"}}})",
+            "record: index: t_user: a text must not hold a NUL character"},
+           {R"({"message":"mirror_lspan_info","record":{"index":{},"vlan_map":[1,-1]}})",
+            "record: vlan_map: words are 32-bit numbers"},
+           {R"({"change":"kill","message":"data_intf_conf","record":{}})", "change: give \"set\" or \"del\""}}) {
+    file("bad.json", "[" + std::string(each.event) + "]");
+    const ran answer = tool("simulate DIR/bad.json");
+    EXPECT_EQ(answer.status, 1) << each.event;
+    EXPECT_EQ(answer.says.substr(0, head.size() + std::strlen(each.why)), head + each.why);
+  }
+}
+
+// ---- watch: a process of its own, as it waits for signals ----
+
+TEST_F(ctl, watch_tells_what_a_change_changed) {
+  ASSERT_EQ(tool("session add 1 --source ge5 --target ge9 --rate 4").status, 0);
+  const std::string output = box_.folder() + "/watch";
+  const auto watch = [&](harness::process &as, texts more) {
+    texts arguments{LSPANCTL_PROGRAM, "watch", "--store", box_.socket()};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    write_file(output, "");  // not what an earlier one said
+    as.start(arguments, output);
+    return eventually([&] { return read_file(output).find("watching") != std::string::npos; }, "the watch");
+  };
+  harness::process all;
+  ASSERT_TRUE(watch(all, {}));
+  for (const char *line :
+       {"session add 1 --source ge5 --target ge9 --rate 64", "session add 1 --source ge5 --target ge9 --rate 64",
+        "group join 2 ge7", "session del 1 --source ge5 --target ge9"})
+    ASSERT_EQ(tool(line).status, 0);
+  client other(box_.socket());
+  other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", std::string("!\0\0\0\0", 5) + "\x38\x09\x48\x04"});
+  other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", "?"});
+  other.run({"PUBLISH", "6:something.else", "?"});
+  other.run({"PUBLISH", "8:u_monitor.span_mtp_info", std::string("-\0\0\0\1k", 6)});
+  eventually([&] { return read_file(output).find("span_mtp_info") != std::string::npos; }, "the last change");
+  all.signal(SIGINT);
+  EXPECT_EQ(all.wait(), 0);
+  std::istringstream lines(read_file(output));
+  std::string shown;
+  for (std::string line; std::getline(lines, line);)
+    shown += (line.starts_with("lspanctl:") ? line : line.substr(std::min<size_t>(line.size(), 14))) + "\n";
+  const std::string key = "t_user=lspanctl session_num=1 s_ifx=5 d_ifx=9 dir=both acl_id=0";
+  EXPECT_EQ(shown,
+            "lspanctl: watching; end it with Ctrl-C\n"
+            "CONF_DB  changed  mirror_lspan_info   " +
+                key +
+                ": sample_rate: 4 -> 64\n"
+                "CONF_DB  same     mirror_lspan_info   " +
+                key +
+                "\n"
+                "CONF_DB  added    data_intf_conf      index=7 group_id=2\n"
+                "CONF_DB  deleted  mirror_lspan_info   " +
+                key +
+                " role=LOCALSPAN_DST sample_rate=64\n"
+                "FWD_DB   request  udp_flushdyn        ifx=9 flag=4\n"
+                "FWD_DB   unreadable  udp_flushdyn        announcement 0x3f\n"
+                "UDP_DB   deleted  span_mtp_info       key 0x6b, not seen before\n");
+
+  harness::process some;
+  ASSERT_TRUE(watch(some, {"--json", "--message", "data_intf_conf", "--count", "1", "--for", "60"}));
+  ASSERT_EQ(tool("session add 1 --target ge9").status, 0);
+  ASSERT_EQ(tool("group join 3 ge7").status, 0);
+  EXPECT_EQ(some.wait(), 0);
+  EXPECT_NE(read_file(output).find(R"("db":4,"message":"p_policy.data_intf_conf","change":"changed","record":)"
+                                   R"({"index":{"index":7},"group_id":3}})"),
+            std::string::npos);
+
+  harness::process cut;
+  ASSERT_TRUE(watch(cut, {}));
+  box_.server().stop();
+  EXPECT_EQ(cut.wait(), 1);
+  EXPECT_NE(read_file(output).find("is gone: Server closed the connection; see that it runs and try again\n"),
+            std::string::npos);
+}
+
+// ---- texts ----
+
+TEST(ctl_text, vlan_lists) {
+  struct row {
+    const char *given, *shown;
+  };
+  for (const row &each : std::vector<row>{{"", ""},
+                                          {"1", "1"},
+                                          {"31,32,33", "31-33"},
+                                          {"30,10-12,12,11", "10-12,30"},
+                                          {"5,6", "5,6"},
+                                          {"1-4094", "1-4094"},
+                                          {"4094", "4094"}}) {
+    const auto words = lspanctl::parse_vlans(each.given);
+    EXPECT_EQ(lspanctl::vlans_text(words.data(), words.size()), each.shown);
+  }
+  EXPECT_EQ(lspanctl::parse_vlans("1,33"), (std::vector<uint32_t>{2, 2}));
+}
+
+// A message with random contents, so that every field of every kind comes by.
+void fill(ProtobufCMessage &message, std::mt19937 &random) {
+  for (unsigned i = 0; i < message.descriptor->n_fields; ++i) {
+    const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
+    char *at = reinterpret_cast<char *>(&message) + field.offset;
+    const uint32_t number = random() % 4 == 0 ? random() : random() % 8;
+    if (field.label == PROTOBUF_C_LABEL_REPEATED) {
+      const size_t n = random() % 5;
+      auto *words = static_cast<uint32_t *>(std::calloc(n + 1, sizeof(uint32_t)));
+      for (size_t word = 0; word < n; ++word) words[word] = random() % 2 * random();
+      *reinterpret_cast<size_t *>(reinterpret_cast<char *>(&message) + field.quantifier_offset) = n;
+      *reinterpret_cast<uint32_t **>(at) = words;
+    } else if (field.type == PROTOBUF_C_TYPE_STRING) {
+      *reinterpret_cast<char **>(at) = strdup(random() % 2 == 0 ? "a \"b\"\t\x01" : "plain");
+    } else if (field.type == PROTOBUF_C_TYPE_MESSAGE) {
+      const auto *type = static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
+      auto *part = static_cast<ProtobufCMessage *>(std::calloc(1, type->sizeof_message));
+      protobuf_c_message_init(type, part);
+      fill(*part, random);
+      *reinterpret_cast<ProtobufCMessage **>(at) = part;
+    } else {
+      *reinterpret_cast<uint32_t *>(at) = number;
+    }
+  }
+}
+
+TEST(ctl_text, json_loses_nothing) {
+  std::mt19937 random(7);
+  const auto no_interface = [](const std::string &) -> uint32_t { throw lspanctl::refused("none"); };
+  for (const lspanctl::record_kind &kind : lspanctl::record_kinds()) {
+    if (!kind.stored) continue;  // the flush request has octets, which are shown only
+    for (int round = 0; round < 200; ++round) {
+      ko_store::message_ptr message(static_cast<ProtobufCMessage *>(std::calloc(1, kind.type->sizeof_message)));
+      protobuf_c_message_init(kind.type, message.get());
+      fill(*message, random);
+      const std::string text = lspanctl::dump(lspanctl::to_json(*message));
+      std::string before;
+      std::string after;
+      ko_store::append_packed(*message, before);
+      try {
+        ko_store::append_packed(*lspanctl::from_json(*kind.type, lspanctl::json::parse(text), no_interface), after);
+      } catch (const std::exception &error) {
+        FAIL() << text << ": " << error.what();
+      }
+      ASSERT_EQ(before, after) << text;
+    }
+  }
+}
+
+TEST_F(ctl, completion_in_bash) {
+  const std::string script = box_.folder() + "/completion";
+  write_file(script, tool("completion").says);
+  const std::string ask =
+      "source " + script + "; COMP_WORDS=(lspanctl \"$@\"); COMP_CWORD=$#; _lspanctl; echo \"${COMPREPLY[*]}\"";
+  struct question {
+    texts words;
+    const char *offered;
+  };
+  for (const question &each : std::vector<question>{{{"se"}, "session"},
+                                                    {{"session", "add", "3", "--t"}, "--target"},
+                                                    {{"session", "add", "3", "--direction", ""}, "rx tx both"},
+                                                    {{"--json", "group", "l"}, "leave"},
+                                                    {{"records", "--message", "span_d"}, "span_dst_info"},
+                                                    {{"session", "add", "3", "--rate", ""}, ""}}) {
+    texts arguments{"/bin/bash", "-c", ask, "bash"};
+    arguments.insert(arguments.end(), each.words.begin(), each.words.end());
+    harness::process bash;
+    write_file(box_.folder() + "/offered", "");
+    bash.start(arguments, box_.folder() + "/offered");
+    EXPECT_EQ(bash.wait(), 0);
+    EXPECT_EQ(read_file(box_.folder() + "/offered"), each.offered + std::string("\n")) << each.words.front();
+  }
+}
+
+TEST_F(ctl, help_of_every_command_has_examples) {
+  for (const char *line :
+       {"", "session add", "session del", "session show", "session export", "session apply", "group join",
+        "group leave", "group show", "result", "records", "watch", "check", "simulate", "completion"}) {
+    const ran answer = tool(line + std::string(" --help"));
+    EXPECT_EQ(answer.status, 0) << line;
+    EXPECT_NE(answer.says.find("Examples:\n"), std::string::npos) << line;
+  }
+}
+
+}  // namespace
