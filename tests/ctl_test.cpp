@@ -311,6 +311,30 @@ TEST_F(ctl, files_bring_the_store_to_what_they_say) {
   EXPECT_EQ(box_.dump(), before);
 }
 
+// Whatever members there are: a file of them brings back what was there, to the byte.
+TEST_F(ctl, random_members_survive_a_file) {
+  std::mt19937 random(11);
+  const auto one_of = [&random](const texts &options) { return options[random() % options.size()]; };
+  texts dumps;
+  for (int round = 0; round < 20; ++round) {
+    for (int i = 0; i < 15; ++i) {
+      std::string line = "session add " + std::to_string(random() % 4) + " --target " + one_of({"9", "ge8", "group:2"});
+      line += one_of({"", " --source ge5", " --source 7"}) + one_of({"", " --direction rx", " --direction 77"});
+      line += one_of({"", " --acl 4294967295"}) + one_of({"", " --vlans 1,4094", " --vlans 31-33,64"});
+      line += one_of({"", " --learning keep"}) + one_of({"", " --apply-type VLAN_FILTER", " --apply-type 9"});
+      line += one_of({"", " --role 3", " --rate 4294967295"}) + one_of({"", " --owner cli"});
+      ASSERT_EQ(tool(line).status, 0) << line;
+    }
+    dumps.push_back(tool("records --json").says);
+    file("round" + std::to_string(round) + ".json", tool("session export --all-owners").says);
+  }
+  for (int round = 0; round < 40; ++round) {
+    const size_t which = random() % dumps.size();
+    ASSERT_EQ(tool("session apply --all-owners DIR/round" + std::to_string(which) + ".json").status, 0);
+    ASSERT_EQ(tool("records --json").says, dumps[which]);
+  }
+}
+
 // ---- with the daemon ----
 
 TEST_F(ctl, states_and_check) {
@@ -361,6 +385,14 @@ TEST_F(ctl, states_and_check) {
       "missing    UDP_DB   span_dst_info       t_user=ko_lspan session_id=4 s_phyid=105 d_phyid=group:2 dir=both "
       "acl_id=0 module_type=GROUP role=LOCALSPAN_DST\n"
       "11 right, 2 missing, 2 different, 0 left over\n");
+
+  const ran as_json = tool("check --json");
+  const lspanctl::json last = lspanctl::json::parse(as_json.says.substr(as_json.says.rfind("\n{") + 1));
+  EXPECT_EQ(lspanctl::dump(last), R"({"right":11,"missing":2,"different":2,"left over":0})");
+  const lspanctl::json shown = lspanctl::json::parse(tool("session show 3 --json").says);
+  EXPECT_EQ(shown[0]["state"], "configured");
+  EXPECT_EQ(shown[0]["reason"], "span_dst_info missing, udp_pt_learn different");
+  EXPECT_TRUE(shown[0]["result"].is_null());
 
   // Deleted while no daemon runs: what it wrote is left over.
   box_.daemon().stop();
@@ -440,6 +472,17 @@ TEST_F(ctl, simulate_shows_everything_in_order) {
       std::string::npos);
   EXPECT_NE(loud.find("  log      debug  ko_lspan_del: ======ko lspan del end========\n  status   0\n"),
             std::string::npos);
+
+  // For programs the same, a line each; what records and watch write can be played, too.
+  std::istringstream lines(tool("simulate DIR/events.json --json --level 4").says);
+  std::string order;
+  for (std::string line; std::getline(lines, line);) {
+    const std::string first = lspanctl::json::parse(line).begin().key();
+    order += first == "status" ? first + line.substr(9) + ";" : first + " ";
+  }
+  EXPECT_EQ(order,
+            "log log event status:0};event write write write write write status:0};event log write status:0};"
+            "event note event write write write write write status:0};event log log log log status:-7};");
 
   const std::string head = "lspanctl: DIR/bad.json: [0]: ";
   struct bad {

@@ -5,7 +5,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -101,10 +100,6 @@ void proxy::run() {
     if (cut_.exchange(false)) {
       for (const auto &over : links_) close(*over);
       links_.clear();
-    }
-    if (stalled_) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      continue;
     }
     std::vector<pollfd> files{{listener_, POLLIN, 0}};
     for (const auto &over : links_) files.insert(files.end(), {{over->daemon, POLLIN, 0}, {over->server, POLLIN, 0}});
