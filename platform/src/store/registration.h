@@ -61,10 +61,10 @@ struct input_source {
 
 struct output_source {
   hash_id hash;
-  std::string owner;      // whose records these are; empty: nobody's in particular
-  record_table wanted;    // as it shall be
-  sorted_records stored;  // as it was just read, own records only
-  bool readable = true;   // the last read of it succeeded
+  std::string owner;     // whose records these are; empty: nobody's in particular
+  record_table wanted;   // as it shall be
+  record_table stored;   // as it was just read, own records only
+  bool readable = true;  // the last read of it succeeded
 };
 
 class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
@@ -170,7 +170,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   enum class step { begin, compare, carry_out };
   size_t position_ = 0;
   step step_ = step::begin;
-  size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
+  size_t next_known_ = 0;          // next bucket to compare: of the copy, of what is wanted, or of what is stored
   std::set<std::string> deletes_;  // keys of what has gone
   std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;
