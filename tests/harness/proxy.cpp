@@ -64,7 +64,7 @@ size_t parse_command(std::string_view bytes, std::vector<std::string> &words) {
 
 }  // namespace
 
-proxy::proxy(std::string listen, std::string server)
+proxy::proxy(const std::string &listen, std::string server)
     : server_path_(std::move(server)), listener_(open_socket(listen, true)) {
   if (listener_ < 0) throw std::runtime_error("the proxy cannot listen");
   thread_ = std::thread([this] { run(); });

@@ -14,7 +14,7 @@ namespace harness {
 class proxy {
  public:
   // Listens on the Unix socket `listen` and connects to the Unix socket `server` for each that comes.
-  proxy(std::string listen, std::string server);
+  proxy(const std::string &listen, std::string server);
   proxy(const proxy &) = delete;
   proxy &operator=(const proxy &) = delete;
   ~proxy();

@@ -286,7 +286,7 @@ void redis_engine::write(const change &what) {
   command_.append("\r\n");
   if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
 
-  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4u : 1u, .changed = what.hash}, what.key,
+  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4U : 1U, .changed = what.hash}, what.key,
       what.record);
 }
 

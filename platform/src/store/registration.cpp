@@ -75,14 +75,11 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
 
   inputs_.clear();
   outputs_.clear();
-  for (uint32_t i = 0; i < n_inputs; ++i)
-    inputs_.push_back(
-        std::unique_ptr<input_source>(new input_source{hashes[i], {}, record_table(&pool_), sorted_records(&pool_)}));
+  for (uint32_t i = 0; i < n_inputs; ++i) inputs_.push_back(std::make_unique<input_source>(hashes[i], &pool_));
   for (uint32_t i = 0; i < n_outputs; ++i) {
     const ProtobufCMessage *key = key_of(*outputs[i].record);
     const auto owner = key == nullptr ? std::nullopt : owner_of(*key);
-    outputs_.push_back(std::unique_ptr<output_source>(new output_source{
-        hashes[n_inputs + i], std::string(owner.value_or("")), record_table(&pool_), record_table(&pool_)}));
+    outputs_.push_back(std::make_unique<output_source>(hashes[n_inputs + i], owner.value_or(""), &pool_));
   }
   own_records_ = false;
   all_read_told_ = false;

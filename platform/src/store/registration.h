@@ -50,16 +50,21 @@ struct event_handler {
 };
 
 struct input_source {
+  input_source(const hash_id &id, std::pmr::memory_resource *memory) : hash(id), copy(memory), stored(memory) {}
+
   hash_id hash;
-  event_handler on[2];    // by VX_MOM_EVENT_...
-  record_table copy;      // as the handlers know it
-  sorted_records stored;  // as it was just read
+  event_handler on[2] = {};  // by VX_MOM_EVENT_...
+  record_table copy;         // as the handlers know it
+  sorted_records stored;     // as it was just read
   // Keys that this process had deleted and that may still be there, or be there again: a read hands them over once
   // more, and the handlers decide anew.
   std::set<std::string, std::less<>> doubtful = {};
 };
 
 struct output_source {
+  output_source(const hash_id &id, std::string_view whose, std::pmr::memory_resource *memory)
+      : hash(id), owner(whose), wanted(memory), stored(memory) {}
+
   hash_id hash;
   std::string owner;     // whose records these are; empty: nobody's in particular
   record_table wanted;   // as it shall be
