@@ -2,17 +2,21 @@
 // the same announcements and answers each with as many commands, transactions and bytes as the daemon does, from
 // patterns, without looking at what came.
 //
-//   bench_floor chain SOCKET    answers session announcements until it is killed
+//   bench_floor chain SOCKET               answers session announcements until it is killed
+//   bench_floor recovery SOCKET N WRITES   reads what the daemon reads at its start, then writes what it writes for N
+//                                          events: all of it (WRITES 1), or only the flush requests (0)
 #include <event2/event.h>
 #include <hiredis/async.h>
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "events.h"
+#include "figures.h"
 
 namespace {
 
@@ -89,10 +93,81 @@ int run_chain(const char *socket) {
   return event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY);
 }
 
+// ---- recovery ----
+
+// Hashes that the daemon reads: its inputs, and its own records in its outputs.
+constexpr std::pair<int, const char *> hashes[] = {
+    {4, "u_monitor.mirror_lspan_info"},  {4, "p_policy.data_intf_conf"},     {8, "u_monitor.mirror_result_info"},
+    {8, "u_monitor.span_port_src_info"}, {8, "u_monitor.span_acl_src_info"}, {8, "u_monitor.span_vlan_src_info"},
+    {8, "u_monitor.span_dst_info"},      {8, "u_monitor.span_mtp_info"},     {4, "u_monitor.mirror_result_info"},
+    {6, "u_bridge.udp_pt_learn"}};
+constexpr size_t n_hashes = std::size(hashes);
+
+struct recovery {
+  event_base *base;
+  redisAsyncContext *writer;
+  uint32_t n;
+  bool writes;
+  std::vector<bench::pattern> answer = answer_patterns();
+  bench::pattern flush{bench::commands_of(bench::derived_records(bench::pattern::number)[3])[0]};
+  size_t reading = n_hashes;
+  int selected = 0;
+  uint32_t sent = 0;
+  struct scan {
+    recovery *self;
+    size_t hash;
+  } scans[n_hashes] = {};
+
+  void ask_page(size_t i, const char *cursor) {
+    if (hashes[i].first != selected) redisAsyncCommand(writer, nullptr, nullptr, "SELECT %d", hashes[i].first);
+    selected = hashes[i].first;
+    scans[i] = {this, i};
+    redisAsyncCommand(writer, on_page, &scans[i], "HSCAN %s %s COUNT 1000", hashes[i].second, cursor);
+  }
+
+  static void on_page(redisAsyncContext *, void *answer, void *at) {
+    const auto *reply = static_cast<const redisReply *>(answer);
+    const scan &of = *static_cast<scan *>(at);
+    if (reply == nullptr) return;
+    const char *cursor = reply->element[0]->str;
+    if (std::strcmp(cursor, "0") != 0) return of.self->ask_page(of.hash, cursor);
+    if (--of.self->reading > 0) return;
+    std::printf("%.4f\n", bench::seconds_now());
+    std::fflush(stdout);
+    redisAsyncCommand(of.self->writer, nullptr, nullptr, "SELECT 8");
+    of.self->send_some();
+  }
+
+  // A thousand events; the next thousand when these are answered.
+  void send_some() {
+    if (sent == n) return void(event_base_loopbreak(base));
+    for (const uint32_t end = std::min(n, sent + 1000); sent < end; ++sent) {
+      const auto send = [&](bench::pattern &part) {
+        const std::string_view bytes = part.with(bench::first_number + sent);
+        redisAsyncFormattedCommand(writer, nullptr, nullptr, bytes.data(), bytes.size());
+      };
+      if (!writes) send(flush);
+      if (writes)
+        for (bench::pattern &part : answer) send(part);
+    }
+    redisAsyncCommand(
+        writer, [](redisAsyncContext *, void *, void *at) { static_cast<recovery *>(at)->send_some(); }, this, "PING");
+  }
+};
+
+int run_recovery(const char *socket, uint32_t n, bool writes) {
+  event_base *base = event_base_new();
+  recovery self{base, connect(base, socket), n, writes};
+  for (size_t i = 0; i < n_hashes; ++i) self.ask_page(i, "0");
+  return event_base_dispatch(base);
+}
+
 }  // namespace
 
 int main(int n_words, char **words) {
   if (n_words == 3 && std::strcmp(words[1], "chain") == 0) return run_chain(words[2]);
-  std::fprintf(stderr, "usage: %s chain SOCKET\n", words[0]);
+  if (n_words == 5 && std::strcmp(words[1], "recovery") == 0)
+    return run_recovery(words[2], static_cast<uint32_t>(std::atoi(words[3])), std::atoi(words[4]) != 0);
+  std::fprintf(stderr, "usage: %s chain SOCKET | recovery SOCKET N WRITES\n", words[0]);
   return 2;
 }

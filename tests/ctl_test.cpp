@@ -185,7 +185,9 @@ TEST_F(ctl, records_that_cannot_be_used) {
     const ran answer = tool(line);
     EXPECT_EQ(answer.status, 1) << line;
     EXPECT_NE(answer.says.find(lines), std::string::npos) << answer.says;
-    EXPECT_NE(answer.says.find(place + "6b32 is left out: it has no index" + hint), std::string::npos) << answer.says;
+    EXPECT_NE(answer.says.find(std::string(place).append("6b32 is left out: it has no index").append(hint)),
+              std::string::npos)
+        << answer.says;
   }
   EXPECT_EQ(store.run({"HLEN", "u_monitor.mirror_lspan_info"}), "3");  // nothing was applied
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdarg>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -51,6 +52,8 @@ class scrambler final : public engine, private engine_user {
 
   memory_engine inner;
   bool holds = false;
+  bool loses = false;             // writes do not arrive, and that comes out when the connection breaks
+  std::function<void()> between;  // called once, when the first hash was read and the others were not
 
   // Hands out what was held: changes of one key in their order, all else in any, some of them twice. `drop`: one of
   // them never. Returns whether one was dropped.
@@ -74,6 +77,8 @@ class scrambler final : public engine, private engine_user {
   void reconnect() {
     held_.clear();
     user_->down();
+    for (const auto &[hash, what] : lost_) user_->undone({hash, what.kind, what.key, what.record}, {});
+    lost_.clear();
     user_->up();
   }
   void garbage(size_t input) { user_->malformed(input); }
@@ -84,7 +89,10 @@ class scrambler final : public engine, private engine_user {
   }
   void scan(size_t hash) override { inner.scan(hash); }
   void fetch(size_t input, std::string_view key) override { inner.fetch(input, key); }
-  void write(const change &what) override { inner.write(what); }
+  void write(const change &what) override {
+    if (!loses) return inner.write(what);
+    lost_.push_back({what.hash, {0, what.kind, std::string(what.key), std::string(what.record)}});
+  }
   bool congested() const override { return false; }
 
  private:
@@ -105,6 +113,7 @@ class scrambler final : public engine, private engine_user {
   void malformed(size_t) override {}
   void page(size_t hash, std::span<const stored_record> records, bool last) override {
     user_->page(hash, records, last);
+    if (hash == 0 && between) std::exchange(between, {})();
   }
   void unreadable(size_t, std::string_view) override {}
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override {
@@ -115,6 +124,7 @@ class scrambler final : public engine, private engine_user {
 
   engine_user *user_ = nullptr;
   std::vector<note> held_;
+  std::vector<std::pair<hash_id, note>> lost_;
 };
 
 // One for the process, as in the daemon; each test leaves it without records.
@@ -211,7 +221,15 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
       w.put(random_record(random, stays), stays || random() % 3 != 0 ? change_kind::set : change_kind::del);
       if (random() % 8 != 0) continue;
       w.turn();
-      if (w.wire->release(random, random() % 4 == 0)) w.wire->reconnect();
+      if (!w.wire->release(random, random() % 4 == 0)) continue;
+      w.wire->between = [&] {
+        w.wire->holds = false;
+        for (int i = 0; i < 4; ++i)
+          w.put(random_record(random, false), i % 2 == 0 ? change_kind::set : change_kind::del);
+      };
+      w.wire->reconnect();
+      w.turn();
+      w.wire->holds = true;
     }
     w.turn();
     if (w.wire->release(random, round % 2 == 0)) w.wire->reconnect();
@@ -220,10 +238,34 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
     const world::contents end = w.outputs();
     const std::vector<record> inputs = w.inputs();
     w.clear();
+    for (const auto &[name, records] : w.outputs()) EXPECT_TRUE(name == "relayed" || records.empty()) << name;
     for (const record &what : inputs) w.put(what);
     w.turn();
     EXPECT_EQ(end, w.outputs());
     EXPECT_GT(end.at("u_monitor.span_dst_info").size(), 11U);
+    w.clear();
+  }
+}
+
+// A member is deleted, and what the daemon wrote of it got lost. Its result goes after all, unless both are back by
+// then.
+TEST(writes, lost_ones_are_decided_anew) {
+  world &w = the_world();
+  for (const bool comes_back : {false, true}) {
+    const record gone = result(numbered(0), 1);
+    w.put(session(numbered(0))), w.put(gone);
+    w.turn();
+    const world::contents whole = w.outputs();
+    w.wire->loses = true;
+    w.put(session(numbered(0)), change_kind::del);
+    w.turn();
+    w.wire->loses = false;
+    EXPECT_TRUE(w.outputs() == whole);
+    if (comes_back) w.put(session(numbered(0)));
+    w.wire->reconnect();
+    w.turn();
+    EXPECT_EQ(w.wire->inner.records(gone.db, gone.type->name).contains(gone.key), comes_back);
+    EXPECT_EQ(w.outputs() == whole, comes_back);
     w.clear();
   }
 }

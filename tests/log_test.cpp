@@ -54,7 +54,7 @@ std::string standard_error(const std::string &file, const std::function<void()> 
   int status = -1;
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
-  const std::string text = read_file(path);
+  std::string text = read_file(path);
   std::filesystem::remove(path);
   return text;
 }

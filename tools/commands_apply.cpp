@@ -193,6 +193,7 @@ int apply(context &ctx, const apply_options &options) {
   } else {
     progress_line progress = ctx.progress("writing", steps.size());
     std::vector<change> changes;
+    changes.reserve(steps.size());
     for (const step &next : steps) changes.push_back(next.write);
     store.write_all(changes, [&progress](size_t done) { progress.show(done); });
   }

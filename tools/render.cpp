@@ -114,13 +114,14 @@ json message_json(const ProtobufCMessage &message, bool named_group) {
 bool is_default(const ProtobufCFieldDescriptor &field, const json &value) {
   if (value.is_number()) return value == 0;
   if (value.is_string() && enum_of(field) != nullptr) return value == enum_text(*enum_of(field), 0);
-  return value.empty() || value == "";
+  return value.is_string() ? value.get_ref<const std::string &>().empty() : value.empty();
 }
 
 std::string cell_text(const ProtobufCFieldDescriptor &field, const json &value) {
   if (look_of(field) == look::direction) return dir_text(value.get<uint32_t>());
   if (!value.is_string()) return dump(value);
-  return value == "" ? "-" : printable(value.get<std::string>());
+  const auto &text = value.get_ref<const std::string &>();
+  return text.empty() ? "-" : printable(text);
 }
 
 void append_cells(const ProtobufCMessage &message, const std::string &prefix, bool in_key, bool named_group,

@@ -139,4 +139,6 @@ std::string mirror_target_channel() {
   return ko_store::channel_name(forwarding_db, u_monitor__span_mtp_info__descriptor.name);
 }
 
+std::string flush_channel() { return ko_store::channel_name(learning_db, u_bridge__udp_flushdyn__descriptor.name); }
+
 }  // namespace bench

@@ -57,5 +57,6 @@ class pattern {
 
 std::string session_channel();
 std::string mirror_target_channel();
+std::string flush_channel();
 
 }  // namespace bench

@@ -31,7 +31,7 @@ struct allocation {
 };
 
 uint64_t mix(uint64_t hash, uint64_t value) {
-  hash = (hash ^ value) * 0x9e3779b97f4a7c15u;
+  hash = (hash ^ value) * 0x9e3779b97f4a7c15U;
   return hash ^ hash >> 32;
 }
 
@@ -85,7 +85,7 @@ class node_table {
 
   void grow() {
     const size_t size = 2 * (mask_ + 1);
-    auto **larger = static_cast<node **>(std::calloc(size, sizeof(node *)));
+    auto **larger = static_cast<node **>(std::calloc(size, sizeof(void *)));
     if (larger == nullptr) return;
     for (size_t i = 0; i <= mask_; ++i)
       for (node *at = buckets_[i], *next = nullptr; at != nullptr; at = next) {

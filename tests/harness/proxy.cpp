@@ -5,7 +5,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -65,7 +64,7 @@ size_t parse_command(std::string_view bytes, std::vector<std::string> &words) {
 
 }  // namespace
 
-proxy::proxy(std::string listen, std::string server)
+proxy::proxy(const std::string &listen, std::string server)
     : server_path_(std::move(server)), listener_(open_socket(listen, true)) {
   if (listener_ < 0) throw std::runtime_error("the proxy cannot listen");
   thread_ = std::thread([this] { run(); });
@@ -101,10 +100,6 @@ void proxy::run() {
     if (cut_.exchange(false)) {
       for (const auto &over : links_) close(*over);
       links_.clear();
-    }
-    if (stalled_) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      continue;
     }
     std::vector<pollfd> files{{listener_, POLLIN, 0}};
     for (const auto &over : links_) files.insert(files.end(), {{over->daemon, POLLIN, 0}, {over->server, POLLIN, 0}});

@@ -14,7 +14,7 @@ namespace harness {
 class proxy {
  public:
   // Listens on the Unix socket `listen` and connects to the Unix socket `server` for each that comes.
-  proxy(std::string listen, std::string server);
+  proxy(const std::string &listen, std::string server);
   proxy(const proxy &) = delete;
   proxy &operator=(const proxy &) = delete;
   ~proxy();
@@ -28,9 +28,8 @@ class proxy {
   std::vector<std::string> commands();                   // words of each command since forget, joined by blanks
   void forget();
 
-  void stall(bool on) { stalled_ = on; }  // nothing goes through, in either direction
-  void deafen(bool on) { deaf_ = on; }    // announcements are lost
-  void cut() { cut_ = true; }             // closes every connection once
+  void deafen(bool on) { deaf_ = on; }  // announcements are lost
+  void cut() { cut_ = true; }           // closes every connection once
 
  private:
   struct link {
@@ -57,7 +56,7 @@ class proxy {
   size_t until_kill_ = 0;
   std::function<void()> victim_dies_;
   std::atomic<size_t> transactions_{0};
-  std::atomic<bool> killed_{false}, stalled_{false}, deaf_{false}, cut_{false}, ended_{false};
+  std::atomic<bool> killed_{false}, deaf_{false}, cut_{false}, ended_{false};
   std::thread thread_;
 };
 

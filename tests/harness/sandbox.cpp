@@ -191,6 +191,7 @@ void process::start(const std::vector<std::string> &arguments, const std::string
   }
   if (prepare) prepare();
   std::vector<char *> words;
+  words.reserve(arguments.size() + 1);
   for (const std::string &argument : arguments) words.push_back(const_cast<char *>(argument.c_str()));
   words.push_back(nullptr);
   execvp(words[0], words.data());

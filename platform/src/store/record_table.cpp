@@ -60,10 +60,12 @@ void record_table::erase(std::string_view key) {
   --size_;
 }
 
+void record_table::clear_bucket(size_t i) {
+  for (entry *&bucket = buckets_[i]; bucket != nullptr; --size_) destroy(std::exchange(bucket, bucket->next_));
+}
+
 void record_table::clear() {
-  for (entry *&bucket : buckets_)
-    while (bucket != nullptr) destroy(std::exchange(bucket, bucket->next_));
-  size_ = 0;
+  for (size_t i = 0; size_ > 0; ++i) clear_bucket(i);
   buckets_.assign(1, nullptr);
   buckets_.shrink_to_fit();
 }

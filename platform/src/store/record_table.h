@@ -55,6 +55,7 @@ class record_table {
   void visit_bucket(size_t i, Visit visit) const {
     for (const entry *at = buckets_[i]; at != nullptr; at = at->next_) visit(*at);
   }
+  void clear_bucket(size_t i);
 
  private:
   static uint32_t hash_of(std::string_view key) { return static_cast<uint32_t>(std::hash<std::string_view>{}(key)); }

@@ -68,22 +68,22 @@ void redis_engine::connect() try {
     selected_db_ = id.db;
     ++answers;
   }
-  append_command(command_, {"PING"});  // a server that is still loading refuses this, whatever it says to the login
-  ask({.kind = request::login, .answers = answers + 1});
+  ask({.kind = request::login, .answers = answers});
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
-// Appends the login, if there is something to log in with; returns how many answers it has.
+// Appends the login, if there is something to log in with, and a command that a server refuses while it is loading,
+// whatever it says to the login. Returns how many answers there will be.
 unsigned redis_engine::log_in() {
-  if (address_.password.empty()) return 0;
-  if (address_.user.empty())
-    append_command(command_, {"AUTH", address_.password});
-  else
-    append_command(command_, {"AUTH", address_.user, address_.password});
-  return 1;
+  const bool named = !address_.user.empty();
+  const bool known = !address_.password.empty();
+  if (known && named) append_command(command_, {"AUTH", address_.user, address_.password});
+  if (known && !named) append_command(command_, {"AUTH", address_.password});
+  append_command(command_, {"PING"});
+  return known ? 2 : 1;
 }
 
 void redis_engine::subscribe() {
@@ -251,12 +251,12 @@ void redis_engine::on_fetched(const redis_answer &answer) {
   const std::string key(oldest_key());
   drop_oldest();
   const std::string why = std::exchange(error_, {});
-  if (!why.empty() && told_.insert(why).second)
-    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
   if (answer.type == REDIS_REPLY_STRING)
     user_->fetched(input, key, answer.texts[0]);
-  else if (answer.type == REDIS_REPLY_NIL && why.empty())
+  else if (answer.type == REDIS_REPLY_NIL)
     user_->fetched(input, key, std::nullopt);
+  else if (!why.empty() && told_.insert(why).second)
+    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
 }
 
 const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
@@ -286,7 +286,7 @@ void redis_engine::write(const change &what) {
   command_.append("\r\n");
   if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
 
-  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4u : 1u, .changed = what.hash}, what.key,
+  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4U : 1U, .changed = what.hash}, what.key,
       what.record);
 }
 

@@ -85,7 +85,7 @@ class redis_engine final : public engine, private redis_link_user {
   std::unique_ptr<redis_link> writer_;
   bool up_ = false;
   bool ready_ = false;          // the writer answered
-  unsigned reader_logins_ = 0;  // answers that the reader still expects before those of its subscription
+  unsigned reader_logins_ = 0;  // answers that the reader expects before those of its subscription
   size_t subscriptions_ = 0;    // confirmed
   int64_t selected_db_ = 0;     // of the writer
   std::string queue_;           // of the writer's requests

@@ -15,6 +15,7 @@ using clock = std::chrono::steady_clock;
 constexpr auto slice_time = 5ms;
 constexpr int first_repair_pause_ms = 500;
 constexpr int longest_repair_pause_ms = 30'000;
+constexpr size_t buckets_a_look = 16;  // of a table, between two looks at the clock
 constexpr size_t told_limit = 10'000;  // distinct bad records that are logged
 
 bool same(const hash_id &a, const hash_id &b) { return a.db == b.db && a.type == b.type; }
@@ -74,14 +75,11 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
 
   inputs_.clear();
   outputs_.clear();
-  for (uint32_t i = 0; i < n_inputs; ++i)
-    inputs_.push_back(
-        std::unique_ptr<input_source>(new input_source{hashes[i], {}, record_table(&pool_), sorted_records(&pool_)}));
+  for (uint32_t i = 0; i < n_inputs; ++i) inputs_.push_back(std::make_unique<input_source>(hashes[i], &pool_));
   for (uint32_t i = 0; i < n_outputs; ++i) {
     const ProtobufCMessage *key = key_of(*outputs[i].record);
     const auto owner = key == nullptr ? std::nullopt : owner_of(*key);
-    outputs_.push_back(std::unique_ptr<output_source>(new output_source{
-        hashes[n_inputs + i], std::string(owner.value_or("")), record_table(&pool_), sorted_records(&pool_)}));
+    outputs_.push_back(std::make_unique<output_source>(hashes[n_inputs + i], owner.value_or(""), &pool_));
   }
   own_records_ = false;
   all_read_told_ = false;
@@ -228,7 +226,7 @@ void registration::page(size_t hash, std::span<const stored_record> records, boo
     } else {
       output_source &output = *outputs_[hash - inputs_.size()];
       for (const stored_record &entry : records)
-        if (is_own(output, entry.key)) assign(output.stored, entry.key, entry.record);
+        if (is_own(output, entry.key)) output.stored.put(entry.key, entry.record);
     }
   });
   if (last && --scans_ == 0) read_done();
@@ -356,7 +354,7 @@ void registration::run_slice() {
 // one first. Returns whether all of it was found.
 bool registration::find_deletes(const input_source &source, clock::time_point until) {
   for (; next_known_ < source.copy.n_buckets(); ++next_known_) {
-    if (clock::now() >= until) return false;
+    if (next_known_ % buckets_a_look == 0 && clock::now() >= until) return false;
     source.copy.visit_bucket(next_known_, [&](const record_table::entry &known) {
       if (!source.stored.contains(known.key())) deletes_.emplace(known.key());
     });
@@ -407,27 +405,31 @@ void registration::finish_delivery() {
 // Returns whether everything was compared and nothing is left to send.
 bool registration::repair_some(clock::time_point until) {
   const auto interrupted = [&] { return engine_->congested() || clock::now() >= until; };
+  const auto due = [&] { return next_known_ % buckets_a_look == 0; };
   for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
     output_source &output = *outputs_[position_];
     if (!output.readable) continue;
-    if (step_ == step::begin) next_known_ = 0;
-    step_ = step::compare;
-    for (; next_known_ < output.wanted.n_buckets(); ++next_known_) {
-      if (interrupted()) return false;
+    if (step_ == step::begin) next_known_ = 0, step_ = step::compare;
+    for (; step_ == step::compare && next_known_ < output.wanted.n_buckets(); ++next_known_) {
+      if (due() && interrupted()) return false;
       output.wanted.visit_bucket(next_known_, [&](const record_table::entry &wanted) {
-        const auto stored = output.stored.find(wanted.key());
-        if (stored != output.stored.end() && stored->second == wanted.record()) return;
+        const record_table::entry *stored = output.stored.find(wanted.key());
+        if (stored != nullptr && stored->record() == wanted.record()) return;
         repair_wrote_ = true;
         send({output.hash, change_kind::set, wanted.key(), wanted.record()});
       });
     }
-    for (; !output.stored.empty(); output.stored.erase(output.stored.begin())) {  // left over?
-      if (interrupted()) return false;
-      const std::string_view key = output.stored.begin()->first;
-      if (output.wanted.contains(key)) continue;
-      repair_wrote_ = true;
-      send({output.hash, change_kind::del, key, {}});
+    if (step_ == step::compare) next_known_ = 0, step_ = step::carry_out;
+    for (; next_known_ < output.stored.n_buckets(); ++next_known_) {  // left over?
+      if (due() && interrupted()) return false;
+      output.stored.visit_bucket(next_known_, [&](const record_table::entry &stored) {
+        if (output.wanted.contains(stored.key())) return;
+        repair_wrote_ = true;
+        send({output.hash, change_kind::del, stored.key(), {}});
+      });
+      output.stored.clear_bucket(next_known_);  // freed piece by piece, too
     }
+    output.stored.clear();
   }
   for (; !loose_.empty(); loose_.erase(loose_.begin())) {
     if (interrupted()) return false;

@@ -50,21 +50,26 @@ struct event_handler {
 };
 
 struct input_source {
+  input_source(const hash_id &id, std::pmr::memory_resource *memory) : hash(id), copy(memory), stored(memory) {}
+
   hash_id hash;
-  event_handler on[2];    // by VX_MOM_EVENT_...
-  record_table copy;      // as the handlers know it
-  sorted_records stored;  // as it was just read
+  event_handler on[2] = {};  // by VX_MOM_EVENT_...
+  record_table copy;         // as the handlers know it
+  sorted_records stored;     // as it was just read
   // Keys that this process had deleted and that may still be there, or be there again: a read hands them over once
   // more, and the handlers decide anew.
   std::set<std::string, std::less<>> doubtful = {};
 };
 
 struct output_source {
+  output_source(const hash_id &id, std::string_view whose, std::pmr::memory_resource *memory)
+      : hash(id), owner(whose), wanted(memory), stored(memory) {}
+
   hash_id hash;
-  std::string owner;      // whose records these are; empty: nobody's in particular
-  record_table wanted;    // as it shall be
-  sorted_records stored;  // as it was just read, own records only
-  bool readable = true;   // the last read of it succeeded
+  std::string owner;     // whose records these are; empty: nobody's in particular
+  record_table wanted;   // as it shall be
+  record_table stored;   // as it was just read, own records only
+  bool readable = true;  // the last read of it succeeded
 };
 
 class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
@@ -170,7 +175,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   enum class step { begin, compare, carry_out };
   size_t position_ = 0;
   step step_ = step::begin;
-  size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
+  size_t next_known_ = 0;          // next bucket to compare: of the copy, of what is wanted, or of what is stored
   std::set<std::string> deletes_;  // keys of what has gone
   std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;
