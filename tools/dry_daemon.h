@@ -36,7 +36,7 @@ class dry_daemon {
  public:
   // Starts the daemon up to where it waits for changes, on an empty store. `log_level` is the level of its channel.
   // Throws refused. There is one at a time.
-  dry_daemon(const ko_platform::config &settings, uint32_t log_level, dry_daemon_observer observer);
+  dry_daemon(const ko_platform::config &settings, uint32_t log_level, dry_daemon_observer seen);
   dry_daemon(const dry_daemon &) = delete;
   dry_daemon &operator=(const dry_daemon &) = delete;
   ~dry_daemon();
