@@ -43,6 +43,7 @@ int join(context &ctx, const std::string &group_given, const std::vector<std::st
   const interfaces ports = ctx.ports();
   const uint32_t group = parse_number(group_given, "group", 1);
   std::vector<change> changes;
+  changes.reserve(names.size());
   for (const std::string &name : names)
     changes.push_back(membership(parse_member_interface(ports, name, false), group, ko_store::change_kind::set));
   store_client store = ctx.connect();

@@ -19,7 +19,7 @@ record_table::entry **record_table::place_of(std::string_view key, uint32_t hash
 
 record_table::entry *record_table::make(std::string_view key, std::string_view record, uint32_t hash) {
   const size_t room = key.size() + record.size();
-  entry *made = new (memory_->allocate(sizeof(entry) + room, alignof(entry))) entry;
+  auto *made = new (memory_->allocate(sizeof(entry) + room, alignof(entry))) entry;
   made->room_ = room;
   made->hash_ = hash;
   made->key_size_ = static_cast<uint32_t>(key.size());
