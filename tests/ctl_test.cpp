@@ -149,6 +149,8 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
       {"session show --store nowhere", 2,
        "lspanctl: --store nowhere: give the path of a socket, unix:PATH or HOST:PORT; see lspanctl session show "
        "--help\n"},
+      {("records --store /" + std::string(107, 's')).c_str(), 2,
+       "lspanctl: --store: the path of a socket has at most 107 bytes; see lspanctl records --help\n"},
       {"session show --store DIR/none", 1,
        "lspanctl: cannot reach the store at DIR/none: No such file or directory; start it, or name another with "
        "--store\n"},

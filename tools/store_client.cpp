@@ -218,6 +218,9 @@ ko_platform::store_address parse_store(const std::string &text) {
     return address;
   }
   if (address.socket.empty()) throw usage_error("--store: give the path of a socket after unix:");
+  if (address.socket.size() > ko_platform::longest_socket_path)
+    throw usage_error("--store: the path of a socket has at most " + std::to_string(ko_platform::longest_socket_path) +
+                      " bytes");
   return address;
 }
 
