@@ -98,6 +98,7 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
   file("bad.json", "{\"sessions\": [\n  {\"session\": 1,}\n]}");
   file("late.json", R"({"sessions":[{"session":7,"target":5},{"session":8,"target":9,"vlans":"1,4095"}]})");
   file("form.json", R"([])");
+  file("huge.json", "1e999");
   file("twice.json", R"({"sessions":[{"session":7,"target":5},{"session":7,"target":"ge5"}]})");
   file("owner.json", R"({"sessions":[{"session":7,"target":5,"owner":"cli"}]})");
   file("word.json", R"({"sessions":[{"session":7,"target":5,"acl":true}]})");
@@ -157,6 +158,8 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
       {"session apply DIR/none.json", 1,
        "lspanctl: DIR/none.json cannot be read: No such file or directory; name a file that can\n"},
       {"session apply DIR/bad.json", 1, "lspanctl: DIR/bad.json:2:17: malformed JSON; correct it there\n"},
+      {"session apply DIR/huge.json", 1,
+       "lspanctl: DIR/huge.json holds a number that is too large for anything; correct it there\n"},
       {"session apply DIR/late.json", 1,
        "lspanctl: DIR/late.json: sessions[1]: VLAN 4095: give a number from 1 to 4094\n"},
       {"session apply DIR/form.json", 1,
