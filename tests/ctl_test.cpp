@@ -205,7 +205,8 @@ TEST_F(ctl, a_server_that_refuses_writes) {
   client store(box_.socket());
   store.run({"CONFIG", "SET", "maxmemory", "1"});
   const std::string why =
-      "lspanctl: the store at DIR/redis.sock refuses the write: OOM command not allowed when used memory > "
+      "lspanctl: the store at DIR/redis.sock refuses the write to 4:u_monitor.mirror_lspan_info: OOM command not "
+      "allowed when used memory > "
       "'maxmemory'.";
   expect({{"session add 3 --target 9", 1, why + "\n"},
           {"session apply DIR/many.json", 1,

@@ -68,7 +68,9 @@ class watcher {
     ctx_ = &ctx;
   }
 
-  void read(store_client &store) {
+  // Subscribes before it reads, so that nothing is missed in between.
+  void start(store_client &announcements, store_client &store) {
+    for (const auto &[channel, kind] : channels_) announcements.subscribe(channel);
     for (const auto &[channel, kind] : channels_) {
       if (!kind->stored) continue;
       for (stored_record &record : store.read_all(kind->db, kind->type->name))
@@ -178,13 +180,14 @@ int watch(context &ctx, const watch_options &options) {
   store_client store = ctx.connect();
   store_client announcements = ctx.connect();
   const stop_signals signals;
-  announcements.subscribe("*:*");
-  seen.read(store);
+  seen.start(announcements, store);
   ctx.err << "lspanctl: watching; end it with Ctrl-C" << std::endl;
   for (uint32_t shown = 0; (count == 0 || shown < count) && stop_requested == 0 && ctx.out;) {
     const auto announced = announcements.next(deadline, signals.mask());
     if (!announced && deadline && clock::now() >= *deadline) break;
-    if (announced && seen.show(*announced)) ++shown;
+    if (!announced) continue;
+    seen.show(*announced);
+    ++shown;
   }
   return 0;
 }
