@@ -123,19 +123,12 @@ TEST(acl, the_tool_needs_and_names_each_right) {
   box.use_socket(box.socket(), R"(,"user":"lspanctl","password":"secret")");
   const std::string file = box.folder() + "/sessions";
   write_file(file, R"({"sessions":[{"session":1,"source":5,"target":9},{"session":2,"target":9}]})");
-  const words lines{"group join 2 7",
-                    "session add 1 --source 5 --target 9",
-                    "result 1 --source 5 --target 9",
-                    "session show",
-                    "session export",
-                    "group show",
-                    "check",
-                    "records",
-                    "session apply " + file,
-                    "result 1 --source 5 --target 9 --delete",
-                    "session del 2 --target 9",
-                    "group leave 7",
-                    "watch --for 1"};
+  const std::string lines =
+      "group join 2 7;session add 1 --source 5 --target 9;result 1 --source 5 --target 9;session show;session export;"
+      "group show;check;records;session apply " +
+      file +
+      ";result 1 --source 5 --target 9 --delete;"
+      "session del 2 --target 9;group leave 7;watch --for 1";
   box.start_server();
   client server(box.socket());
   for (size_t missing = 0; missing <= rights.size(); ++missing) {
@@ -143,12 +136,13 @@ TEST(acl, the_tool_needs_and_names_each_right) {
     grant(server, "lspanctl", rights, missing);
     std::ostringstream said;
     int status = 0;
-    for (size_t i = 0; i < lines.size() && status == 0; ++i) {
+    std::istringstream commands(lines);
+    for (std::string line; status == 0 && std::getline(commands, line, ';');) {
       const std::vector<std::string> before = box.dump();
       const std::string platform = " --platform-file " + box.folder() + "/etc/ko_platform/platform.json";
-      status = lspanctl::run(split(lines[i] + platform), said, said, false);
-      EXPECT_TRUE(status == 0 || box.dump() == before) << "without " << gone << ": " << lines[i];
-      if (lines[i] == "check" && said.str().find("NOPERM") == std::string::npos) status = 0;  // no daemon runs
+      status = lspanctl::run(split(line + platform), said, said, false);
+      EXPECT_TRUE(status == 0 || box.dump() == before) << "without " << gone << ": " << line;
+      if (line == "check" && said.str().find("NOPERM") == std::string::npos) status = 0;  // no daemon runs
     }
     EXPECT_EQ(status, gone.empty() ? 0 : 1) << said.str();
     EXPECT_TRUE(gone.empty() || tells(said.str(), gone)) << "without " << gone << ": " << said.str();
@@ -158,55 +152,30 @@ TEST(acl, the_tool_needs_and_names_each_right) {
 
 // What an account that was taken over cannot be used for.
 TEST(acl, nothing_else_is_allowed) {
-  const words both{"FLUSHALL",
-                   "FLUSHDB",
-                   "KEYS *",
-                   "SCAN 0",
-                   "RANDOMKEY",
-                   "CONFIG GET *",
-                   "CONFIG SET dir /",
-                   "EVAL return 0",
-                   "SCRIPT LOAD return",
-                   "FUNCTION LIST",
-                   "ACL LIST",
-                   "CLIENT LIST",
-                   "CLIENT KILL TYPE normal",
-                   "MODULE LIST",
-                   "REPLICAOF NO ONE",
-                   "SAVE",
-                   "MONITOR",
-                   "SHUTDOWN",
-                   "DEL u_monitor.mirror_result_info",
-                   "SWAPDB 4 8",
-                   "RENAME u_monitor.mirror_result_info u_monitor.span_x_info",
-                   "GET secret",
-                   "HGET foreign k",
-                   "HSET foreign k v",
-                   "HSET u_monitor.foreign k v",
-                   "PUBLISH foreign x",
-                   "PUBLISH 8:u_monitor.foreign x",
-                   "PUBLISH 6:u_monitor.mirror_result_info x",
-                   "SUBSCRIBE foreign",
-                   "SUBSCRIBE __keyspace@0__:x",
-                   "PSUBSCRIBE *"};
-  const words daemon{"HSET u_monitor.mirror_lspan_info k v",    "HDEL u_monitor.mirror_lspan_info k",
-                     "HSET p_policy.data_intf_conf k v",        "HDEL p_policy.data_intf_conf k",
-                     "PUBLISH 4:u_monitor.mirror_lspan_info x", "SUBSCRIBE 8:u_monitor.span_dst_info"};
-  const words tool{"HSET u_monitor.span_dst_info k v",        "HDEL u_monitor.span_mtp_info k",
-                   "HSET u_bridge.udp_pt_learn k v",          "HDEL u_bridge.udp_pt_learn k",
-                   "PUBLISH 6:u_bridge.udp_flushdyn x",       "PUBLISH 8:u_monitor.span_dst_info x",
-                   "PUBLISH 4:u_monitor.mirror_result_info x"};
+  const std::string both =
+      "FLUSHALL;FLUSHDB;KEYS *;SCAN 0;RANDOMKEY;CONFIG GET *;CONFIG SET dir /;EVAL return 0;SCRIPT LOAD return;"
+      "FUNCTION LIST;ACL LIST;CLIENT LIST;CLIENT KILL TYPE normal;MODULE LIST;REPLICAOF NO ONE;SAVE;MONITOR;SHUTDOWN;"
+      "DEL u_monitor.mirror_result_info;SWAPDB 4 8;RENAME u_monitor.mirror_result_info u_monitor.span_x_info;"
+      "GET secret;HGET foreign k;HSET foreign k v;HSET u_monitor.foreign k v;PUBLISH foreign x;SUBSCRIBE foreign;"
+      "PUBLISH 8:u_monitor.foreign x;PUBLISH 6:u_monitor.mirror_result_info x;SUBSCRIBE __keyspace@0__:x;PSUBSCRIBE *;";
+  const std::string daemon =
+      "HSET u_monitor.mirror_lspan_info k v;HDEL u_monitor.mirror_lspan_info k;PUBLISH 4:u_monitor.mirror_lspan_info x;"
+      "HSET p_policy.data_intf_conf k v;HDEL p_policy.data_intf_conf k;SUBSCRIBE 8:u_monitor.span_dst_info";
+  const std::string tool =
+      "HSET u_monitor.span_dst_info k v;HDEL u_monitor.span_mtp_info k;HSET u_bridge.udp_pt_learn k v;"
+      "HDEL u_bridge.udp_pt_learn k;PUBLISH 6:u_bridge.udp_flushdyn x;PUBLISH 8:u_monitor.span_dst_info x;"
+      "PUBLISH 4:u_monitor.mirror_result_info x";
   sandbox box;
   box.start_server();
   client server(box.socket());
-  for (const auto &[user, own] : {std::pair<std::string, words>("ko_lspan", daemon), {"lspanctl", tool}}) {
+  for (const auto &[user, own] : {std::pair<std::string, std::string>("ko_lspan", daemon), {"lspanctl", tool}}) {
     const std::vector<right> rights = sample_rights(user);
     grant(server, user, rights, rights.size());
     client taken_over(box.socket());
     ASSERT_EQ(taken_over.run({"AUTH", user, "secret"}), "OK");
-    for (const words &commands : {both, own})
-      for (const std::string &command : commands)
-        EXPECT_EQ(taken_over.run(split(command)).substr(0, 14), "(error) NOPERM") << user << " " << command;
+    std::istringstream commands(both + own);
+    for (std::string command; std::getline(commands, command, ';');)
+      EXPECT_EQ(taken_over.run(split(command)).substr(0, 14), "(error) NOPERM") << user << " " << command;
   }
 }
 

@@ -542,13 +542,9 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
   other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", std::string("!\0\0\0\0", 5) + "\x38\x09\x48\x04"});
   other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", "?"});
   other.run({"PUBLISH", "6:something.else", "?"});
-  UMonitor__MirrorIndex gone = U_MONITOR__MIRROR_INDEX__INIT;
-  gone.session_num = 3;
-  gone.d_ifx = harness::group_target(2);
-  std::string unseen;
-  ko_store::append_packed(gone.base, unseen);
-  unseen.insert(0, {'-', 0, 0, 0, static_cast<char>(unseen.size())});
-  other.run({"PUBLISH", "4:u_monitor.mirror_result_info", unseen});
+  harness::producer unseen(box_.socket());
+  unseen.del(harness::result({3, 0, harness::group_target(2)}));
+  unseen.flush();
   other.run({"PUBLISH", "8:u_monitor.span_mtp_info", std::string("-\0\0\0\1k", 6)});
   eventually([&] { return read_file(output).find("span_mtp_info") != std::string::npos; }, "the last change");
   all.signal(SIGINT);
@@ -558,24 +554,23 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
   for (std::string line; std::getline(lines, line);)
     shown += (line.starts_with("lspanctl:") ? line : line.substr(std::min<size_t>(line.size(), 14))) + "\n";
   const std::string key = "t_user=lspanctl session_num=1 s_ifx=5 d_ifx=9 dir=both acl_id=0";
-  EXPECT_EQ(
-      shown,
-      "lspanctl: watching; end it with Ctrl-C\n"
-      "CONF_DB  changed  mirror_lspan_info   " +
-          key +
-          ": sample_rate: 4 -> 64\n"
-          "CONF_DB  same     mirror_lspan_info   " +
-          key +
-          "\n"
-          "CONF_DB  added    data_intf_conf      index=7 group_id=2\n"
-          "CONF_DB  deleted  mirror_lspan_info   " +
-          key +
-          " role=LOCALSPAN_DST sample_rate=64\n"
-          "FWD_DB   request  udp_flushdyn        ifx=9 flag=4\n"
-          "FWD_DB   unreadable  udp_flushdyn        announcement 0x3f\n"
-          "CONF_DB  deleted  mirror_result_info  t_user=- session_num=3 s_ifx=0 d_ifx=group:2 dir=0 acl_id=0, not "
-          "seen before\n"
-          "UDP_DB   deleted  span_mtp_info       key 0x6b, not seen before\n");
+  EXPECT_EQ(shown,
+            "lspanctl: watching; end it with Ctrl-C\n"
+            "CONF_DB  changed  mirror_lspan_info   " +
+                key +
+                ": sample_rate: 4 -> 64\n"
+                "CONF_DB  same     mirror_lspan_info   " +
+                key +
+                "\n"
+                "CONF_DB  added    data_intf_conf      index=7 group_id=2\n"
+                "CONF_DB  deleted  mirror_lspan_info   " +
+                key +
+                " role=LOCALSPAN_DST sample_rate=64\n"
+                "FWD_DB   request  udp_flushdyn        ifx=9 flag=4\n"
+                "FWD_DB   unreadable  udp_flushdyn        announcement 0x3f\n"
+                "UDP_DB   deleted  mirror_result_info  t_user=du_span session_num=3 s_ifx=0 d_ifx=group:2 dir=rx "
+                "acl_id=0, not seen before\n"
+                "UDP_DB   deleted  span_mtp_info       key 0x6b, not seen before\n");
 
   harness::process some;
   ASSERT_TRUE(watch(some, {"--json", "--message", "data_intf_conf", "--count", "1", "--for", "60"}));

@@ -53,6 +53,8 @@ void make_file(const string &path, const string &contents) {
     if (mkfifo(path.c_str(), 0644) != 0) abort();
   } else if (contents == "<loop>") {
     std::filesystem::create_symlink(path, path);
+  } else if (contents.starts_with("<4094 blanks>")) {
+    make_file(path, string(4094, ' ') + contents.substr(13));
   } else if (contents.starts_with("-> ")) {
     std::filesystem::create_symlink(contents.substr(3), path);
   } else if (contents == "<covered>" || contents == "<read-only>" || contents == "<full>") {
@@ -283,45 +285,31 @@ TEST_F(startup, levels) {
 }
 
 TEST_F(startup, level_files) {
-  const string name(70, 'n'), highest = std::to_string(INT32_MAX), blanks(4094, ' ');
-  const struct {
-    string contents;  // "<none>": no file
-    uint32_t level;
-    size_t used = 64;  // characters of the name
-  } cases[] = {{"<none>", 1},
-               {"", 1},
-               {"5", 5},
-               {"-1\n", UINT32_MAX},
-               {" \n\t +7x", 7},
-               {"x5", 1},
-               {"0", 0},
-               {"<folder>", 1},
-               {"<fifo>", 1},
-               {"<loop>", 1},
-               {"-> /dev/zero", 1},
-               {"-> /dev/full", 1},
-               {highest, INT32_MAX},
-               {"-2147483648", 1U << 31},
-               {blanks + "5", 5},
-               {blanks + " 5", 1},
-               {"6", 6, 63},
-               {"6", 6, 65}};
-  for (const auto &[contents, level, used] : cases) {
-    const string path = "/var/tmp/" + name.substr(0, std::min<size_t>(used, 64)) + ".zlog";
-    const bool opens = contents != "<none>" && contents != "<loop>";
-    const outcome out = in_child([&, file = contents, length = used] {
-      dl_inner_zlog_category = recording::category("dl");
-      dl_inner_zlog_level = 2;
-      if (file != "<none>") make_file(path, file);
-      const string used_name = name.substr(0, length);
-      const dl_init_in_t in = {used_name.c_str()};
-      uint32_t found = 99;
-      dl_get_zlog_level(&in, &found);
-      return recording::note(std::to_string(found)), 0;
-    });
-    EXPECT_EQ(out.trace, (opens ? "" : "warn dl_get_zlog_level: <init> open " + path + " failed.\n") +
-                             std::to_string(level) + '\n');
-  }
+  size_t length = 62;  // of the name
+  const std::map<uint32_t, std::vector<string>> cases = {
+      {0, {"0"}},
+      {1, {"<none>", "<loop>", "", "x5", "<folder>", "<fifo>", "-> /dev/zero", "-> /dev/full", "<4094 blanks> 5"}},
+      {5, {"5", "<4094 blanks>5"}},
+      {7, {" \n\t +7x"}},
+      {INT32_MAX, {"2147483647"}},
+      {1U << 31, {"-2147483648"}},
+      {UINT32_MAX, {"-1\n"}}};
+  for (const auto &[level, files] : cases)
+    for (const string &contents : files) {
+      const string name(++length, 'n'), path = "/var/tmp/" + name.substr(0, 64) + ".zlog";
+      const bool opens = contents != "<none>" && contents != "<loop>";
+      const outcome out = in_child([&] {
+        dl_inner_zlog_category = recording::category("dl");
+        dl_inner_zlog_level = 2;
+        if (contents != "<none>") make_file(path, contents);
+        const dl_init_in_t in = {name.c_str()};
+        uint32_t found = 99;
+        dl_get_zlog_level(&in, &found);
+        return recording::note(std::to_string(found)), 0;
+      });
+      EXPECT_EQ(out.trace, (opens ? "" : "warn dl_get_zlog_level: <init> open " + path + " failed.\n") +
+                               std::to_string(level) + '\n');
+    }
 }
 
 TEST_F(startup, second_instance_ends) {
