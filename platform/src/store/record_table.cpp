@@ -19,11 +19,13 @@ record_table::entry **record_table::place_of(std::string_view key, uint32_t hash
 
 record_table::entry *record_table::make(std::string_view key, std::string_view record, uint32_t hash) {
   const size_t room = key.size() + record.size();
+  if (room > UINT32_MAX) throw std::bad_alloc();
   entry *made = new (memory_->allocate(sizeof(entry) + room, alignof(entry))) entry;
-  made->room_ = room;
   made->hash_ = hash;
+  made->room_ = static_cast<uint32_t>(room);
   made->key_size_ = static_cast<uint32_t>(key.size());
-  made->record_size_ = record.size();
+  made->record_size_ = static_cast<uint32_t>(record.size());
+  made->mark_ = 0;
   std::memcpy(made->bytes(), key.data(), key.size());
   std::memcpy(made->bytes() + key.size(), record.data(), record.size());
   return made;
@@ -37,7 +39,8 @@ void record_table::put(std::string_view key, std::string_view record) {
   entry *known = *place;
   if (known != nullptr && known->key_size_ + record.size() <= known->room_) {
     std::memcpy(known->bytes() + known->key_size_, record.data(), record.size());
-    known->record_size_ = record.size();
+    known->record_size_ = static_cast<uint32_t>(record.size());
+    known->mark_ = 0;
     return;
   }
   if (known == nullptr && 2 * size_ >= buckets_.size()) {
@@ -60,12 +63,10 @@ void record_table::erase(std::string_view key) {
   --size_;
 }
 
-void record_table::clear_bucket(size_t i) {
-  for (entry *&bucket = buckets_[i]; bucket != nullptr; --size_) destroy(std::exchange(bucket, bucket->next_));
-}
-
 void record_table::clear() {
-  for (size_t i = 0; size_ > 0; ++i) clear_bucket(i);
+  for (entry *&bucket : buckets_)
+    while (bucket != nullptr) destroy(std::exchange(bucket, bucket->next_));
+  size_ = 0;
   buckets_.assign(1, nullptr);
   buckets_.shrink_to_fit();
 }
