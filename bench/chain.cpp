@@ -2,14 +2,16 @@
 // Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the floor alternate
 // on one server.
 //
-//   bench_chain FLOOR [EVENTS] [RUNS]
+//   bench_chain FLOOR [EVENTS] [RUNS] [aof]
 //
+// aof: the server appends every change to a file (appendfsync everysec).
 // EVENTS: with thousands waiting, per run; a tenth of it one at a time.
 #include <hiredis/hiredis.h>
 #include <poll.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 
@@ -175,7 +177,11 @@ int main(int n_words, char **words) {
   harness::sandbox box;
   for (const char *channel : {"dl", "ko_lspan", "ko_platform"})
     std::remove((box.folder() + "/tmp/" + channel + ".zlog").c_str());
-  box.start_server();
+  const bool append_only = n_words > 4 && std::strcmp(words[4], "aof") == 0;
+  if (append_only)
+    box.start_server({"--appendonly", "yes", "--appendfsync", "everysec"});
+  else
+    box.start_server();
 
   harness::process bare;
   const std::function<void()> start_daemon = [&] { box.start_daemon(); };
@@ -193,7 +199,8 @@ int main(int n_words, char **words) {
     bare.stop();
   }
   if (dumps[0] != dumps[1]) fail("the floor does not write what the daemon writes");
-  std::printf("chain: %u events a run, medians of %d runs %14s %10s %8s\n", events, runs, "daemon", "floor", "ratio");
+  std::printf("chain, %s: %u events a run, medians of %d runs\n%55s %10s %8s\n",
+              append_only ? "append-only file" : "no persistence", events, runs, "daemon", "floor", "ratio");
   print("events/s, 4000 waiting", daemon_figures.per_second, bare_figures.per_second);
   print("latency p50, 4000 waiting, ms", daemon_figures.waiting_p50, bare_figures.waiting_p50);
   print("latency p50, one at a time, us", daemon_figures.single_p50, bare_figures.single_p50);

@@ -7,6 +7,7 @@
 // Each member is a session of its own, so that there is the most to write for each.
 #include <hiredis/hiredis.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -95,17 +96,22 @@ double over_of(const harness::sandbox &box) {
 }
 
 struct figures {
-  std::vector<double> over, last;  // milliseconds
+  std::vector<double> over, last, cpu;  // milliseconds
+  std::vector<double> resident;         // at the end, bytes
 };
 
-void measure(const harness::sandbox &box, uint32_t n, const std::function<void()> &start,
-             const std::function<double()> &over, figures &out) {
+void measure(const harness::sandbox &box, uint32_t n, const harness::process &measured,
+             const std::function<void()> &start, const std::function<double()> &over, figures &out) {
   last_write listener(box.socket());
   const double begin = bench::seconds_now();
   start();
   listener.wait(n);
   out.last.push_back((bench::seconds_now() - begin) * 1e3);
   out.over.push_back((over() - begin) * 1e3);
+  out.cpu.push_back(measured.cpu_seconds() * 1e3);
+  size_t pages = 0;
+  std::istringstream(harness::read_file("/proc/" + std::to_string(measured.pid()) + "/statm")) >> pages >> pages;
+  out.resident.push_back(static_cast<double>(pages) * static_cast<double>(sysconf(_SC_PAGESIZE)));
 }
 
 // Against the floor's whole run, which reads the same and writes the same.
@@ -138,7 +144,7 @@ int main(int n_words, char **words) {
     for (const bool right : {false, true}) {
       std::remove((box.folder() + "/log").c_str());
       measure(
-          box, n, [&] { box.start_daemon(); }, [&] { return over_of(box); }, daemon[right]);
+          box, n, box.daemon(), [&] { box.start_daemon(); }, [&] { return over_of(box); }, daemon[right]);
       box.daemon().stop();
     }
     if (run == 0) dumps[0] = box.dump();
@@ -147,7 +153,7 @@ int main(int n_words, char **words) {
       std::remove(times.c_str());
       harness::process floor;
       measure(
-          box, n,
+          box, n, floor,
           [&] {
             floor.start({words[1], "recovery", box.socket(), std::to_string(n), right ? "0" : "1"}, times);
           },
@@ -162,6 +168,9 @@ int main(int n_words, char **words) {
   print("empty outputs: last write", daemon[0].last, bare[0].last);
   print("right outputs: all data sources over", daemon[1].over, bare[1].last);
   print("right outputs: last write", daemon[1].last, bare[1].last);
+  print("empty outputs: own processor time", daemon[0].cpu, bare[0].cpu);
+  print("right outputs: own processor time", daemon[1].cpu, bare[1].cpu);
+  std::printf("  the daemon's resident memory per member: %.0f bytes\n", bench::median(daemon[0].resident) / n);
   std::printf("  (of the floor's time, reading: %.2f with empty outputs, %.2f with right ones)\n",
               bench::median(bare[0].over), bench::median(bare[1].over));
 }

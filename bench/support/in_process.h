@@ -2,6 +2,7 @@
 // what the store library and the handlers cost by themselves.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "events.h"
@@ -15,13 +16,17 @@ class sink_engine final : public ko_store::engine {
   void start(ko_store::engine_user &user, std::vector<ko_store::hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override { scans_.push_back(hash); }
   void fetch(size_t, std::string_view) override {}
-  void write(const ko_store::change &) override { ++writes; }
+  void write(const ko_store::change &what) override {
+    ++writes;
+    if (on_write) on_write(what);
+  }
   bool congested() const override { return false; }
 
   // Announces a change of an input.
   void announce(const record &what, ko_store::change_kind kind);
 
   uint64_t writes = 0;
+  std::function<void(const ko_store::change &)> on_write;
 
  private:
   void work();
