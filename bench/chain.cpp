@@ -145,13 +145,13 @@ void measure(harness::sandbox &box, const harness::process &measured, const std:
   const char *counted[] = {"total_commands_processed", "total_reads_processed", "total_writes_processed"};
   double before[3];
   for (int i = 0; i < 3; ++i) before[i] = server_count(server, counted[i]);
-  const double own = measured.cpu_seconds();
-  const double server_own = box.server().cpu_seconds();
+  const double own = bench::processor_seconds(measured.pid());
+  const double server_own = bench::processor_seconds(box.server().pid());
   const double begin = bench::seconds_now();
   const auto waiting = it.run(events, most_waiting, burst);
   out.per_second.push_back(events / (bench::seconds_now() - begin));
-  out.own_cpu.push_back((measured.cpu_seconds() - own) / events * 1e6);
-  out.server_cpu.push_back((box.server().cpu_seconds() - server_own) / events * 1e6);
+  out.own_cpu.push_back((bench::processor_seconds(measured.pid()) - own) / events * 1e6);
+  out.server_cpu.push_back((bench::processor_seconds(box.server().pid()) - server_own) / events * 1e6);
   out.waiting_p50.push_back(bench::median(waiting) * 1e3);
   out.single_p50.push_back(bench::median(single) * 1e6);
   out.single_p99.push_back(bench::quantile(single, 0.99) * 1e6);

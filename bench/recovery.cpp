@@ -108,7 +108,7 @@ void measure(const harness::sandbox &box, uint32_t n, const harness::process &me
   listener.wait(n);
   out.last.push_back((bench::seconds_now() - begin) * 1e3);
   out.over.push_back((over() - begin) * 1e3);
-  out.cpu.push_back(measured.cpu_seconds() * 1e3);
+  out.cpu.push_back(bench::processor_seconds(measured.pid()) * 1e3);
   size_t pages = 0;
   std::istringstream(harness::read_file("/proc/" + std::to_string(measured.pid()) + "/statm")) >> pages >> pages;
   out.resident.push_back(static_cast<double>(pages) * static_cast<double>(sysconf(_SC_PAGESIZE)));

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <fstream>
+#include <string>
 
 namespace bench {
 
@@ -30,6 +32,12 @@ double quantile(std::vector<double> values, double part) {
 
 double seconds_now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double processor_seconds(int process) {
+  double nanoseconds = 0;
+  std::ifstream("/proc/" + std::to_string(process) + "/schedstat") >> nanoseconds;
+  return nanoseconds * 1e-9;
 }
 
 }  // namespace bench

@@ -11,6 +11,7 @@ bool pin_to_one_core();
 double median(std::vector<double> values);                 // of at least one
 double quantile(std::vector<double> values, double part);  // nearest rank, 0 < part <= 1
 
-double seconds_now();  // since some moment
+double seconds_now();                   // since some moment
+double processor_seconds(int process);  // used by its first thread
 
 }  // namespace bench
