@@ -6,6 +6,20 @@
 #include <utility>
 
 namespace ko_store {
+namespace {
+
+constexpr size_t most_room = size_t{1} << 31;  // bytes of one record
+constexpr size_t key_start = 2;                // behind the key field's tag and length, a byte each
+
+bool begins_with(std::string_view record, std::string_view key) {
+  return record.size() >= key_start && record.substr(key_start).starts_with(key);
+}
+
+size_t room_for(std::string_view key, std::string_view record) {
+  return record.size() + (begins_with(record, key) ? 0 : key.size());
+}
+
+}  // namespace
 
 record_table::entry *const *record_table::place_of(std::string_view key, uint32_t hash) const {
   entry *const *at = &buckets_[hash & (buckets_.size() - 1)];
@@ -17,17 +31,22 @@ record_table::entry **record_table::place_of(std::string_view key, uint32_t hash
   return const_cast<entry **>(std::as_const(*this).place_of(key, hash));
 }
 
+void record_table::entry::fill(std::string_view key, std::string_view record) {
+  record_size_ = static_cast<uint32_t>(record.size());
+  key_start_ = static_cast<uint32_t>(begins_with(record, key) ? key_start : record.size());
+  key_size_ = static_cast<uint32_t>(key.size());
+  mark_ = 0;
+  std::memcpy(bytes() + key_start_, key.data(), key.size());
+  std::memcpy(bytes(), record.data(), record.size());
+}
+
 record_table::entry *record_table::make(std::string_view key, std::string_view record, uint32_t hash) {
-  const size_t room = key.size() + record.size();
-  if (room > UINT32_MAX) throw std::bad_alloc();
+  const size_t room = room_for(key, record);
+  if (room > most_room) throw std::bad_alloc();
   entry *made = new (memory_->allocate(sizeof(entry) + room, alignof(entry))) entry;
   made->hash_ = hash;
   made->room_ = static_cast<uint32_t>(room);
-  made->key_size_ = static_cast<uint32_t>(key.size());
-  made->record_size_ = static_cast<uint32_t>(record.size());
-  made->mark_ = 0;
-  std::memcpy(made->bytes(), key.data(), key.size());
-  std::memcpy(made->bytes() + key.size(), record.data(), record.size());
+  made->fill(key, record);
   return made;
 }
 
@@ -37,12 +56,7 @@ void record_table::put(std::string_view key, std::string_view record) {
   const uint32_t hash = hash_of(key);
   entry **place = place_of(key, hash);
   entry *known = *place;
-  if (known != nullptr && known->key_size_ + record.size() <= known->room_) {
-    std::memcpy(known->bytes() + known->key_size_, record.data(), record.size());
-    known->record_size_ = static_cast<uint32_t>(record.size());
-    known->mark_ = 0;
-    return;
-  }
+  if (known != nullptr && room_for(key, record) <= known->room_) return known->fill(key, record);
   if (known == nullptr && 2 * size_ >= buckets_.size()) {
     reserve(size_ + 1);
     place = place_of(key, hash);

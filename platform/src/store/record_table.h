@@ -1,4 +1,5 @@
-// Packed records by packed key: a hash table in which every record is one piece of memory.
+// Packed records by packed key: a hash table in which every record is one piece of memory. A record begins with its key
+// in most cases, and is stored once then.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +16,8 @@ class record_table {
   // One record. Its texts stay where they are until the record is replaced or erased.
   class entry {
    public:
-    std::string_view key() const { return {bytes(), key_size_}; }
-    std::string_view record() const { return {bytes() + key_size_, record_size_}; }
+    std::string_view key() const { return {bytes() + key_start_, key_size_}; }
+    std::string_view record() const { return {bytes(), record_size_}; }
 
     // A number of the user's own; a put makes it 0.
     uint32_t mark() const { return mark_; }
@@ -27,11 +28,14 @@ class record_table {
     const char *bytes() const { return reinterpret_cast<const char *>(this + 1); }
     char *bytes() { return reinterpret_cast<char *>(this + 1); }
 
+    void fill(std::string_view key, std::string_view record);
+
     entry *next_;  // in the bucket
     uint32_t hash_;
-    uint32_t room_;  // for key and record
-    uint32_t key_size_;
+    uint32_t room_;  // bytes that follow: the record, and behind it the key where it is not in the record
     uint32_t record_size_;
+    uint32_t key_start_;
+    uint32_t key_size_;
     uint32_t mark_;
   };
 
