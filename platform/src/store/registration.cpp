@@ -126,6 +126,7 @@ int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_k
 
   const change what{{db, message.descriptor}, kind, packed_key, record_buffer_};
   output_source *output = output_of(what);
+  if (output != nullptr) output->met = 0;
   if (output != nullptr && kind == change_kind::set) output->wanted.put(what.key, what.record);
   if (output != nullptr && kind == change_kind::del) output->wanted.erase(what.key);
 
@@ -218,7 +219,7 @@ void registration::compare_outputs() {
   read_failed_ = false;
   ++comparison_;
   scans_ = 0;
-  for (const auto &output : outputs_) output->readable = true;
+  for (const auto &output : outputs_) output->readable = true, output->met = 0;
   for (size_t i = 0; own_records_ && i < outputs_.size(); ++i, ++scans_) engine_->scan(inputs_.size() + i);
   if (scans_ == 0) scan_done();
 }
@@ -238,6 +239,7 @@ void registration::compare_page(output_source &output, std::span<const stored_re
   for (const stored_record &stored : records) {
     record_table::entry *wanted = output.wanted.find(stored.key);
     if (wanted != nullptr && wanted->record() == stored.record) {
+      output.met += wanted->mark() != comparison_ ? 1 : 0;
       wanted->set_mark(comparison_);
     } else if (wanted == nullptr && is_own(output, stored.key)) {  // left over
       repair_wrote_ = true;
@@ -421,7 +423,7 @@ bool registration::repair_some(clock::time_point until) {
   const auto interrupted = [&] { return engine_->congested() || clock::now() >= until; };
   for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
     const output_source &output = *outputs_[position_];
-    if (!output.readable) continue;
+    if (!output.readable || output.met == output.wanted.size()) continue;
     if (step_ == step::begin) next_known_ = 0, step_ = step::compare;
     for (; next_known_ < output.wanted.n_buckets(); ++next_known_) {
       if (next_known_ % buckets_a_look == 0 && interrupted()) return false;

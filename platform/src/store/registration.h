@@ -70,6 +70,7 @@ struct output_source {
   std::string owner;     // whose records these are; empty: nobody's in particular
   record_table wanted;   // as it shall be; marked with the comparison that met the record
   bool readable = true;  // the last read of it succeeded
+  size_t met = 0;        // records that carry the mark; 0 when some were changed since
 };
 
 class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
