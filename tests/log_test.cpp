@@ -126,6 +126,17 @@ TEST(log, where_lines_go) {
   std::filesystem::remove(fifo);
 }
 
+// A process without standard files: what is written to standard error does not get into the next one that is opened.
+TEST(log, no_other_file_is_written_to) {
+  standard_error("", [] {
+    for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(file);
+    vx_zlog_category *category = vx_zlog_init("dl");
+    FILE *next = std::tmpfile();
+    write_record(category, VX_ZLOG_ERROR, "lost");
+    if (next == nullptr || lseek(fileno(next), 0, SEEK_END) != 0) _exit(1);
+  });
+}
+
 TEST(log, formatting_is_cut_and_terminated) {
   char text[4] = {'#', '#', '#', '#'};
   EXPECT_EQ(at_snprintf(text, 0, "%d", 1), 1);

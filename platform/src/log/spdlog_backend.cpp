@@ -17,6 +17,7 @@
 
 #include "log/line.h"
 #include "platform_config.h"
+#include "standard_files.h"
 #include "vx_zlog.h"
 
 struct vx_zlog_category {
@@ -87,7 +88,7 @@ struct log_state {
 
 // Lives until the process ends: a category is valid while static objects are destroyed, too.
 log_state &state() {
-  static log_state &the_state = *new log_state;
+  static log_state &the_state = (ko_platform::hold_standard_files(), *new log_state);
   return the_state;
 }
 
