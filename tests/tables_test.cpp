@@ -9,6 +9,7 @@
 
 #include "idl_trans.h"
 #include "mirror_list.h"
+#include "store/pool.h"
 #include "store/record_table.h"
 
 namespace {
@@ -25,7 +26,7 @@ std::string record_of(unsigned n, unsigned form, size_t more) {
 
 TEST(RecordTable, HoldsWhatAMapHolds) {
   std::mt19937 random(7);
-  std::pmr::unsynchronized_pool_resource pool;
+  ko_store::pool pool;
   ko_store::record_table table(&pool);
   std::map<std::string, std::string> model;
   for (int round = 0; round < 60'000; ++round) {

@@ -29,6 +29,7 @@
 #include "global_context.h"
 #include "store/arena.h"
 #include "store/engine.h"
+#include "store/pool.h"
 #include "store/record_table.h"
 #include "vx_mom.h"
 
@@ -159,7 +160,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void tell_refusal(std::string text);
   void guard(const char *doing, auto &&work);
 
-  std::pmr::unsynchronized_pool_resource pool_;
+  pool pool_;
   std::string app_name_;
   state state_ = state::idle;
   uint32_t declaration_ = 0;
