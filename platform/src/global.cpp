@@ -7,10 +7,24 @@
 using ko_platform::context_of;
 using ko_platform::global_context;
 
+namespace {
+
+// A timer that is refused memory would never fire, and what waits for it would wait for ever. The loop keeps the room
+// that it once had for timers, and begins with room for eight: more than the platform's services have.
+bool make_room_for_timers(event_base *base) {
+  const ko_platform::event_ptr first(event_new(
+      base, -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
+  const timeval later{1, 0};
+  return first != nullptr && event_add(first.get(), &later) == 0;
+}
+
+}  // namespace
+
 vx_global *vx_global_init(const char *proc_name) try {
+  event_set_log_callback([](int, const char *text) { PLATFORM_WARN("libevent: %s", text); });
   auto context = std::make_unique<global_context>();
   context->base.reset(event_base_new());
-  if (context->base == nullptr) {
+  if (context->base == nullptr || !make_room_for_timers(context->base.get())) {
     PLATFORM_ERROR("no event loop can be had");
     return nullptr;
   }
