@@ -2,6 +2,7 @@
 #include "vx_mom.h"
 
 #include <exception>
+#include <memory>
 #include <new>
 
 #include "platform_config.h"
@@ -53,12 +54,18 @@ void ko_store::use_engine(engine_factory new_factory) { factory() = std::move(ne
 
 vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_ab_opt *) try {
   ko_platform::process_config();  // a file that cannot be used is told here, before anything depends on it
-  vx_global *context = global != nullptr ? global : vx_global_init(app_name);
+  std::unique_ptr<vx_global, decltype(&vx_global_finish)> made_here(
+      global == nullptr ? vx_global_init(app_name) : nullptr, vx_global_finish);
+  vx_global *context = global != nullptr ? global : made_here.get();
   if (context == nullptr) return nullptr;
   auto made = std::make_unique<registration>(*context, app_name == nullptr ? "" : app_name, make_engine(*context));
   registration *result = made.get();
   ko_platform::context_of(context).store = std::move(made);
+  (void)made_here.release();
   return result;
+} catch (const std::bad_alloc &) {
+  PLATFORM_ERROR("memory is exhausted");
+  return nullptr;
 } catch (const std::exception &error) {
   PLATFORM_ERROR("%s", error.what());
   return nullptr;
