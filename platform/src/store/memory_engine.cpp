@@ -108,7 +108,11 @@ void memory_engine::run(const job &next) {
 
 void memory_engine::scan_now(size_t hash) {
   std::vector<stored_record> all;
-  for (const auto &[key, record] : *known_records_[hash]) all.push_back({key, record});
+  try {
+    for (const auto &[key, record] : *known_records_[hash]) all.push_back({key, record});
+  } catch (const std::bad_alloc &) {
+    return user_->unreadable(hash, "memory is exhausted");
+  }
   user_->page(hash, all, true);
 }
 

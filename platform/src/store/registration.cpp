@@ -186,7 +186,9 @@ void registration::guard(const char *doing, auto &&work) try { work(); } catch (
   repair_later();
 }
 
-void registration::up() { read_inputs(); }
+void registration::up() {
+  guard("reading the store", [this] { read_inputs(); });
+}
 
 void registration::down() {
   state_ = state::starting;
@@ -334,8 +336,7 @@ void registration::repair_later() {
 void registration::repair_due() {
   if (state_ == state::starting) return;  // the connection reads everything when it is back
   if (scans_ > 0 || (state_ != state::live && !read_failed_)) return repair_later();
-  if (inputs_due_) return read_inputs();
-  compare_outputs();
+  guard("reading the store", [this] { inputs_due_ ? read_inputs() : compare_outputs(); });
 }
 
 // ---- slices of long work ----
