@@ -1,16 +1,21 @@
 // The daemon's own code in this process, on a store in memory: announcements that come in any order, twice or never,
-// and keys and records of which any byte may be wrong. A handful of them meets the real daemon, too.
+// keys and records of which any byte may be wrong, and memory that is exhausted at any allocation. A handful of the bad
+// records meets the real daemon, too.
 #include <gtest/gtest.h>
 
 #include <cstdarg>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
+#include <new>
 #include <random>
 #include <set>
 
 #include "global_context.h"
 #include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
+#include "proc/lspan/outgrb_hash.h"
 #include "sandbox.h"
 #include "store/memory_engine.h"
 #include "store/registration.h"
@@ -22,22 +27,49 @@ struct vx_zlog_category {};
 
 namespace {
 
-std::vector<std::string> logged;  // by everyone in this process
+std::vector<std::string> logged;  // errors and warnings of everyone in this process
+
+bool armed;  // allocations are counted, and some refused; by all but the standard C library and protobuf-c
+uint64_t allocations, first_refused, last_refused;
+
+bool refuses() { return armed && ++allocations >= first_refused && allocations <= last_refused; }
 
 }  // namespace
+
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real_realloc(void *old, size_t size);
+void *__wrap_malloc(size_t size) { return refuses() ? nullptr : __real_malloc(size); }
+void *__wrap_calloc(size_t count, size_t size) { return refuses() ? nullptr : __real_calloc(count, size); }
+void *__wrap_realloc(void *old, size_t size) { return refuses() ? nullptr : __real_realloc(old, size); }
+}
+
+// Not inlined: the compiler takes new and free for a mistake.
+[[gnu::noinline]] void *operator new(size_t size) {
+  void *made = __wrap_malloc(size);
+  return made != nullptr ? made : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void *gone) noexcept { std::free(gone); }
+[[gnu::noinline]] void operator delete(void *gone, size_t) noexcept { std::free(gone); }
+
+const bool libevent_counted = (event_set_mem_functions(__wrap_malloc, __wrap_realloc, std::free), true);
 
 vx_zlog_category *vx_zlog_init(const char *) {
   static vx_zlog_category only;
   return &only;
 }
 
-void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int, const char *format, ...) {
+void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int level, const char *format,
+               ...) {
   char text[2048];
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  logged.emplace_back(text);
+  const bool was_armed = std::exchange(armed, false);
+  if (level >= VX_ZLOG_WARN || std::strstr(text, "can't alloc memory") != nullptr) logged.emplace_back(text);
+  armed = was_armed;
 }
 
 namespace {
@@ -115,7 +147,7 @@ class scrambler final : public engine, private engine_user {
     user_->page(hash, records, last);
     if (hash == 0 && between) std::exchange(between, {})();
   }
-  void unreadable(size_t, std::string_view) override {}
+  void unreadable(size_t hash, std::string_view why) override { user_->unreadable(hash, why); }
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override {
     user_->fetched(input, key, record);
   }
@@ -127,29 +159,82 @@ class scrambler final : public engine, private engine_user {
   std::vector<std::pair<hash_id, note>> lost_;
 };
 
-// One for the process, as in the daemon; each test leaves it without records.
+// No two members share a target, and a result is only given for members that stay.
+member numbered(uint32_t i, uint32_t version = 0) {
+  const bool group = i % 4 == 3;
+  return {.session = 1 + i,
+          .s_ifx = 100 + i,
+          .d_ifx = group ? group_target(1 + i / 4) : 200 + i,
+          .acl = i,
+          .apply = i % 4 % 3,
+          .module = group ? 5U : 0U,
+          .mtp_switch = version % 2,
+          .sample = version,
+          .vlans = {version, i}};
+}
+
+struct step {
+  record what;
+  change_kind kind = change_kind::set;
+};
+
+// One at a time, as in the daemon; each test leaves it without records.
 struct world {
   scrambler *wire = nullptr;
+  uint8_t runs = 0;
 
-  world() {
+  // On a store that holds these records; start comes next.
+  explicit world(const std::vector<record> &stored = {}) {
+    lspan_global = {};
     lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-    use_engine([this](vx_global &global) {
+    lspan_global.zlog_category = vx_zlog_init("ko_lspan");
+    use_engine([this, stored](vx_global &global) {
+      const bool was_armed = std::exchange(armed, false);
       auto made = std::make_unique<scrambler>(global);
       wire = made.get();
+      for (const record &what : stored) put(what);
+      armed = was_armed;
       return made;
     });
-    uint8_t runs = 0;
-    if (ko_lspan_mom_init(&runs) != 0 || runs == 0) std::abort();
-    turn();
   }
+  world(const world &) = delete;
+  ~world() { vx_global_finish(lspan_global.global); }
+
+  // As main does it. Returns the status; `runs` says whether the event loop is to run.
+  int32_t start() { return ko_lspan_mom_init(&runs); }
   registration &tested() { return *registration_of(lspan_global.global); }
 
+  event_base *loop() { return ko_platform::context_of(lspan_global.global).base.get(); }
   void turn() {
-    event_base *base = ko_platform::context_of(lspan_global.global).base.get();
     for (int quiet = 0; quiet < 4; quiet = tested().settled() ? quiet + 1 : 0)
-      event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+      event_base_loop(loop(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+  }
+  // Likewise, and what waits for its time comes at once.
+  void settle() {
+    for (std::vector<event *> timers(1); !timers.empty() || !tested().settled();) {
+      timers.clear();
+      event_base_foreach_event(
+          loop(),
+          [](const event_base *, const event *timer, void *to) {
+            return static_cast<std::vector<event *> *>(to)->push_back(const_cast<event *>(timer)), 0;
+          },
+          &timers);
+      for (event *timer : timers) event_active(timer, EV_TIMEOUT, 0);
+      event_base_loop(loop(), EVLOOP_NONBLOCK);
+    }
+  }
+  // Serves what is due now; false when that ended the loop.
+  bool serve() {
+    for (int i = 0; i < 12 && event_base_got_break(loop()) == 0; ++i) event_base_loop(loop(), EVLOOP_NONBLOCK);
+    return event_base_got_break(loop()) == 0;
   }
   void put(const record &what, change_kind kind = change_kind::set) { wire->inner.put(what.change(kind)); }
+  void put(const step &one) { put(one.what, one.kind); }
+  // A change that was not taken as it should have been; a delete needs something to delete.
+  void repeat(const step &one) {
+    put(one.what), settle();
+    if (one.kind != change_kind::set) put(one), settle();
+  }
 
   using contents = std::map<std::string, std::map<std::string, std::string>>;
   contents outputs() {
@@ -174,6 +259,16 @@ struct world {
     for (const record &what : inputs()) put(what, change_kind::del);
     turn();
   }
+  // Likewise, and the daemon holds nothing more; nor does it hold on to a result of an unknown member.
+  void leave() {
+    const record unknown = result(numbered(9));
+    EXPECT_FALSE(wire->inner.records(unknown.db, unknown.type->name).contains(unknown.key));
+    clear();
+    settle();
+    EXPECT_EQ(lspan_global.session_list.next, &lspan_global.session_list);
+    for (const uint32_t key : {50, 51, 300, 301})
+      EXPECT_TRUE(outgrb_group_hash_get(&key) == nullptr && outgrb_mbr_hash_get(&key) == nullptr) << key;
+  }
 
  private:
   void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type) {
@@ -182,22 +277,12 @@ struct world {
 };
 
 world &the_world() {
-  static world &only = *new world;
-  return only;
-}
-
-// No two members share a target, and a result is only given for members that stay.
-member numbered(uint32_t i, uint32_t version = 0) {
-  const bool group = i % 4 == 3;
-  return {.session = 1 + i,
-          .s_ifx = 100 + i,
-          .d_ifx = group ? group_target(1 + i / 4) : 200 + i,
-          .acl = i,
-          .apply = i % 4 % 3,
-          .module = group ? 5U : 0U,
-          .mtp_switch = version % 2,
-          .sample = version,
-          .vlans = {version, i}};
+  static world *only = nullptr;
+  if (only != nullptr) return *only;
+  only = new world;
+  if (only->start() != 0 || only->runs == 0) std::abort();
+  only->turn();
+  return *only;
 }
 
 record random_record(std::minstd_rand &random, bool stays) {
@@ -424,6 +509,106 @@ TEST(hostile, a_real_server) {
   EXPECT_EQ(count_of(log, "is passed over"), 5U) << log.substr(0, 4000);
   EXPECT_EQ(count_of(log, "ko lspan add end"), 3U);
   EXPECT_EQ(count_of(log, "cannot be used"), 0U);
+}
+
+// ---- exhausted memory ----
+
+const member mirrored_to_group{.session = 4, .s_ifx = 104, .d_ifx = group_target(50), .module = 5};
+const std::vector<step> steps = {
+    {session(numbered(0))},
+    {session(numbered(1))},
+    {membership(300, 50)},
+    {session(mirrored_to_group)},
+    {session(numbered(2))},
+    {result(numbered(0), 5)},
+    {result(numbered(9))},
+    {membership(300, 51)},
+    {membership(301, 51)},
+    {membership(300, 50)},
+    {membership(301, 0)},
+    {session(numbered(2, 1))},
+    {membership(300, 50), change_kind::del},
+    {session(mirrored_to_group), change_kind::del},
+    {session(numbered(1)), change_kind::del},
+    {session(numbered(2)), change_kind::del},
+};
+
+bool was_said(const std::string &text) {
+  return std::any_of(logged.begin(), logged.end(), [&](const auto &line) { return line.find(text) != line.npos; });
+}
+
+// Does the work with the k-th allocation refused, or all from there on; false when there was no k-th.
+bool exhaust(uint64_t k, bool for_good, const std::function<void()> &work) {
+  logged.clear();
+  first_refused = k;
+  last_refused = for_good ? UINT64_MAX : k;
+  allocations = 0;
+  armed = true;
+  try {
+    work();
+  } catch (const std::exception &error) {
+    armed = false;
+    ADD_FAILURE() << error.what() << " comes out of a call";
+  }
+  armed = false;
+  return allocations >= k;
+}
+
+// Start-up on a store that holds the first steps and a record of the daemon's that no one wants any more; then each
+// step, as it is announced, and as what is read after a break of the connection.
+TEST(exhaustion, every_allocation) {
+  lspan_zlog_level = 5;
+  constexpr size_t n_stored = 12;
+  std::vector<record> stored{relayed(numbered(9))};
+  for (size_t i = 0; i < n_stored; ++i) stored.push_back(steps[i].what);
+  enum { start, announced, read };
+  size_t points[3] = {}, ends = 0;
+  for (size_t round = 0; round <= 2 * steps.size(); ++round) {
+    const auto kind = round == 0 ? start : round % 2 == 1 ? announced : read;
+    const size_t first = kind == start ? 0 : (round - 1) / 2, last = kind == start ? n_stored : first + 1;
+    world::contents after, end;
+    for (const bool for_good : {false, true})
+      for (uint64_t k = for_good, refused = 1; refused != 0; ++k) {
+        SCOPED_TRACE(testing::Message() << "round " << round << ", allocation " << k);
+        world w(kind == start ? stored : std::vector<record>());
+        int32_t status = kind == start ? 0 : w.start();
+        for (size_t i = 0; i < first; ++i) w.settle(), w.put(steps[i]);
+        if (kind != start) {
+          w.settle();
+          w.tested().on_event = [&](uint32_t, const ProtobufCMessage &, int32_t answer) { status += answer; };
+          w.wire->holds = kind == read;
+          w.put(steps[first]);
+          if (kind == read) w.turn();
+          w.wire->holds = false;
+        }
+        bool alive = true;
+        refused = exhaust(k, for_good, [&] {
+          if (kind == start) status = w.start();
+          if (kind == read) w.wire->reconnect();
+          alive = w.runs != 0 && w.serve();
+        });
+        const bool silent = logged.empty();
+        points[kind] += k > 0 && refused != 0;
+        ASSERT_TRUE(!HasFailure() && (status == 0 || (status == -2 && !silent))) << status;
+        if (!alive) {
+          const bool woken = w.runs != 0 && was_said("the wake-up failed with status -");
+          ASSERT_TRUE(was_said(woken ? "libddm_init failed -2." : "mom_ab init fail") ||
+                      was_said(woken ? "vx_mom_set_ds_opt fail, rv=-7" : "RDND_ELEMENT_REG_UNAWARE failed -2."));
+          ++ends;
+          continue;
+        }
+        w.settle();
+        if (k == 0) after = w.outputs();
+        ASSERT_TRUE(!silent || after == w.outputs());
+        for (size_t i = first; i < last && !silent; ++i) w.repeat(steps[i]);
+        for (size_t i = last; i < steps.size(); ++i) w.put(steps[i]), w.settle();
+        if (k == 0) end = w.outputs();
+        ASSERT_EQ(end, w.outputs());
+        w.leave();
+      }
+  }
+  std::cout << points[start] << " at start, " << ends << " of which ended it; " << points[announced] << " in "
+            << steps.size() << " events, " << points[read] << " when they were read\n";
 }
 
 }  // namespace
