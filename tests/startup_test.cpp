@@ -38,7 +38,7 @@ const char *const app_file = "/var/tmp/ko_lspan.zlog";
 
 // What a case finds: a call that fails, a file with these contents (or one of the words that make_file knows).
 struct setting {
-  const char *function = nullptr;  // "malloc": the k-th allocation
+  const char *function = nullptr;
   uint64_t k = 0;
   int32_t code = 0;
   const char *path = nullptr, *contents = nullptr;
@@ -69,10 +69,7 @@ void make_file(const string &path, const string &contents) {
 
 void apply(const setting &found) {
   if (found.path != nullptr) make_file(found.path, found.contents);
-  if (found.k != 0 && found.function == string("malloc"))
-    recording::alloc_fail_at(found.k, false);
-  else if (found.k != 0)
-    recording::fail(found.function, found.k, found.code);
+  if (found.k != 0) recording::fail(found.function, found.k, found.code);
 }
 
 void own_folders() {
@@ -190,9 +187,6 @@ string step_failed(const string &step, int rv) {
 
 TEST_F(startup, steps) {
   const string no_pid_file = error("init_running_check", "open lockfile failed, fd = -1");
-  const string no_ham = failed(ham, " = -5") + error("init_ham", "reg ham failed, rv = -5");
-  const string no_app = error("get_zlog_category", "init zlog ko_lspan failed.") +
-                        error("init_zlog", "init zlog ko_lspan failed, rv = -17.");
   const string untouched = " level=99 category global";
   const struct {
     uint32_t flags;
@@ -221,11 +215,9 @@ TEST_F(startup, steps) {
       {1, "", file(pid_file, "-> /var/tmp/elsewhere"), dl, 0, "", " level=0 pid"},
       {1, "", file(pid_file, "-> /dev/full"), dl, 0, "", " level=0 other pid"},
       {1, "", file(pid_file, "<fifo>"), dl, 0, "", " level=0 pid"},
-      {7, "", {"reg_process_exit_action", 1, -5}, dl + no_ham, -5, "ham", " level=0 pid sigpipe"},
       {2, "", file(ham_file, ""), dl, 0, "", " level=0 sigpipe"},
       {2, "", file(ham_file, "<fifo>"), dl, 0, "", " level=0 sigpipe"},
       {4, "zlog_conf", {}, dl + error("init_zlog", "zlog_conf is (NULL)."), -4, "zlog", " level=0"},
-      {12, "", {"vx_zlog_init", 2, -1}, dl + failed(app, " = null") + no_app, -17, "zlog", " level=0"},
       {4, "", {"vx_zlog_init", 2, -1, dl_file, "0"}, dl + failed(app, " = null"), -17, "", " level=0"},
   };
   for (const auto &one : cases) {
@@ -366,8 +358,7 @@ TEST_F(startup, process_names) {
 const string open_store = "vx_mom_ab_init(null, \"ko_lspan\", {0 0})\n",
              redundancy =
                  "rdnd_lib_mom_reg(\"ko_lspan\", instance, context, ko_lspan_mom_rdnd_awake_cb, "
-                 "ko_lspan_mom_rdnd_awake_cb, 0, 0, 0, [4 8 6])\n",
-             loop = "vx_global_run(context)\nvx_global_finish(context)\n";
+                 "ko_lspan_mom_rdnd_awake_cb, 0, 0, 0, [4 8 6])\n";
 
 int named_main() {
 #define NAME(function) recording::name_pointer(reinterpret_cast<const void *>(function), #function)
@@ -380,48 +371,20 @@ int named_main() {
   return ko_lspan_main();
 }
 
-TEST_F(startup, daemon_ends) {
-  const string start = dl + ham + app, no_store = "error ko_lspan_mom_init: mom_ab init fail\n";
-  const string no_table = start + open_store + "error ko_lspan_mom_init: outgrb hash init fail\n";
-  const string refused = start + open_store + failed(redundancy, " = -3");
-  const struct {
-    int status;
-    setting found;
-    string trace;
-  } cases[] = {
-      {0, {}, start + open_store + redundancy + loop},
-      {0, {"vx_mom_ab_init", 1, -1}, start + failed(open_store, " = null") + no_store},
-      {0, {"rdnd_lib_mom_reg", 1, -3}, refused + "error ko_lspan_mom_init: RDND_ELEMENT_REG_UNAWARE failed -3.\n"},
-      {0, {"rdnd_lib_mom_reg", 1, -3, app_file, "0"}, refused},
-      {254, {"malloc", 1}, no_table},
-      {254, {"malloc", 2}, no_table},
-      {239, {"vx_zlog_init", 1, -1}, failed(dl, " = null")},
-      {212, {"reg_process_exit_action", 1, -300, dl_file, "0"}, dl + failed(ham, " = -300")},
-  };
-  for (const auto &one : cases) {
-    const outcome out = in_child([&] { return apply(one.found), named_main(); });
-    EXPECT_EQ(out.status, one.status) << out.trace;
-    EXPECT_EQ(out.trace, one.trace);
-  }
-}
-
-// What the wake-up, called from inside the daemon's loop, does, its status, and the event that follows.
-string wake_up(const char *level, const char *function, uint64_t k) {
-  const outcome out = in_child([&] {
-    make_file(app_file, level);
-    recording::on_run([&] {
-      recording::take_trace();
-      if (function != nullptr) recording::fail(function, k, -9);
+// What main and the wake-up inside its loop do. `found` is what they find.
+outcome live(const std::function<void()> &found) {
+  return in_child([&] {
+    found();
+    recording::on_run([] {
       recording::note("rv=" + std::to_string(recording::awake()(nullptr)));
       if (recording::all_ds_handler() != nullptr) recording::all_ds_handler()(nullptr);
     });
     return named_main();
   });
-  return out.trace.substr(0, out.trace.find("vx_global_finish"));
 }
 
-TEST_F(startup, wake_up) {
-  const string all = R"(libddm_init(context, "ko_lspan")
+const string woken = R"(vx_global_run(context)
+libddm_init(context, "ko_lspan")
 vx_mom_reg_ds(3 inputs, 7 outputs)
   input 0 CONF_DB u_monitor.mirror_lspan_info {t_user="ko_lspan"} enabled=1 output=0
   input 1 CONF_DB p_policy.data_intf_conf {} enabled=1 output=0
@@ -443,32 +406,73 @@ vx_mom_reg_key_event(CONF_DB p_policy.data_intf_conf, 1, ko_lspan_outgrb_handle,
 vx_mom_reg_all_ds_event(0, ko_lspan_all_ds_over_handler, null)
 rv=0
 info ko_lspan_all_ds_over_handler: lspan ds over.\r\n
+vx_global_finish(context)
 )";
-  EXPECT_EQ(wake_up("4", nullptr, 0), all);
-  const string quiet = without(all, "info ");
-  EXPECT_EQ(wake_up("3", nullptr, 0), quiet);
-  string last_refused = quiet;
-  last_refused.insert(quiet.find("\nrv="), " = -9");
-  EXPECT_EQ(wake_up("1", "vx_mom_reg_all_ds_event", 1), last_refused);
 
-  const struct {
-    const char *function;
-    uint64_t k;
-    const char *error;
-  } cases[] = {
-      {"libddm_init", 1, R"(libddm_init failed -9.\r\n)"},
-      {"vx_mom_set_ds_opt", 1, R"(vx_mom_set_ds_opt fail, rv=-9\r\n)"},
-      {"vx_mom_reg_key_event", 1, R"(mom set add_event fail, rv=-9, i=0\r\n)"},
-      {"vx_mom_reg_key_event", 3, R"(mom set add_event fail, rv=-9, i=2\r\n)"},
-      {"vx_mom_reg_key_event", 4, R"(mom set del_event fail, rv=-9, i=0\r\n)"},
-      {"vx_mom_reg_key_event", 5, R"(mom set del_event fail, rv=-9, i=1\r\n)"},
+TEST_F(startup, daemon_lives) {
+  for (const int level : {4, 3}) {
+    const outcome out = live([&] { make_file(app_file, std::to_string(level)); });
+    EXPECT_EQ(out.status, 0);
+    EXPECT_EQ(out.trace, dl + ham + app + open_store + redundancy + (level == 4 ? woken : without(woken, "info ")));
+  }
+  EXPECT_EQ(live([] {
+              apply({"rdnd_lib_mom_reg", 1, -3, app_file, "0"});
+            }).trace,
+            dl + ham + app + open_store + failed(redundancy, " = -3"));
+  EXPECT_EQ(live([] { apply({"reg_process_exit_action", 1, -300, dl_file, "0"}); }).trace, dl + failed(ham, " = -300"));
+}
+
+// Every call from the start of main to the end of the wake-up, and every allocation, fails in turn.
+TEST_F(startup, each_failure) {
+  const string whole = dl + ham + app + open_store + redundancy + without(woken, "info ");
+  const string end = "vx_global_finish(context)\n";
+  const auto woken_to = [&](const string &text) {
+    return " = -1000\nerror ko_lspan_mom_rdnd_awake_cb: " + text + "\\r\\n\nrv=-1000\n" + end;
   };
-  for (const auto &one : cases) {
-    size_t end = quiet.find(one.function);  // of the call that fails
-    for (uint64_t i = 1; i < one.k; i++) end = quiet.find(one.function, end + 1);
-    EXPECT_EQ(
-        wake_up("3", one.function, one.k),
-        quiet.substr(0, quiet.find('\n', end)) + " = -9\nerror ko_lspan_mom_rdnd_awake_cb: " + one.error + "\nrv=-9\n");
+  const struct {
+    const char *call;
+    string follows;
+    int status = 0;
+  } rows[] = {
+      {"vx_zlog_init(\"dl\"", " = null\n", 239},
+      {"reg_process_exit_action",
+       " = -1000\n" + error("init_ham", "reg ham failed, rv = -1000") + step_failed("ham", -1000), 24},
+      {"vx_zlog_init(\"ko",
+       " = null\n" + error("get_zlog_category", "init zlog ko_lspan failed.") +
+           error("init_zlog", "init zlog ko_lspan failed, rv = -17.") + step_failed("zlog", -17),
+       239},
+      {"vx_mom_ab_init", " = null\nerror ko_lspan_mom_init: mom_ab init fail\n"},
+      {"rdnd_lib_mom_reg", " = -1000\nerror ko_lspan_mom_init: RDND_ELEMENT_REG_UNAWARE failed -1000.\n"},
+      {"libddm_init", woken_to("libddm_init failed -1000.")},
+      {"vx_mom_reg_ds", ""},  // its answer is only handed on
+      {"vx_mom_set_ds_opt", woken_to("vx_mom_set_ds_opt fail, rv=-1000")},
+      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=0")},
+      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=1")},
+      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=2")},
+      {"vx_mom_reg_key_event", woken_to("mom set del_event fail, rv=-1000, i=0")},
+      {"vx_mom_reg_key_event", woken_to("mom set del_event fail, rv=-1000, i=1")},
+      {"vx_mom_reg_all_ds_event", " = -1000\nrv=0\n" + end},
+  };
+  uint64_t k = 0;
+  size_t at = 0;  // in the trace without failures
+  for (const auto &row : rows) {
+    at = whole.find('\n', whole.find(row.call, at));
+    string expected = whole.substr(0, at) + row.follows;
+    if (row.follows.empty()) {
+      expected += " = -1000" + whole.substr(at);
+      expected.replace(expected.find("77"), 2, std::to_string(UINT32_MAX - 999));
+    }
+    const outcome out = live([k = ++k] { recording::fail_any(k, -1000); });
+    EXPECT_EQ(out.status, row.status) << row.call;
+    EXPECT_EQ(out.trace, expected);
+  }
+  EXPECT_EQ(live([&] { recording::fail_any(k + 1, -1000); }).trace, whole) << "a call that is not in the table";
+  const string no_table = dl + ham + app + open_store + "error ko_lspan_mom_init: outgrb hash init fail\n";
+  for (k = 1; k <= 6; ++k) {
+    const uint64_t n = (k + 1) / 2;
+    const outcome out = live([&] { recording::alloc_fail_at(n, k % 2 == 0); });
+    EXPECT_EQ(out.status, n <= 2 ? 254 : 0) << n;
+    EXPECT_EQ(out.trace, n <= 2 ? no_table : whole);
   }
 }
 
