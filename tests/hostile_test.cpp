@@ -27,7 +27,7 @@ struct vx_zlog_category {};
 
 namespace {
 
-std::vector<std::string> logged;  // errors and warnings of everyone in this process
+std::vector<std::string> logged;  // errors, warnings and failed calls of everyone in this process
 
 bool armed;  // allocations are counted, and some refused; by all but the standard C library and protobuf-c
 uint64_t allocations, first_refused, last_refused;
@@ -68,7 +68,8 @@ void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, l
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   const bool was_armed = std::exchange(armed, false);
-  if (level >= VX_ZLOG_WARN || std::strstr(text, "can't alloc memory") != nullptr) logged.emplace_back(text);
+  const bool fails = std::strstr(text, "can't alloc memory") != nullptr || std::strstr(text, "=-2") != nullptr;
+  if (level >= VX_ZLOG_WARN || fails) logged.emplace_back(text);
   armed = was_armed;
 }
 
@@ -590,6 +591,8 @@ TEST(exhaustion, every_allocation) {
         const bool silent = logged.empty();
         points[kind] += k > 0 && refused != 0;
         ASSERT_TRUE(!HasFailure() && (status == 0 || (status == -2 && !silent))) << status;
+        const bool refused_write = kind != start && std::count(logged.begin(), logged.end(), "memory is exhausted") > 0;
+        ASSERT_TRUE(!refused_write || status != 0 || was_said("=-2")) << "the handler was not told";
         if (!alive) {
           const bool woken = w.runs != 0 && was_said("the wake-up failed with status -");
           ASSERT_TRUE(was_said(woken ? "libddm_init failed -2." : "mom_ab init fail") ||

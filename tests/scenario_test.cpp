@@ -252,7 +252,7 @@ class Scenario : public testing::Test {
 // ---- failures ----
 
 enum class then {
-  stops,           // only words of the callers follow, each with the code, which is the status
+  stops,           // only words of the callers follow, each with the code, which is the status; no entry has changed
   goes_on,         // everything follows as it does without the failure
   skips_source,    // likewise, but for the deletions of source and result
   leaves_entries,  // likewise, but for the entries that are spoken of; a delete that left one ends there
@@ -288,6 +288,8 @@ bool has(const std::string &line, const std::string &text) { return line.find(te
 
 bool is_log(const std::string &line) { return line.starts_with("error ") || line.starts_with("debug "); }
 
+bool changes_list(const std::string &line) { return has(line, "mirror_list_add_") || has(line, "mirror_list_del"); }
+
 // What of a trace is done to the store, and the status.
 words deeds(words lines) {
   std::erase_if(lines, [](const auto &line) { return !line.starts_with("vx_") && !line.starts_with("= "); });
@@ -311,7 +313,8 @@ const rule *followed(const words &base, const words &seen, int32_t code) {
   switch (found->what) {
     case then::stops:
       right = said_end + 1 == tail.end() && tail.back() == "= " + answer &&
-              std::all_of(tail.begin() + !called, said_end, [&](auto &line) { return has(line, '=' + answer); });
+              std::all_of(tail.begin() + !called, said_end, [&](auto &line) { return has(line, '=' + answer); }) &&
+              (found->stays != nullptr || std::none_of(seen.begin(), seen.end(), changes_list));
       break;
     case then::goes_on:
       right = std::equal(tail.begin() + 1, tail.end(), rest.begin() + 1, rest.end());
