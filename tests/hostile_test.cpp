@@ -3,19 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdarg>
-#include <functional>
 #include <map>
 #include <random>
 #include <set>
 
-#include "global_context.h"
-#include "p_policy.pb-c.h"
+#include "in_process.h"
 #include "proc/lspan/ko_lspan.h"
 #include "sandbox.h"
-#include "store/memory_engine.h"
-#include "store/registration.h"
-#include "store/store.h"
-#include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
 struct vx_zlog_category {};
@@ -44,142 +38,6 @@ namespace {
 
 using namespace harness;
 using namespace ko_store;
-
-// A memory engine whose announcements the test holds back and hands out as it likes.
-class scrambler final : public engine, private engine_user {
- public:
-  explicit scrambler(vx_global &global) : inner(global) {}
-
-  memory_engine inner;
-  bool holds = false;
-  bool loses = false;             // writes do not arrive, and that comes out when the connection breaks
-  std::function<void()> between;  // called once, when the first hash was read and the others were not
-
-  // Hands out what was held: changes of one key in their order, all else in any, some of them twice. `drop`: one of
-  // them never. Returns whether one was dropped.
-  bool release(std::minstd_rand &random, bool drop) {
-    bool dropped = false;
-    while (!held_.empty()) {
-      size_t i = random() % held_.size();
-      for (size_t k = 0; k < i; ++k)
-        if (held_[k].input == held_[i].input && held_[k].key == held_[i].key) i = k;
-      const note now = held_[i];
-      held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(i));
-      if (drop && !dropped && random() % (held_.size() + 1) == 0) {
-        dropped = true;
-        continue;
-      }
-      for (size_t times = 1 + random() % 2; times > 0; --times)
-        user_->changed(now.input, {now.kind, now.key, now.record});
-    }
-    return dropped;
-  }
-  void reconnect() {
-    held_.clear();
-    user_->down();
-    for (const auto &[hash, what] : lost_) user_->undone({hash, what.kind, what.key, what.record}, {});
-    lost_.clear();
-    user_->up();
-  }
-  void garbage(size_t input) { user_->malformed(input); }
-
-  void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override {
-    user_ = &user;
-    inner.start(*this, std::move(hashes), n_inputs);
-  }
-  void scan(size_t hash) override { inner.scan(hash); }
-  void fetch(size_t input, std::string_view key) override { inner.fetch(input, key); }
-  void write(const change &what) override {
-    if (!loses) return inner.write(what);
-    lost_.push_back({what.hash, {0, what.kind, std::string(what.key), std::string(what.record)}});
-  }
-  bool congested() const override { return false; }
-
- private:
-  struct note {
-    size_t input;
-    change_kind kind;
-    std::string key, record;
-  };
-
-  void up() override { user_->up(); }
-  void down() override {}
-  void changed(size_t input, const announcement &what) override {
-    if (holds)
-      held_.push_back({input, what.kind, std::string(what.key), std::string(what.record)});
-    else
-      user_->changed(input, what);
-  }
-  void malformed(size_t) override {}
-  void page(size_t hash, std::span<const stored_record> records, bool last) override {
-    user_->page(hash, records, last);
-    if (hash == 0 && between) std::exchange(between, {})();
-  }
-  void unreadable(size_t, std::string_view) override {}
-  void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override {
-    user_->fetched(input, key, record);
-  }
-  void undone(const change &what, std::string_view why) override { user_->undone(what, why); }
-  void relieved() override {}
-
-  engine_user *user_ = nullptr;
-  std::vector<note> held_;
-  std::vector<std::pair<hash_id, note>> lost_;
-};
-
-// One for the process, as in the daemon; each test leaves it without records.
-struct world {
-  scrambler *wire = nullptr;
-
-  world() {
-    lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-    use_engine([this](vx_global &global) {
-      auto made = std::make_unique<scrambler>(global);
-      wire = made.get();
-      return made;
-    });
-    uint8_t runs = 0;
-    if (ko_lspan_mom_init(&runs) != 0 || runs == 0) std::abort();
-    turn();
-  }
-  registration &tested() { return *registration_of(lspan_global.global); }
-
-  void turn() {
-    event_base *base = ko_platform::context_of(lspan_global.global).base.get();
-    for (int quiet = 0; quiet < 4; quiet = tested().settled() ? quiet + 1 : 0)
-      event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
-  }
-  void put(const record &what, change_kind kind = change_kind::set) { wire->inner.put(what.change(kind)); }
-
-  using contents = std::map<std::string, std::map<std::string, std::string>>;
-  contents outputs() {
-    contents out;
-    for (const auto *type : {&u_monitor__span_port_src_info__descriptor, &u_monitor__span_acl_src_info__descriptor,
-                             &u_monitor__span_vlan_src_info__descriptor, &u_monitor__span_dst_info__descriptor,
-                             &u_monitor__span_mtp_info__descriptor})
-      add(out[type->name], 8, type);
-    add(out["relayed"], 4, &u_monitor__mirror_result_info__descriptor);
-    add(out["learning"], 6, &u_bridge__udp_pt_learn__descriptor);
-    return out;
-  }
-  std::vector<record> inputs() {
-    std::vector<record> out;
-    for (const auto &[db, type] : {std::pair(4U, &u_monitor__mirror_lspan_info__descriptor),
-                                   std::pair(4U, &p_policy__data_intf_conf__descriptor),
-                                   std::pair(8U, &u_monitor__mirror_result_info__descriptor)})
-      for (const auto &[key, bytes] : wire->inner.records(db, type->name)) out.push_back({db, type, key, bytes});
-    return out;
-  }
-  void clear() {
-    for (const record &what : inputs()) put(what, change_kind::del);
-    turn();
-  }
-
- private:
-  void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type) {
-    for (const auto &[key, bytes] : wire->inner.records(db, type->name)) to.emplace(key, bytes);
-  }
-};
 
 world &the_world() {
   static world &only = *new world;
@@ -211,6 +69,7 @@ record random_record(std::minstd_rand &random, bool stays) {
 TEST(announcements, any_order_any_number_and_a_lost_one) {
   world &w = the_world();
   std::minstd_rand random(4);
+  const auto below = [&](size_t bound) { return random() % bound; };
   for (int round = 0; round < 1000 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     for (uint32_t i = 0; i < 12; ++i) w.put(session(numbered(i))), w.put(result(numbered(i)));
@@ -221,7 +80,7 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
       w.put(random_record(random, stays), stays || random() % 3 != 0 ? change_kind::set : change_kind::del);
       if (random() % 8 != 0) continue;
       w.turn();
-      if (!w.wire->release(random, random() % 4 == 0)) continue;
+      if (!w.wire->release(below, random() % 4 == 0)) continue;
       w.wire->between = [&] {
         w.wire->holds = false;
         for (int i = 0; i < 4; ++i)
@@ -232,7 +91,7 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
       w.wire->holds = true;
     }
     w.turn();
-    if (w.wire->release(random, round % 2 == 0)) w.wire->reconnect();
+    if (w.wire->release(below, round % 2 == 0)) w.wire->reconnect();
     w.wire->holds = false;
     w.turn();
     const world::contents end = w.outputs();
@@ -264,7 +123,7 @@ TEST(writes, lost_ones_are_decided_anew) {
     if (comes_back) w.put(session(numbered(0)));
     w.wire->reconnect();
     w.turn();
-    EXPECT_EQ(w.wire->inner.records(gone.db, gone.type->name).contains(gone.key), comes_back);
+    EXPECT_EQ(w.store->records(gone.db, gone.type->name).contains(gone.key), comes_back);
     EXPECT_EQ(w.outputs() == whole, comes_back);
     w.clear();
   }
@@ -325,7 +184,7 @@ TEST(hostile, every_truncation_and_every_flipped_bit) {
         record bad = victim;
         (of_key ? bad.key : bad.bytes) = bytes;
         ++tried;
-        if (is_sound(bad) || (of_key && w.wire->inner.records(bad.db, bad.type->name).contains(bad.key))) continue;
+        if (is_sound(bad) || (of_key && w.store->records(bad.db, bad.type->name).contains(bad.key))) continue;
         ++unsound;
         keys.insert(victim.type->name + bad.key);
         const uint64_t before = w.tested().counts().rejected;

@@ -1,0 +1,100 @@
+// The daemon's own code in this process, on a store in memory that misbehaves as a test wants.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "records.h"
+#include "store/memory_engine.h"
+#include "store/registration.h"
+
+namespace harness {
+
+// The engine between the daemon and the store in memory.
+class scrambler final : public ko_store::engine, private ko_store::engine_user {
+ public:
+  explicit scrambler(ko_store::memory_engine &store) : inner(store) {}
+
+  ko_store::memory_engine &inner;
+  bool holds = false;             // announcements wait for release
+  bool loses = false;             // writes do not arrive, and that comes out when the connection breaks
+  bool every_second = false;      // of those, every second one does arrive
+  bool pieces = false;            // hashes are read a record at a time, each of them twice
+  bool full = false;              // congested
+  bool unreadable_next = false;   // the next hash that is read cannot be read
+  std::function<void()> between;  // called once, when the first hash was read and the others were not
+
+  // Hands out what was held: changes of one key in their order, all else in any, some of them twice. `drop`: one of
+  // them never. Returns whether one was dropped. `below` makes the choices.
+  bool release(const std::function<size_t(size_t bound)> &below, bool drop);
+  void cut();  // the connection breaks
+  void join();
+  void reconnect() { cut(), join(); }
+  bool is_cut() const { return cut_; }
+  void garbage(size_t input) { user_->malformed(input); }
+  void lie(size_t input, const ko_store::announcement &what) { user_->changed(input, what); }
+  void relieve() { full = false, user_->relieved(); }
+
+  void start(engine_user &user, std::vector<ko_store::hash_id> hashes, size_t n_inputs) override;
+  void scan(size_t hash) override;
+  void fetch(size_t input, std::string_view key) override;
+  void write(const ko_store::change &what) override;
+  bool congested() const override { return full; }
+
+ private:
+  struct note {
+    size_t input;
+    ko_store::change_kind kind;
+    std::string key, record;
+  };
+
+  void up() override;
+  void down() override {}
+  void changed(size_t input, const ko_store::announcement &what) override;
+  void malformed(size_t) override {}
+  void page(size_t hash, std::span<const ko_store::stored_record> records, bool last) override;
+  void unreadable(size_t, std::string_view) override {}
+  void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
+  void undone(const ko_store::change &what, std::string_view why) override;
+  void relieved() override {}
+  void must_be_up() const;
+
+  engine_user *user_ = nullptr;
+  std::vector<ko_store::hash_id> hashes_;
+  size_t n_inputs_ = 0;
+  bool cut_ = false;
+  std::vector<note> held_;
+  std::vector<std::pair<ko_store::hash_id, note>> lost_;
+};
+
+// The daemon and its store; one for the process.
+class world {
+ public:
+  world();
+
+  scrambler *wire = nullptr;  // of the running daemon
+  std::unique_ptr<ko_store::memory_engine> store;
+
+  ko_store::registration &tested();
+  // Ends the daemon with all that it had in memory; starts it.
+  void kill();
+  void restart();
+  void step();  // serves the loop once
+  void turn();  // and until the daemon has nothing to do
+  void put(const record &what, ko_store::change_kind kind = ko_store::change_kind::set) {
+    store->put(what.change(kind));
+  }
+
+  using contents = std::map<std::string, std::map<std::string, std::string>>;
+  contents outputs();
+  std::vector<record> inputs();
+  void clear();  // takes all inputs away
+
+ private:
+  void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type);
+};
+
+}  // namespace harness
