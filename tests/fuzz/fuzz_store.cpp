@@ -99,12 +99,18 @@ void note_write(uint32_t db, const ProtobufCMessage *message, bool is_del) {
 
 class attempt {
  public:
-  attempt(fuzz::bytes &input, harness::world &in) : input_(input), world_(in) { start(); }
+  attempt(fuzz::bytes &input, harness::world &in) : input_(input), world_(in) {
+    lspan_zlog_level = 1;
+    late_in = 0;
+    start();
+  }
   attempt(const attempt &) = delete;
   attempt &operator=(const attempt &) = delete;
   ~attempt() {
     world_.kill();
     world_.store.reset();
+    told.clear();
+    written.clear();
   }
 
   void run() {
@@ -114,8 +120,6 @@ class attempt {
       for (unsigned turns = what / 16 % 4; turns > 0; --turns) world_.step();
       fuzz::must_hold(driver::broken());
     }
-    settle();
-    start();  // again, on what is there
     settle();
   }
 
@@ -336,7 +340,7 @@ int32_t __wrap_vx_mom_del(vx_global *store, uint32_t db_id, const ProtobufCMessa
   return __real_vx_mom_del(store, db_id, message, 0, 0);
 }
 
-const char *__asan_default_options() { return "malloc_context_size=4:quarantine_size_mb=4"; }
+const char *__asan_default_options() { return "malloc_context_size=0:quarantine_size_mb=4"; }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static harness::world &the_world = *new harness::world;
