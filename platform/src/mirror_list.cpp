@@ -3,7 +3,8 @@
 //
 // Each entry's allocation has room behind the entry for a node of the index, so that entry and node come and go
 // together. A node stands in two hash tables: by list and searched fields, for searches, and by the entry's address,
-// for its removal. The fields are the caller's to fill after the entry was added; its node waits until the next search.
+// for its removal. The fields are the caller's to fill after the entry was added, and short lists are searched without
+// the index: a node waits until there is a search in a long list of its kind.
 #include "mirror_list.h"
 
 #include <cstdlib>
@@ -17,10 +18,12 @@ enum table_kind { by_key, by_address, n_tables };
 
 struct node {
   node *next[n_tables];  // in the bucket; in by_key also the next that waits
-  uint64_t hash[n_tables];
+  union {
+    uint64_t key_hash;
+    node **waits_at;  // the pointer that leads to a waiting node
+  };
   mirror_link *list;
   mirror_link *entry;
-  uint64_t (*key_hash)(const mirror_link *list, const mirror_link *entry);
   bool waits;  // not in by_key yet
 };
 
@@ -56,6 +59,8 @@ uint64_t hash_of(const mirror_link *list, const mtp_info &entry) { return hash_o
 // What was allocated together lies together here, too.
 uint64_t address_hash(const mirror_link *entry) { return reinterpret_cast<uintptr_t>(entry) / 64; }
 
+uint64_t hash_of(const node *of, table_kind kind) { return kind == by_key ? of->key_hash : address_hash(of->entry); }
+
 // Chained hash table of nodes. Where it cannot grow for want of memory it gets slower, and nothing else.
 class node_table {
  public:
@@ -70,7 +75,7 @@ class node_table {
   }
 
   void remove(const node *gone) {
-    node **at = &buckets_[gone->hash[kind_] & mask_];
+    node **at = &buckets_[hash_of(gone, kind_) & mask_];
     while (*at != gone) at = &(*at)->next[kind_];
     *at = gone->next[kind_];
     --used_;
@@ -78,7 +83,7 @@ class node_table {
 
  private:
   void push(node **buckets, size_t mask, node *added) const {
-    node **bucket = &buckets[added->hash[kind_] & mask];
+    node **bucket = &buckets[hash_of(added, kind_) & mask];
     added->next[kind_] = *bucket;
     *bucket = added;
   }
@@ -106,11 +111,27 @@ class node_table {
 
 node_table keys(by_key);
 node_table addresses(by_address);
+template <typename Entry>
 node *waiting = nullptr;
 
 constexpr size_t few = 4;  // entries that a search looks at before it asks the index
 
 void make_empty(mirror_link &head) { head.next = head.prev = &head; }
+
+void await(node *added, node *&first) {
+  added->waits = true;
+  added->waits_at = &first;
+  added->next[by_key] = first;
+  if (first != nullptr) first->waits_at = &added->next[by_key];
+  first = added;
+}
+
+void leave_waiting(node *gone) {
+  node *next = gone->next[by_key];
+  *gone->waits_at = next;
+  if (next != nullptr) next->waits_at = gone->waits_at;
+  gone->waits = false;
+}
 
 template <typename Entry>
 Entry *add(mirror_link *list) {
@@ -124,24 +145,18 @@ Entry *add(mirror_link *list) {
   node *index = &made->index;
   index->list = list;
   index->entry = link;
-  index->key_hash = [](const mirror_link *of, const mirror_link *entry) {
-    return hash_of(of, *reinterpret_cast<const Entry *>(entry));
-  };
-  index->hash[by_address] = address_hash(link);
   addresses.insert(index);
-  index->waits = true;
-  index->next[by_key] = waiting;
-  waiting = index;
+  await(index, waiting<Entry>);
   return &made->entry;
 }
 
 // By now the callers have filled what they added.
+template <typename Entry>
 void file_waiting() {
-  while (waiting != nullptr) {
-    node *filed = waiting;
-    waiting = filed->next[by_key];
-    filed->waits = false;
-    filed->hash[by_key] = filed->key_hash(filed->list, filed->entry);
+  while (waiting<Entry> != nullptr) {
+    node *filed = waiting<Entry>;
+    leave_waiting(filed);
+    filed->key_hash = hash_of(filed->list, *reinterpret_cast<const Entry *>(filed->entry));
     keys.insert(filed);
   }
 }
@@ -153,21 +168,21 @@ Entry *search(mirror_link *list, uint64_t hash, Test test) {
   for (size_t i = 0; i < few && next != list; ++i, next = next->next)
     if (auto *entry = reinterpret_cast<Entry *>(next); test(*entry)) return entry;
   if (next == list) return nullptr;
-  file_waiting();
+  file_waiting<Entry>();
   for (node *at = keys.first(hash); at != nullptr; at = at->next[by_key]) {
-    if (at->hash[by_key] != hash || at->list != list) continue;
+    if (at->key_hash != hash || at->list != list) continue;
     auto *entry = reinterpret_cast<Entry *>(at->entry);
     if (test(*entry)) return entry;
   }
   return nullptr;
 }
 
-void forget(const node *gone) {
+void forget(node *gone) {
   addresses.remove(gone);
-  if (!gone->waits) return keys.remove(gone);
-  node **at = &waiting;
-  while (*at != gone) at = &(*at)->next[by_key];
-  *at = gone->next[by_key];
+  if (gone->waits)
+    leave_waiting(gone);
+  else
+    keys.remove(gone);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Packed records by packed key: a hash table in which every record is one piece of memory.
+// Packed records by packed key: a hash table in which every record is one piece of memory. A record begins with its key
+// in most cases, and is stored once then.
 #pragma once
 
 #include <cstddef>
@@ -15,19 +16,27 @@ class record_table {
   // One record. Its texts stay where they are until the record is replaced or erased.
   class entry {
    public:
-    std::string_view key() const { return {bytes(), key_size_}; }
-    std::string_view record() const { return {bytes() + key_size_, record_size_}; }
+    std::string_view key() const { return {bytes() + key_start_, key_size_}; }
+    std::string_view record() const { return {bytes(), record_size_}; }
+
+    // A number of the user's own; a put makes it 0.
+    uint32_t mark() const { return mark_; }
+    void set_mark(uint32_t mark) { mark_ = mark; }
 
    private:
     friend class record_table;
     const char *bytes() const { return reinterpret_cast<const char *>(this + 1); }
     char *bytes() { return reinterpret_cast<char *>(this + 1); }
 
+    void fill(std::string_view key, std::string_view record);
+
     entry *next_;  // in the bucket
-    size_t room_;  // for key and record
     uint32_t hash_;
+    uint32_t room_;  // bytes that follow: the record, and behind it the key where it is not in the record
+    uint32_t record_size_;
+    uint32_t key_start_;
     uint32_t key_size_;
-    size_t record_size_;
+    uint32_t mark_;
   };
 
   // `memory` (borrowed) gives and takes the records' pieces; what is erased is used again.
@@ -39,6 +48,7 @@ class record_table {
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
   const entry *find(std::string_view key) const { return *place_of(key, hash_of(key)); }
+  entry *find(std::string_view key) { return *place_of(key, hash_of(key)); }
   bool contains(std::string_view key) const { return find(key) != nullptr; }
 
   // Adds or replaces a record, which must not lie in this table. Throws bad_alloc and leaves all as it was.
@@ -55,7 +65,6 @@ class record_table {
   void visit_bucket(size_t i, Visit visit) const {
     for (const entry *at = buckets_[i]; at != nullptr; at = at->next_) visit(*at);
   }
-  void clear_bucket(size_t i);
 
  private:
   static uint32_t hash_of(std::string_view key) { return static_cast<uint32_t>(std::hash<std::string_view>{}(key)); }

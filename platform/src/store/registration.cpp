@@ -126,12 +126,13 @@ int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_k
 
   const change what{{db, message.descriptor}, kind, packed_key, record_buffer_};
   output_source *output = output_of(what);
+  if (output != nullptr) output->met = 0;
   if (output != nullptr && kind == change_kind::set) output->wanted.put(what.key, what.record);
   if (output != nullptr && kind == change_kind::del) output->wanted.erase(what.key);
 
   const bool compared = is_compared(output, kind);
   if (!compared && !loose_.empty()) loose_.erase(mark_of(what));  // an older change of the key must not come later
-  if (state_ == state::live || (compared && state_ == state::repairing)) {
+  if (state_ == state::live || (compared && state_ >= state::comparing)) {
     send(what);
     step_ = step::begin;  // iterators may be gone; to compare a source again costs nothing but time
   } else if (!compared) {
@@ -185,14 +186,13 @@ void registration::guard(const char *doing, auto &&work) try { work(); } catch (
   repair_later();
 }
 
-void registration::up() { read_all(true); }
+void registration::up() { read_inputs(); }
 
 void registration::down() {
   state_ = state::starting;
   scans_ = 0;
   waiting_.clear();
   for (const auto &input : inputs_) input->stored.clear();
-  for (const auto &output : outputs_) output->stored.clear();
   guard("the store is away", [this] {
     for (auto entry = loose_.begin(); entry != loose_.end();) {
       input_source *input = entry->second.kind == change_kind::del ? input_of(entry->second.hash) : nullptr;
@@ -202,34 +202,50 @@ void registration::down() {
   });
 }
 
-void registration::read_all(bool inputs_too) {
+void registration::read_inputs() {
   state_ = state::reading;
-  inputs_read_ = inputs_too;
   read_failed_ = false;
-  if (inputs_too) inputs_due_ = false;
-  counters_.reads += inputs_too ? 1 : 0;
-  scans_ = (inputs_too ? inputs_.size() : 0) + (own_records_ ? outputs_.size() : 0);
+  inputs_due_ = false;
+  ++counters_.reads;
+  scans_ = 0;
   for (const auto &input : inputs_) input->stored.clear();
-  for (const auto &output : outputs_) output->stored.clear(), output->readable = true;
-  if (inputs_too)
-    for (size_t i = 0; i < inputs_.size(); ++i) engine_->scan(i);
-  if (own_records_)
-    for (size_t i = 0; i < outputs_.size(); ++i) engine_->scan(inputs_.size() + i);
-  if (scans_ == 0) read_done();
+  for (size_t i = 0; i < inputs_.size(); ++i, ++scans_) engine_->scan(i);
+  if (scans_ == 0) scan_done();
+}
+
+void registration::compare_outputs() {
+  state_ = state::comparing;
+  repair_wrote_ = false;
+  read_failed_ = false;
+  ++comparison_;
+  scans_ = 0;
+  for (const auto &output : outputs_) output->readable = true, output->met = 0;
+  for (size_t i = 0; own_records_ && i < outputs_.size(); ++i, ++scans_) engine_->scan(inputs_.size() + i);
+  if (scans_ == 0) scan_done();
 }
 
 void registration::page(size_t hash, std::span<const stored_record> records, bool last) {
-  if (state_ != state::reading) return;
+  if (scans_ == 0) return;
   guard("reading the store", [&] {
-    if (hash < inputs_.size()) {
+    if (hash < inputs_.size())
       for (const stored_record &entry : records) assign(inputs_[hash]->stored, entry.key, entry.record);
-    } else {
-      output_source &output = *outputs_[hash - inputs_.size()];
-      for (const stored_record &entry : records)
-        if (is_own(output, entry.key)) output.stored.put(entry.key, entry.record);
-    }
+    else
+      compare_page(*outputs_[hash - inputs_.size()], records);
   });
-  if (last && --scans_ == 0) read_done();
+  if (last && --scans_ == 0) scan_done();
+}
+
+void registration::compare_page(output_source &output, std::span<const stored_record> records) {
+  for (const stored_record &stored : records) {
+    record_table::entry *wanted = output.wanted.find(stored.key);
+    if (wanted != nullptr && wanted->record() == stored.record) {
+      output.met += wanted->mark() != comparison_ ? 1 : 0;
+      wanted->set_mark(comparison_);
+    } else if (wanted == nullptr && is_own(output, stored.key)) {  // left over
+      repair_wrote_ = true;
+      send({output.hash, change_kind::del, stored.key, {}});
+    }
+  }
 }
 
 void registration::unreadable(size_t hash, std::string_view why) {
@@ -243,11 +259,11 @@ void registration::unreadable(size_t hash, std::string_view why) {
     read_failed_ = inputs_due_ = true;
   else
     outputs_[hash - inputs_.size()]->readable = false;
-  if (--scans_ == 0) read_done();
+  if (--scans_ == 0) scan_done();
 }
 
 bool registration::is_own(const output_source &output, std::string_view key) {
-  if (output.owner.empty()) return output.wanted.contains(key);
+  if (output.owner.empty()) return false;
   const auto *type = static_cast<const ProtobufCMessageDescriptor *>(key_field(*output.hash.type)->descriptor);
   arena_.reset();
   const ProtobufCMessage *decoded =
@@ -318,7 +334,8 @@ void registration::repair_later() {
 void registration::repair_due() {
   if (state_ == state::starting) return;  // the connection reads everything when it is back
   if (scans_ > 0 || (state_ != state::live && !read_failed_)) return repair_later();
-  read_all(inputs_due_);
+  if (inputs_due_) return read_inputs();
+  compare_outputs();
 }
 
 // ---- slices of long work ----
@@ -329,13 +346,14 @@ void registration::wake() {
   event_add(slice_event_.get(), &at_once);
 }
 
-void registration::read_done() {
+// All that was asked for has come.
+void registration::scan_done() {
   if (read_failed_) {
-    waiting_.clear();
+    waiting_.clear();  // it is read anyway
     return repair_later();
   }
-  state_ = state::delivering;
-  position_ = inputs_read_ ? 0 : inputs_.size();
+  state_ = state_ == state::reading ? state::delivering : state::repairing;
+  position_ = 0;
   step_ = step::begin;
   wake();
 }
@@ -345,7 +363,8 @@ void registration::run_slice() {
     const auto until = clock::now() + slice_time;
     if (state_ == state::delivering && deliver_some(until)) finish_delivery();
     if (state_ == state::repairing && repair_some(until)) finish_repair();
-    const bool done = state_ == state::live ? drain_some(until) : state_ <= state::reading;
+    const bool done =
+        state_ == state::live ? drain_some(until) : state_ != state::delivering && state_ != state::repairing;
     if (!done && !engine_->congested()) wake();
   });
 }
@@ -392,44 +411,28 @@ bool registration::deliver_some(clock::time_point until) {
 }
 
 void registration::finish_delivery() {
-  if (inputs_read_ && !all_read_told_) {
+  if (!all_read_told_) {
     all_read_told_ = true;
     if (all_read_ != nullptr) all_read_(all_read_context_);
   }
-  state_ = state::repairing;
-  position_ = 0;
-  step_ = step::begin;
-  repair_wrote_ = false;
+  compare_outputs();
 }
 
-// Returns whether everything was compared and nothing is left to send.
+// Returns whether nothing is left to send.
 bool registration::repair_some(clock::time_point until) {
   const auto interrupted = [&] { return engine_->congested() || clock::now() >= until; };
-  const auto due = [&] { return next_known_ % buckets_a_look == 0; };
   for (; position_ < outputs_.size(); ++position_, step_ = step::begin) {
-    output_source &output = *outputs_[position_];
-    if (!output.readable) continue;
+    const output_source &output = *outputs_[position_];
+    if (!output.readable || output.met == output.wanted.size()) continue;
     if (step_ == step::begin) next_known_ = 0, step_ = step::compare;
-    for (; step_ == step::compare && next_known_ < output.wanted.n_buckets(); ++next_known_) {
-      if (due() && interrupted()) return false;
+    for (; next_known_ < output.wanted.n_buckets(); ++next_known_) {
+      if (next_known_ % buckets_a_look == 0 && interrupted()) return false;
       output.wanted.visit_bucket(next_known_, [&](const record_table::entry &wanted) {
-        const record_table::entry *stored = output.stored.find(wanted.key());
-        if (stored != nullptr && stored->record() == wanted.record()) return;
+        if (wanted.mark() == comparison_) return;
         repair_wrote_ = true;
         send({output.hash, change_kind::set, wanted.key(), wanted.record()});
       });
     }
-    if (step_ == step::compare) next_known_ = 0, step_ = step::carry_out;
-    for (; next_known_ < output.stored.n_buckets(); ++next_known_) {  // left over?
-      if (due() && interrupted()) return false;
-      output.stored.visit_bucket(next_known_, [&](const record_table::entry &stored) {
-        if (output.wanted.contains(stored.key())) return;
-        repair_wrote_ = true;
-        send({output.hash, change_kind::del, stored.key(), {}});
-      });
-      output.stored.clear_bucket(next_known_);  // freed piece by piece, too
-    }
-    output.stored.clear();
   }
   for (; !loose_.empty(); loose_.erase(loose_.begin())) {
     if (interrupted()) return false;

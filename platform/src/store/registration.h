@@ -3,13 +3,14 @@
 // It holds a copy of every input, so that a delete event has its contents and a break of the connection costs nothing
 // but a comparison; and of every record that the process wants in its outputs, so that the outputs can be put right.
 //
-//   idle --declare--> starting --up--> reading --all read--> delivering --> repairing --> live
-//                        ^                                                                 |
-//                        +------------------------------- down ---------------------------+
+//   idle --declare--> starting --up--> reading --all read--> delivering --> comparing --> repairing --> live
+//                        ^                                                                            |
+//                        +---------------------------------- down ------------------------------------+
 //
-// reading: the stored inputs and outputs come in. delivering: the handlers are given what differs from the copies;
-// what they write is only noted. repairing: what is noted and what is stored are compared, and the difference is
-// written. Changes that are announced meanwhile wait. live: changes are delivered and written as they come.
+// reading: the stored inputs come in. delivering: the handlers are given what differs from the copies; what they write
+// is only noted. comparing: the stored outputs come in; what differs from what is noted is written, what is not noted
+// is deleted. repairing: what is noted and was not there is written. Changes that are announced meanwhile wait. live:
+// changes are delivered and written as they come.
 //
 // Long work is done in slices, so that the loop stays free.
 #pragma once
@@ -63,13 +64,13 @@ struct input_source {
 
 struct output_source {
   output_source(const hash_id &id, std::string_view whose, std::pmr::memory_resource *memory)
-      : hash(id), owner(whose), wanted(memory), stored(memory) {}
+      : hash(id), owner(whose), wanted(memory) {}
 
   hash_id hash;
   std::string owner;     // whose records these are; empty: nobody's in particular
-  record_table wanted;   // as it shall be
-  record_table stored;   // as it was just read, own records only
+  record_table wanted;   // as it shall be; marked with the comparison that met the record
   bool readable = true;  // the last read of it succeeded
+  size_t met = 0;        // records that carry the mark; 0 when some were changed since
 };
 
 class registration final : public vx_mom_ab, public ko_platform::attachment, private engine_user {
@@ -92,7 +93,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   bool settled() const { return state_ == state::live && waiting_.empty(); }
 
  private:
-  enum class state { idle, starting, reading, delivering, repairing, live };
+  enum class state { idle, starting, reading, delivering, comparing, repairing, live };
 
   struct input_change {  // bytes are borrowed
     size_t input;
@@ -126,8 +127,10 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void undone(const change &what, std::string_view why) override;
   void relieved() override;
 
-  void read_all(bool inputs_too);
-  void read_done();
+  void read_inputs();
+  void compare_outputs();
+  void compare_page(output_source &output, std::span<const stored_record> records);
+  void scan_done();
   void run_slice();
   bool deliver_some(std::chrono::steady_clock::time_point until);
   bool repair_some(std::chrono::steady_clock::time_point until);
@@ -162,7 +165,6 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   uint32_t declaration_ = 0;
   bool own_records_ = false;
   bool all_read_told_ = false;
-  bool inputs_read_ = false;  // this read covers the inputs, not only the outputs
   bool read_failed_ = false;  // it came to nothing
   bool inputs_due_ = false;   // the next repair reads the inputs, too
   size_t scans_ = 0;          // not finished yet
@@ -174,8 +176,9 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   // Where delivery and repair are: the source, and what of it is done.
   enum class step { begin, compare, carry_out };
   size_t position_ = 0;
+  uint32_t comparison_ = 0;  // number of the last one
   step step_ = step::begin;
-  size_t next_known_ = 0;          // next bucket to compare: of the copy, of what is wanted, or of what is stored
+  size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
   std::set<std::string> deletes_;  // keys of what has gone
   std::map<std::string, loose_write> loose_;
   std::deque<waiting_change> waiting_;
