@@ -48,11 +48,15 @@ class bytes final : public driver::choices {
   uint32_t rare_in_ = 0;  // the rare_in_-th next question is answered with true; 0: not known yet
 };
 
-// Ends the program, which is what the fuzzer takes for a finding.
+// End the program, which is what the fuzzer takes for a finding.
 inline void must_hold(const std::string &wrong) {
   if (wrong.empty()) return;
   std::fprintf(stderr, "%s\n", wrong.c_str());
   std::abort();
+}
+
+inline void must_hold(bool holds, const char *otherwise) {
+  if (!holds) must_hold(otherwise);
 }
 
 }  // namespace fuzz

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <map>
 
@@ -18,22 +19,9 @@
 #include "u_bridge.pb-c.h"
 
 using namespace ko_store;
+using fuzz::must_hold;
 
 namespace {
-
-struct hash {
-  uint32_t db;
-  const ProtobufCMessageDescriptor *type;
-};
-
-const hash inputs[] = {{4, &u_monitor__mirror_lspan_info__descriptor},
-                       {4, &p_policy__data_intf_conf__descriptor},
-                       {8, &u_monitor__mirror_result_info__descriptor}};
-const hash outputs[] = {
-    {8, &u_monitor__span_port_src_info__descriptor}, {8, &u_monitor__span_acl_src_info__descriptor},
-    {8, &u_monitor__span_vlan_src_info__descriptor}, {8, &u_monitor__span_dst_info__descriptor},
-    {8, &u_monitor__span_mtp_info__descriptor},      {4, &u_monitor__mirror_result_info__descriptor},
-    {6, &u_bridge__udp_pt_learn__descriptor}};
 
 using records = std::map<std::string, std::string, std::less<>>;
 std::map<const ProtobufCMessageDescriptor *, records> told;     // by set and delete events: packed key, packed record
@@ -56,22 +44,26 @@ bool has_owner(const change &what, const char *owner) {
   return key != nullptr && owner_of(*key) == owner;
 }
 
+bool is_one_of(const std::vector<hash_id> &hashes, uint32_t db, const ProtobufCMessageDescriptor *type) {
+  return std::any_of(hashes.begin(), hashes.end(), [=](const hash_id &at) { return at.db == db && at.type == type; });
+}
+
 void check_write(const change &what) {
-  if (what.kind == change_kind::publish)
-    return fuzz::must_hold(what.hash.type == &u_bridge__udp_flushdyn__descriptor ? "" : "published what is no request");
-  for (const hash &in : inputs)
-    if (in.db == what.hash.db && in.type == what.hash.type)
-      return fuzz::must_hold(what.kind == change_kind::del && has_owner(what, ko_span_peer_name) ? ""
-                                                                                                 : "wrote to an input");
-  fuzz::must_hold(has_owner(what, ko_lspan_app_name) ? "" : "wrote what is not its own");
-  if (what.kind == change_kind::del) return;
-  const auto record = unpack(*what.hash.type, what.record);
-  fuzz::must_hold(check_record(record.get(), what.key) == defect::none ? "" : "wrote what is not sound");
+  if (what.kind == change_kind::publish) {
+    must_hold(what.hash.type == &u_bridge__udp_flushdyn__descriptor, "published what is no request");
+  } else if (is_one_of(harness::input_hashes, what.hash.db, what.hash.type)) {
+    must_hold(what.kind == change_kind::del && has_owner(what, ko_span_peer_name), "wrote to an input");
+  } else {
+    must_hold(has_owner(what, ko_lspan_app_name), "wrote what is not its own");
+    const bool is_set = what.kind == change_kind::set;
+    const auto record = is_set ? unpack(*what.hash.type, what.record) : nullptr;
+    must_hold(!is_set || check_record(record.get(), what.key) == defect::none, "wrote what is not sound");
+  }
 }
 
 void note_event(uint32_t kind, const ProtobufCMessage &message, int32_t status) {
-  if (message.descriptor == inputs[2].type) return;  // sets only
-  if (message.descriptor == inputs[1].type) {
+  if (message.descriptor == &u_monitor__mirror_result_info__descriptor) return;  // sets only
+  if (message.descriptor == &p_policy__data_intf_conf__descriptor) {
     const auto &record = reinterpret_cast<const PPolicy__DataIntfConf &>(message);
     driver::note_membership(record.index->index, record.group_id, kind != VX_MOM_EVENT_SET, status);
   }
@@ -83,18 +75,17 @@ void note_event(uint32_t kind, const ProtobufCMessage &message, int32_t status) 
     return;
   }
   const auto gone = known.find(key);
-  fuzz::must_hold(gone != known.end() && gone->second == record ? "" : "a delete of what was not told");
+  must_hold(gone != known.end() && gone->second == record, "a delete of what was not told");
   known.erase(gone);
 }
 
-void note_write(uint32_t db, const ProtobufCMessage *message, bool is_del) {
-  for (const hash &out : outputs)
-    if (out.db == db && out.type == message->descriptor) {
-      if (is_del)
-        written[out.type].erase(packed(*key_of(*message)));
-      else
-        written[out.type].insert_or_assign(packed(*key_of(*message)), packed(*message));
-    }
+void note_write(uint32_t db, const ProtobufCMessage &message, bool is_del) {
+  if (!is_one_of(harness::output_hashes, db, message.descriptor)) return;
+  records &of_type = written[message.descriptor];
+  if (is_del)
+    of_type.erase(packed(*key_of(message)));
+  else
+    of_type.insert_or_assign(packed(*key_of(message)), packed(message));
 }
 
 class attempt {
@@ -118,7 +109,7 @@ class attempt {
       const uint8_t what = input_.next();
       act(what % 16);
       for (unsigned turns = what / 16 % 4; turns > 0; --turns) world_.step();
-      fuzz::must_hold(driver::broken());
+      must_hold(driver::broken());
     }
     settle();
   }
@@ -148,7 +139,7 @@ class attempt {
       case 3:
         return world_.put(any_record(), change_kind::del);
       case 4:
-        return take_away(inputs[input_.below(3)]);
+        return take_away(harness::input_hashes[input_.below(3)]);
       case 5:  // announced, but not so
         return lie();
       case 6:
@@ -172,7 +163,7 @@ class attempt {
         now.tv_sec += input_.below(40);
         return;
       case 12:
-        return spoil(outputs[input_.below(7)]);
+        return spoil(harness::output_hashes[input_.below(7)]);
       case 13:
         wire.unreadable_next = true;
         return;
@@ -232,7 +223,7 @@ class attempt {
     what.bytes.replace(2, key.size(), what.key);
   }
 
-  void take_away(const hash &from) {
+  void take_away(const hash_id &from) {
     const auto &stored = world_.store->records(from.db, from.type->name);
     if (stored.empty()) return;
     const auto gone = std::next(stored.begin(), input_.below(static_cast<uint32_t>(stored.size())));
@@ -251,7 +242,7 @@ class attempt {
   }
 
   // Somebody writes to an output: changes or deletes what is there, or adds something like it.
-  void spoil(const hash &where) {
+  void spoil(const hash_id &where) {
     const auto &stored = world_.store->records(where.db, where.type->name);
     harness::record what{where.db, where.type, {}, {}};
     if (!stored.empty()) {
@@ -273,28 +264,29 @@ class attempt {
     wire.reconnect();
     int turns = 0;
     for (int quiet = 0; quiet < 2; quiet = world_.tested().settled() ? quiet + 1 : 0) {
-      fuzz::must_hold(++turns < 1000 ? "" : "it does not come to rest");
+      must_hold(++turns < 1000, "it does not come to rest");
       world_.step();
     }
-    fuzz::must_hold(driver::broken());
-    for (const hash &in : {inputs[0], inputs[1]}) check_told(in);
-    for (const hash &out : outputs) check_written(out);
+    must_hold(driver::broken());
+    check_told(harness::input_hashes[0]);
+    check_told(harness::input_hashes[1]);
+    for (const hash_id &out : harness::output_hashes) check_written(out);
   }
 
-  void check_told(const hash &in) {
+  void check_told(const hash_id &in) {
     records sound;
     for (const auto &[key, bytes] : world_.store->records(in.db, in.type->name)) {
       const auto record = unpack(*in.type, bytes);
       if (check_record(record.get(), key) == defect::none) sound.emplace(key, packed(*record));
     }
-    fuzz::must_hold(sound == told[in.type] ? "" : std::string("told other than stored: ") + in.type->name);
+    must_hold(sound == told[in.type], "told other than stored");
   }
 
-  void check_written(const hash &out) {
+  void check_written(const hash_id &out) {
     records own;
     for (const auto &[key, bytes] : world_.store->records(out.db, out.type->name))
       if (has_owner({{out.db, out.type}, change_kind::set, key, bytes}, ko_lspan_app_name)) own.emplace(key, bytes);
-    fuzz::must_hold(own == written[out.type] ? "" : std::string("stored other than written: ") + out.type->name);
+    must_hold(own == written[out.type], "stored other than written");
   }
 
   fuzz::bytes &input_;
@@ -331,12 +323,12 @@ int32_t __real_vx_mom_set(vx_global *store, uint32_t db_id, const ProtobufCMessa
 int32_t __real_vx_mom_del(vx_global *store, uint32_t db_id, const ProtobufCMessage *message, uint32_t, uint32_t);
 
 int32_t __wrap_vx_mom_set(vx_global *store, uint32_t db_id, const ProtobufCMessage *message, uint32_t, uint32_t) {
-  note_write(db_id, message, false);
+  note_write(db_id, *message, false);
   return __real_vx_mom_set(store, db_id, message, 0, 0);
 }
 
 int32_t __wrap_vx_mom_del(vx_global *store, uint32_t db_id, const ProtobufCMessage *message, uint32_t, uint32_t) {
-  note_write(db_id, message, true);
+  note_write(db_id, *message, true);
   return __real_vx_mom_del(store, db_id, message, 0, 0);
 }
 

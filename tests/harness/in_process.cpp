@@ -15,6 +15,15 @@ using namespace ko_store;
 
 namespace harness {
 
+const std::vector<hash_id> input_hashes{{4, &u_monitor__mirror_lspan_info__descriptor},
+                                        {4, &p_policy__data_intf_conf__descriptor},
+                                        {8, &u_monitor__mirror_result_info__descriptor}};
+const std::vector<hash_id> output_hashes{
+    {8, &u_monitor__span_port_src_info__descriptor}, {8, &u_monitor__span_acl_src_info__descriptor},
+    {8, &u_monitor__span_vlan_src_info__descriptor}, {8, &u_monitor__span_dst_info__descriptor},
+    {8, &u_monitor__span_mtp_info__descriptor},      {4, &u_monitor__mirror_result_info__descriptor},
+    {6, &u_bridge__udp_pt_learn__descriptor}};
+
 bool scrambler::release(const std::function<size_t(size_t bound)> &below, bool drop) {
   bool dropped = false;
   while (!held_.empty()) {
@@ -138,31 +147,21 @@ void world::turn() {
 
 world::contents world::outputs() {
   contents out;
-  for (const auto *type : {&u_monitor__span_port_src_info__descriptor, &u_monitor__span_acl_src_info__descriptor,
-                           &u_monitor__span_vlan_src_info__descriptor, &u_monitor__span_dst_info__descriptor,
-                           &u_monitor__span_mtp_info__descriptor})
-    add(out[type->name], 8, type);
-  add(out["relayed"], 4, &u_monitor__mirror_result_info__descriptor);
-  add(out["learning"], 6, &u_bridge__udp_pt_learn__descriptor);
+  for (const hash_id &hash : output_hashes) out[hash.type->name] = store->records(hash.db, hash.type->name);
   return out;
 }
 
 std::vector<record> world::inputs() {
   std::vector<record> out;
-  for (const auto &[db, type] :
-       {std::pair(4U, &u_monitor__mirror_lspan_info__descriptor), std::pair(4U, &p_policy__data_intf_conf__descriptor),
-        std::pair(8U, &u_monitor__mirror_result_info__descriptor)})
-    for (const auto &[key, bytes] : store->records(db, type->name)) out.push_back({db, type, key, bytes});
+  for (const hash_id &hash : input_hashes)
+    for (const auto &[key, bytes] : store->records(hash.db, hash.type->name))
+      out.push_back({hash.db, hash.type, key, bytes});
   return out;
 }
 
 void world::clear() {
   for (const record &what : inputs()) put(what, change_kind::del);
   turn();
-}
-
-void world::add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type) {
-  for (const auto &[key, bytes] : store->records(db, type->name)) to.emplace(key, bytes);
 }
 
 }  // namespace harness

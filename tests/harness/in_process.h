@@ -13,6 +13,9 @@
 
 namespace harness {
 
+// What the daemon reads, and what it writes.
+extern const std::vector<ko_store::hash_id> input_hashes, output_hashes;
+
 // The engine between the daemon and the store in memory.
 class scrambler final : public ko_store::engine, private ko_store::engine_user {
  public:
@@ -88,13 +91,10 @@ class world {
     store->put(what.change(kind));
   }
 
-  using contents = std::map<std::string, std::map<std::string, std::string>>;
+  using contents = std::map<std::string, std::map<std::string, std::string, std::less<>>>;
   contents outputs();
   std::vector<record> inputs();
   void clear();  // takes all inputs away
-
- private:
-  void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type);
 };
 
 }  // namespace harness
