@@ -2,7 +2,9 @@
 #include "bytes.h"
 #include "random_events.h"
 
-extern "C" const char *__asan_default_options() { return "malloc_context_size=0:quarantine_size_mb=4"; }
+extern "C" const char *__asan_default_options() {
+  return "malloc_context_size=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=64";
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   fuzz::bytes input(data, size);

@@ -332,7 +332,9 @@ int32_t __wrap_vx_mom_del(vx_global *store, uint32_t db_id, const ProtobufCMessa
   return __real_vx_mom_del(store, db_id, message, 0, 0);
 }
 
-const char *__asan_default_options() { return "malloc_context_size=0:quarantine_size_mb=4"; }
+const char *__asan_default_options() {
+  return "malloc_context_size=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=64";
+}
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static harness::world &the_world = *new harness::world;

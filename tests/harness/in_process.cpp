@@ -92,9 +92,18 @@ void scrambler::changed(size_t input, const announcement &what) {
 void scrambler::page(size_t hash, std::span<const stored_record> records, bool last) {
   if (cut_) return;
   if (std::exchange(unreadable_next, false)) return user_->unreadable(hash, "a test says so");
-  for (size_t i = 0; pieces && i < records.size(); ++i) user_->page(hash, records.subspan(i, 1), false);
-  user_->page(hash, records, last);
+  if (!pieces) user_->page(hash, records, last);
+  if (pieces) page_in_pieces(hash, records, last);
   if (hash == 0 && between) std::exchange(between, {})();
+}
+
+// With copies, since what the user writes meanwhile may take the store's own bytes away.
+void scrambler::page_in_pieces(size_t hash, std::span<const stored_record> records, bool last) {
+  std::vector<std::pair<std::string, std::string>> copies;
+  for (const stored_record &one : records) copies.emplace_back(one.key, one.record);
+  for (int times = 0; times < 2; ++times)
+    for (const auto &[key, record] : copies) user_->page(hash, std::vector<stored_record>{{key, record}}, false);
+  user_->page(hash, {}, last);
 }
 
 void scrambler::fetched(size_t input, std::string_view key, std::optional<std::string_view> record) {

@@ -25,7 +25,7 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   bool holds = false;             // announcements wait for release
   bool loses = false;             // writes do not arrive, and that comes out when the connection breaks
   bool every_second = false;      // of those, every second one does arrive
-  bool pieces = false;            // hashes are read a record at a time, each of them twice
+  bool pieces = false;            // hashes are read a record at a time, and twice
   bool full = false;              // congested
   bool unreadable_next = false;   // the next hash that is read cannot be read
   std::function<void()> between;  // called once, when the first hash was read and the others were not
@@ -59,6 +59,7 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   void changed(size_t input, const ko_store::announcement &what) override;
   void malformed(size_t) override {}
   void page(size_t hash, std::span<const ko_store::stored_record> records, bool last) override;
+  void page_in_pieces(size_t hash, std::span<const ko_store::stored_record> records, bool last);
   void unreadable(size_t, std::string_view) override {}
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
   void undone(const ko_store::change &what, std::string_view why) override;
