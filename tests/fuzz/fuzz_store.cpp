@@ -53,11 +53,12 @@ void check_write(const change &what) {
     must_hold(what.hash.type == &u_bridge__udp_flushdyn__descriptor, "published what is no request");
   } else if (is_one_of(harness::input_hashes, what.hash.db, what.hash.type)) {
     must_hold(what.kind == change_kind::del && has_owner(what, ko_span_peer_name), "wrote to an input");
+  } else if (what.kind == change_kind::del) {
+    must_hold(has_owner(what, ko_lspan_app_name), "deleted what is not its own");
   } else {
-    must_hold(has_owner(what, ko_lspan_app_name), "wrote what is not its own");
-    const bool is_set = what.kind == change_kind::set;
-    const auto record = is_set ? unpack(*what.hash.type, what.record) : nullptr;
-    must_hold(!is_set || check_record(record.get(), what.key) == defect::none, "wrote what is not sound");
+    const auto record = unpack(*what.hash.type, what.record);
+    must_hold(check_record(record.get(), what.key) == defect::none, "wrote what is not sound");
+    must_hold(owner_of(*key_of(*record)) == ko_lspan_app_name, "wrote what is not its own");
   }
 }
 
@@ -192,7 +193,8 @@ class attempt {
       of.apply = more / 4 % 4;
       of.dir = more / 16 % 2;
       of.acl = more / 32 % 2;
-      if (input_.one_in(8)) of.vlans.assign(input_.below(4) == 0 ? 129 : input_.below(4), 7), of.sample = more;
+      constexpr size_t words[] = {1, 3, 128, 129, 200};
+      if (input_.one_in(8)) of.vlans.assign(words[input_.below(5)], 7), of.sample = more;
       out = more < 192 ? harness::session(of) : harness::result(of, more % 3, more % 4);
     }
     if (input_.one_in(4)) mutate(out);
