@@ -29,7 +29,7 @@ std::map<const ProtobufCMessageDescriptor *, records> written;  // by the handle
 
 // The process's clock stands still, but for what an input makes of it.
 timespec now = {1000, 0};
-uint32_t late_in = 0;  // the so manieth look at it finds that a slice's time is over; 0: none
+uint32_t late_in = 0;  // how many looks at it until one finds that a slice's time is over; 0: none
 
 std::string packed(const ProtobufCMessage &message) {
   std::string out;
@@ -140,7 +140,7 @@ class attempt {
       case 3:
         return world_.put(any_record(), change_kind::del);
       case 4:
-        return take_away(harness::input_hashes[input_.below(3)]);
+        return world_.put(any_stored(harness::input_hashes[input_.below(3)]), change_kind::del);
       case 5:  // announced, but not so
         return lie();
       case 6:
@@ -225,12 +225,12 @@ class attempt {
     what.bytes.replace(2, key.size(), what.key);
   }
 
-  void take_away(const hash_id &from) {
-    const auto &stored = world_.store->records(from.db, from.type->name);
-    if (stored.empty()) return;
-    const auto gone = std::next(stored.begin(), input_.below(static_cast<uint32_t>(stored.size())));
-    const std::string key = gone->first;
-    world_.store->put({{from.db, from.type}, change_kind::del, key, {}});
+  // One of the records there; without a key when there is none.
+  harness::record any_stored(const hash_id &where) {
+    const auto &stored = world_.store->records(where.db, where.type->name);
+    if (stored.empty()) return {where.db, where.type, {}, {}};
+    const auto known = std::next(stored.begin(), input_.below(static_cast<uint32_t>(stored.size())));
+    return {where.db, where.type, known->first, known->second};
   }
 
   void lie() {
@@ -245,14 +245,8 @@ class attempt {
 
   // Somebody writes to an output: changes or deletes what is there, or adds something like it.
   void spoil(const hash_id &where) {
-    const auto &stored = world_.store->records(where.db, where.type->name);
-    harness::record what{where.db, where.type, {}, {}};
-    if (!stored.empty()) {
-      const auto known = std::next(stored.begin(), input_.below(static_cast<uint32_t>(stored.size())));
-      what.key = known->first;
-      what.bytes = known->second;
-      if (input_.below(4) == 0) return world_.put(what, change_kind::del);
-    }
+    harness::record what = any_stored(where);
+    if (!what.key.empty() && input_.below(4) == 0) return world_.put(what, change_kind::del);
     mutate(what);
     world_.put(what);
   }
