@@ -1,10 +1,14 @@
 // Random events on a real store, and a model that says what must be in it: after every thousandth event the two are
-// compared byte for byte, now and then with a lost connection before that. No two sessions share a target, so that what
-// is configured says what is wanted.
+// compared byte for byte, now and then with a lost connection before that. The daemon comes over TCP. No two sessions
+// share a target, so that what is configured says what is wanted.
 //
 // SOAK_EVENTS (20000) and SOAK_SEED (1) in the environment choose another run. From a million events on the daemon's
 // resident memory must stay where it is.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -188,6 +192,17 @@ class Soak : public testing::Test {
     }
   }
 
+  // A port of the loopback interface that nobody uses.
+  static uint16_t free_port() {
+    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    socklen_t size = sizeof(address);
+    auto *as_any = reinterpret_cast<sockaddr *>(&address);
+    EXPECT_TRUE(bind(probe, as_any, size) == 0 && getsockname(probe, as_any, &size) == 0);
+    close(probe);
+    return ntohs(address.sin_port);
+  }
+
   double resident_bytes() {
     double pages = 0;
     std::istringstream(read_file("/proc/" + std::to_string(box_.daemon().pid()) + "/statm")) >> pages >> pages;
@@ -207,7 +222,10 @@ double mean(const std::vector<double> &of, size_t from, size_t to) {
 
 TEST_F(Soak, TheStoreHoldsWhatIsConfigured) {
   const uint64_t events = from_environment("SOAK_EVENTS", 20000);
-  box_.start_server();
+  const std::string port = std::to_string(free_port());
+  box_.start_server({"--port", port, "--bind", "127.0.0.1"});
+  box_.platform_file(R"({"store":{"host":"127.0.0.1","port":)" + port + R"(},"log":{"file":")" + box_.folder() +
+                     R"(/log"}})");
   box_.start_daemon();
   ASSERT_TRUE(box_.settle());
   std::vector<double> resident;

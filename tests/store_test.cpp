@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <filesystem>
 #include <thread>
 
 #include "global_context.h"
@@ -90,6 +91,17 @@ const std::vector<outage> outages{
      [](sandbox &box) { box.server().stop(); },
      [](sandbox &box) { box.start_server(kept); },
      {{"cannot be used: Server closed the connection", 1}, {"cannot be used: Connection refused", 1}}},
+    {"killed, and back without its last writes",
+     kept,
+     "right",
+     [](sandbox &box) {
+       box.server().stop();
+       for (const auto &file : std::filesystem::directory_iterator(box.folder() + "/appendonlydir"))
+         if (file.path().string().ends_with(".incr.aof"))
+           std::filesystem::resize_file(file, file.file_size() - std::min<uintmax_t>(file.file_size(), 3000));
+     },
+     [](sandbox &box) { box.start_server(kept); },
+     {{cannot, 2}}},
     {"killed, and back without its data",
      {},
      "",

@@ -24,6 +24,10 @@
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
+#ifndef KO_STOP_SIGNAL
+#define KO_STOP_SIGNAL SIGKILL
+#endif
+
 namespace harness {
 namespace {
 
@@ -203,7 +207,8 @@ int process::wait() {
 }
 
 void process::stop() {
-  signal(SIGKILL);
+  signal(stop_signal);
+  signal(SIGCONT);
   wait();
 }
 
@@ -275,6 +280,7 @@ void sandbox::start_server(const std::vector<std::string> &options) {
 }
 
 void sandbox::start_daemon(process &as) const {
+  as.stop_signal = KO_STOP_SIGNAL;
   as.start({KO_LSPAN_PROGRAM}, folder_ + "/stderr", [this] { enter_namespace(folder_); });
 }
 

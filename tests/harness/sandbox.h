@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -38,10 +39,12 @@ class process {
              const std::function<void()> &prepare = {});
   void signal(int number) const;
   int wait();                  // exit status; 256 + the signal's number for a killed process
-  void stop();                 // SIGKILL, and waits; nothing when it does not run
+  void stop();                 // stop_signal, and waits; nothing when it does not run
   bool running() const;        // the process has not ended
   double cpu_seconds() const;  // used so far
   pid_t pid() const { return pid_; }
+
+  int stop_signal = SIGKILL;
 
  private:
   pid_t pid_ = -1;
