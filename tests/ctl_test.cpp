@@ -98,6 +98,7 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
   file("bad.json", "{\"sessions\": [\n  {\"session\": 1,}\n]}");
   file("late.json", R"({"sessions":[{"session":7,"target":5},{"session":8,"target":9,"vlans":"1,4095"}]})");
   file("form.json", R"([])");
+  file("huge.json", "1e999");
   file("twice.json", R"({"sessions":[{"session":7,"target":5},{"session":7,"target":"ge5"}]})");
   file("owner.json", R"({"sessions":[{"session":7,"target":5,"owner":"cli"}]})");
   file("word.json", R"({"sessions":[{"session":7,"target":5,"acl":true}]})");
@@ -149,12 +150,16 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
       {"session show --store nowhere", 2,
        "lspanctl: --store nowhere: give the path of a socket, unix:PATH or HOST:PORT; see lspanctl session show "
        "--help\n"},
+      {("records --store /" + std::string(107, 's')).c_str(), 2,
+       "lspanctl: --store: the path of a socket has at most 107 bytes; see lspanctl records --help\n"},
       {"session show --store DIR/none", 1,
        "lspanctl: cannot reach the store at DIR/none: No such file or directory; start it, or name another with "
        "--store\n"},
       {"session apply DIR/none.json", 1,
        "lspanctl: DIR/none.json cannot be read: No such file or directory; name a file that can\n"},
       {"session apply DIR/bad.json", 1, "lspanctl: DIR/bad.json:2:17: malformed JSON; correct it there\n"},
+      {"session apply DIR/huge.json", 1,
+       "lspanctl: DIR/huge.json holds a number that is too large for anything; correct it there\n"},
       {"session apply DIR/late.json", 1,
        "lspanctl: DIR/late.json: sessions[1]: VLAN 4095: give a number from 1 to 4094\n"},
       {"session apply DIR/form.json", 1,
@@ -200,7 +205,8 @@ TEST_F(ctl, a_server_that_refuses_writes) {
   client store(box_.socket());
   store.run({"CONFIG", "SET", "maxmemory", "1"});
   const std::string why =
-      "lspanctl: the store at DIR/redis.sock refuses the write: OOM command not allowed when used memory > "
+      "lspanctl: the store at DIR/redis.sock refuses the write to 4:u_monitor.mirror_lspan_info: OOM command not "
+      "allowed when used memory > "
       "'maxmemory'.";
   expect({{"session add 3 --target 9", 1, why + "\n"},
           {"session apply DIR/many.json", 1,
@@ -536,6 +542,9 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
   other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", std::string("!\0\0\0\0", 5) + "\x38\x09\x48\x04"});
   other.run({"PUBLISH", "6:u_bridge.udp_flushdyn", "?"});
   other.run({"PUBLISH", "6:something.else", "?"});
+  harness::producer unseen(box_.socket());
+  unseen.del(harness::result({3, 0, harness::group_target(2)}));
+  unseen.flush();
   other.run({"PUBLISH", "8:u_monitor.span_mtp_info", std::string("-\0\0\0\1k", 6)});
   eventually([&] { return read_file(output).find("span_mtp_info") != std::string::npos; }, "the last change");
   all.signal(SIGINT);
@@ -559,6 +568,8 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
                 " role=LOCALSPAN_DST sample_rate=64\n"
                 "FWD_DB   request  udp_flushdyn        ifx=9 flag=4\n"
                 "FWD_DB   unreadable  udp_flushdyn        announcement 0x3f\n"
+                "UDP_DB   deleted  mirror_result_info  t_user=du_span session_num=3 s_ifx=0 d_ifx=group:2 dir=rx "
+                "acl_id=0, not seen before\n"
                 "UDP_DB   deleted  span_mtp_info       key 0x6b, not seen before\n");
 
   harness::process some;

@@ -1,9 +1,11 @@
 // The logging wrappers on spdlog: one line a record whatever the text holds, and no failure that reaches the caller.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -12,6 +14,7 @@
 
 #include "log/line.h"
 #include "platform_config.h"
+#include "platform_log.h"
 #include "vx_zlog.h"
 
 namespace {
@@ -86,31 +89,62 @@ TEST(log, where_lines_go) {
     write_record(first, VX_ZLOG_ERROR, "plain\r\n");
     write_record(second, VX_ZLOG_WARN, "\033[33mtwo\nlines\033[0m");
     write_record(first, VX_ZLOG_INFO, "");
-    write_record(first, VX_ZLOG_DEBUG, std::string(3000, 'x').c_str());
+    for (const size_t length : {2046U, 2047U, 2048U})
+      write_record(first, VX_ZLOG_DEBUG, std::string(length, 'x').c_str());
+    for (const size_t length : {1022U, 1023U, 1024U})
+      ko_platform::log_write(VX_ZLOG_ERROR, "a.cpp", "func", 1, "%s", std::string(length, 'y').c_str());
     write_record(nullptr, VX_ZLOG_ERROR, "dropped");
   };
-  const std::string lines =
-      "error ko_lspan handler:42 plain\nwarning dl handler:42 two\\nlines\n"
-      "info ko_lspan handler:42 \ndebug ko_lspan handler:42 " +
-      std::string(2047, 'x') + '\n';
+  std::string lines = "error ko_lspan handler:42 plain\nwarning dl handler:42 two\\nlines\ninfo ko_lspan handler:42 \n";
+  for (const size_t length : {2046, 2047, 2047})
+    lines += "debug ko_lspan handler:42 " + std::string(length, 'x') + '\n';
+  for (const size_t length : {1022, 1023, 1023}) lines += "error ko_platform func:1 " + std::string(length, 'y') + '\n';
   const std::string file = testing::TempDir() + "log_test.log";
   EXPECT_EQ(without_times(standard_error("", body)), lines);
   EXPECT_EQ(standard_error(file, body), "");
   EXPECT_EQ(standard_error(file, body), "");
   EXPECT_EQ(without_times(read_file(file)), lines + lines);
   std::filesystem::remove(file);
-  EXPECT_EQ(without_times(standard_error("/dev/full", body)), lines);
-  const std::string refused = standard_error(testing::TempDir(), body);
-  EXPECT_EQ(refused.find("log: Failed opening file " + testing::TempDir()), 0U);
-  EXPECT_EQ(without_times(refused.substr(refused.find('\n') + 1)), lines);
+
+  const std::string fifo = testing::TempDir() + "log_test.fifo." + std::to_string(getpid());
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  int reader = -1;  // of the FIFO, which is full then
+  const std::pair<std::string, std::string> refusals[] = {
+      {"/dev/full", "written: No space left on device"},
+      {testing::TempDir(), "opened: Is a directory"},
+      {testing::TempDir() + "none/x", "opened: No such file or directory"},
+      {fifo, "opened: nobody reads it"},
+      {fifo, "written: Resource temporarily unavailable"}};
+  for (const auto &[path, why] : refusals) {
+    if (why.starts_with("written: R")) reader = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+    while (reader >= 0 && write(reader, lines.data(), 4096) > 0) continue;
+    const std::string said = standard_error(path, body), head = "log: " + path + " cannot be " + why;
+    EXPECT_EQ(said.substr(0, said.find(';')), head);
+    EXPECT_EQ(without_times(said.substr(said.find('\n') + 1)), lines);
+  }
+  close(reader);
+  std::filesystem::remove(fifo);
+}
+
+// A process without standard files: what is written to standard error does not get into the next one that is opened.
+TEST(log, no_other_file_is_written_to) {
+  standard_error("", [] {
+    for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(file);
+    vx_zlog_category *category = vx_zlog_init("dl");
+    FILE *next = std::tmpfile();
+    write_record(category, VX_ZLOG_ERROR, "lost");
+    if (next == nullptr || lseek(fileno(next), 0, SEEK_END) != 0) _exit(1);
+  });
 }
 
 TEST(log, formatting_is_cut_and_terminated) {
   char text[4] = {'#', '#', '#', '#'};
   EXPECT_EQ(at_snprintf(text, 0, "%d", 1), 1);
   EXPECT_EQ(text[0], '#');
-  EXPECT_EQ(at_snprintf(text, sizeof(text), "%s", "abcdef"), 6);
-  EXPECT_STREQ(text, "abc");
+  for (const char *whole : {"ab", "abc", "abcd"}) {
+    EXPECT_EQ(at_snprintf(text, sizeof(text), "%s", whole), static_cast<int>(std::strlen(whole)));
+    EXPECT_EQ(std::string(text), std::string(whole).substr(0, 3));
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // What the platform is made of besides the store: the platform file, the decoder's memory.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "platform_config.h"
 #include "sandbox.h"
@@ -10,8 +11,8 @@ namespace {
 using namespace harness;
 
 struct file_case {
-  const char *text;
-  const char *outcome;  // "<socket or host:port> <user> <ports> <log file>", or what is wrong behind the file's name
+  std::string text;
+  std::string outcome;  // "<socket or host:port> <user> <ports> <log file>", or what is wrong behind the file's name
 };
 
 const file_case files[] = {
@@ -46,6 +47,15 @@ const file_case files[] = {
     {R"({"ports":{"a":{"ifx":1,"phyid":1,"x":1}}})", ": ports.a: unknown member \"x\""},
     {R"({"ports":{"a":{"ifx":1,"phyid":1},"b":{"ifx":1,"phyid":2}}})", ": ports.b: ifx 1 has another name already"},
     {R"({"log":{"level":5}})", ": log: unknown member \"level\""},
+    {"{\"\xff\":1}", ":1:3: malformed JSON"},
+    {R"({"store":{"port":1e999}})", ": holds a number that is too large for anything"},
+    {R"({"store":[[[[[[[[]]]]]]]]})", ": store: must be an object"},
+    {R"({"store":[[[[[[[[[]]]]]]]]]})", ": is nested too deeply"},
+    {std::string(100'000, '['), ": is nested too deeply"},
+    {"{}" + std::string((4 << 20) - 2, ' '), "/run/redis/redis-server.sock  - "},
+    {"{}" + std::string((4 << 20) - 1, ' '), ": is larger than 4 MiB"},
+    {R"({"store":{"socket":")" + std::string(107, 's') + "\"}}", std::string(107, 's') + "  - "},
+    {R"({"store":{"socket":")" + std::string(108, 's') + "\"}}", ": store.socket: is longer than 107 bytes"},
 };
 
 TEST(platform_file, says_where_and_what) {
@@ -63,10 +73,12 @@ TEST(platform_file, says_where_and_what) {
     } catch (const ko_platform::config_error &error) {
       outcome = std::string(error.what()).substr(path.size());
     }
-    EXPECT_EQ(outcome, now.outcome) << now.text;
+    EXPECT_EQ(outcome, now.outcome) << now.text.substr(0, 100);
   }
   EXPECT_EQ(to_string(ko_platform::load_config(path + ".none").store), "/run/redis/redis-server.sock");
-  EXPECT_THROW(ko_platform::load_config(box.folder()), ko_platform::config_error);
+  ASSERT_EQ(mkfifo((path + ".fifo").c_str(), 0600), 0);
+  for (const std::string &none : {box.folder(), path + ".fifo", std::string("/dev/zero")})
+    EXPECT_THROW(ko_platform::load_config(none), ko_platform::config_error) << none;
 }
 
 TEST(ports, are_translated) {

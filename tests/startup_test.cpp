@@ -53,8 +53,15 @@ void make_file(const string &path, const string &contents) {
     if (mkfifo(path.c_str(), 0644) != 0) abort();
   } else if (contents == "<loop>") {
     std::filesystem::create_symlink(path, path);
-  } else if (contents == "<covered>") {
-    if (mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr) != 0) _exit(no_namespace);
+  } else if (contents.starts_with("<4094 blanks>")) {
+    make_file(path, string(4094, ' ') + contents.substr(13));
+  } else if (contents.starts_with("-> ")) {
+    std::filesystem::create_symlink(contents.substr(3), path);
+  } else if (contents == "<covered>" || contents == "<read-only>" || contents == "<full>") {
+    const bool full = contents == "<full>";
+    const unsigned long flags = contents == "<read-only>" ? MS_RDONLY : 0;
+    if (mount("tmpfs", path.c_str(), "tmpfs", flags, full ? "size=4k" : "") != 0) _exit(no_namespace);
+    if (full) make_file(path + "/filler", string(8192, 'x'));
   } else {
     std::ofstream(path, std::ios::binary) << contents;
   }
@@ -206,7 +213,14 @@ TEST_F(startup, steps) {
       {7, "in", {}, dl + error("init_user_param", "in is (NULL)."), -4, "check param", untouched},
       {7, "out", {}, dl + error("init_user_param", "out is (NULL)."), -4, "check param", untouched},
       {7, "", file(pid_file, "<folder>"), dl + no_pid_file, -11, "check running", " level=0"},
+      {7, "", file(pid_file, "<loop>"), dl + no_pid_file, -11, "check running", " level=0"},
+      {7, "", file(pid_file, "-> /none/x"), dl + no_pid_file, -11, "check running", " level=0"},
+      {7, "", file("/var/run", "<read-only>"), dl + no_pid_file, -11, "check running", " level=0"},
+      {1, "", file("/var/run", "<full>"), dl, 0, "", " level=0"},
       {1, "", file(pid_file, "99999999 of a dead process"), dl, 0, "", " level=0 pid"},
+      {1, "", file(pid_file, "-> /var/tmp/elsewhere"), dl, 0, "", " level=0 pid"},
+      {1, "", file(pid_file, "-> /dev/full"), dl, 0, "", " level=0 other pid"},
+      {1, "", file(pid_file, "<fifo>"), dl, 0, "", " level=0 pid"},
       {7, "", {"reg_process_exit_action", 1, -5}, dl + no_ham, -5, "ham", " level=0 pid sigpipe"},
       {2, "", file(ham_file, ""), dl, 0, "", " level=0 sigpipe"},
       {2, "", file(ham_file, "<fifo>"), dl, 0, "", " level=0 sigpipe"},
@@ -271,26 +285,31 @@ TEST_F(startup, levels) {
 }
 
 TEST_F(startup, level_files) {
-  const string name(70, 'n'), path = "/var/tmp/" + name.substr(0, 64) + ".zlog";
-  const struct {
-    const char *contents;
-    uint32_t level;
-  } cases[] = {{nullptr, 1}, {"", 1},  {"5", 5},        {"-1\n", UINT32_MAX}, {" \n\t +7x", 7},
-               {"x5", 1},    {"0", 0}, {"<folder>", 1}, {"<fifo>", 1},        {"<loop>", 1}};
-  for (const auto &[contents, level] : cases) {
-    const bool opens = contents != nullptr && std::string_view(contents) != "<loop>";
-    const outcome out = in_child([&, file = contents] {
-      dl_inner_zlog_category = recording::category("dl");
-      dl_inner_zlog_level = 2;
-      if (file != nullptr) make_file(path, file);
-      const dl_init_in_t in = {name.c_str()};
-      uint32_t found = 99;
-      dl_get_zlog_level(&in, &found);
-      return recording::note(std::to_string(found)), 0;
-    });
-    EXPECT_EQ(out.trace, (opens ? "" : "warn dl_get_zlog_level: <init> open " + path + " failed.\n") +
-                             std::to_string(level) + '\n');
-  }
+  size_t length = 62;  // of the name
+  const std::map<uint32_t, std::vector<string>> cases = {
+      {0, {"0"}},
+      {1, {"<none>", "<loop>", "", "x5", "<folder>", "<fifo>", "-> /dev/zero", "-> /dev/full", "<4094 blanks> 5"}},
+      {5, {"5", "<4094 blanks>5"}},
+      {7, {" \n\t +7x"}},
+      {INT32_MAX, {"2147483647"}},
+      {1U << 31, {"-2147483648"}},
+      {UINT32_MAX, {"-1\n"}}};
+  for (const auto &[level, files] : cases)
+    for (const string &contents : files) {
+      const string name(++length, 'n'), path = "/var/tmp/" + name.substr(0, 64) + ".zlog";
+      const bool opens = contents != "<none>" && contents != "<loop>";
+      const outcome out = in_child([&] {
+        dl_inner_zlog_category = recording::category("dl");
+        dl_inner_zlog_level = 2;
+        if (contents != "<none>") make_file(path, contents);
+        const dl_init_in_t in = {name.c_str()};
+        uint32_t found = 99;
+        dl_get_zlog_level(&in, &found);
+        return recording::note(std::to_string(found)), 0;
+      });
+      EXPECT_EQ(out.trace, (opens ? "" : "warn dl_get_zlog_level: <init> open " + path + " failed.\n") +
+                               std::to_string(level) + '\n');
+    }
 }
 
 TEST_F(startup, second_instance_ends) {
@@ -308,6 +327,8 @@ TEST_F(startup, second_instance_ends) {
   EXPECT_EQ(out.trace, error("init_running_check", "lock lockfile failed") + dl + "rv=0 level=0 pid\n");
 }
 
+const char *const report_variable = "KO_REPORT_NAME";
+
 // What a process whose executable has another name makes of it: the name, its pid files, its platform calls.
 int report_name() {
   dl_init_arg_t arg = {};
@@ -321,16 +342,21 @@ int report_name() {
   return 0;
 }
 
+// Neither the words of the command line nor what the name is made of matters.
 TEST_F(startup, process_names) {
   if (emulated) GTEST_SKIP() << "needs programs that the kernel starts";
   const string folder = std::filesystem::canonical("/var/run").string() + '/';
-  for (const size_t length : {1, 63, 64, 65, 121, 122, 123, 127, 128}) {
-    const string name(length, 'p'), path = folder + name, seen = name.substr(0, 127 - folder.size());
+  std::vector<string> names{"%s%n%999999d", "two\nlines", "\xff \033[2J"};
+  for (const size_t length : {1, 63, 64, 65, 121, 122, 123, 127, 128, 200}) names.emplace_back(length, 'p');
+  for (const string &name : names) {
+    const string path = folder + name, seen = name.substr(0, 127 - folder.size());
     const outcome out = in_child([&] {
       make_file("/var/tmp/" + name.substr(0, 64) + ".ham", "");
       std::filesystem::copy_file("/proc/self/exe", path);
-      if (dup2(trace_pipe, 1) < 0) return 1;
-      execl(path.c_str(), "another name", "--report-name", nullptr);
+      if (dup2(trace_pipe, 1) < 0 || setenv(report_variable, "1", 1) != 0) return 1;
+      string other(200, 'a');
+      char *const words[] = {name.size() % 2 == 0 ? other.data() : nullptr, nullptr};
+      execv(path.c_str(), words);
       return 2;
     });
     EXPECT_EQ(out.trace, seen + '\n' + seen.substr(0, 64) + '\n');
@@ -449,7 +475,7 @@ info ko_lspan_all_ds_over_handler: lspan ds over.\r\n
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc == 2 && std::string_view(argv[1]) == "--report-name") return report_name();
+  if (std::getenv(report_variable) != nullptr) return report_name();
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -237,6 +237,7 @@ TEST_P(store, recovers_when) {
   box.start_daemon();
   ASSERT_TRUE(!starts || box.settle());
 
+  const size_t descriptors = box.daemon().descriptors();
   now.begin(box);
   const double before = box.daemon().cpu_seconds();
   std::this_thread::sleep_for(600ms);
@@ -249,6 +250,7 @@ TEST_P(store, recovers_when) {
   EXPECT_GT(expected.size(), 10U);
   if (!eventually([&] { return box.dump() == expected; }, "the right databases"))
     ADD_FAILURE() << difference(box.dump(), expected);
+  EXPECT_TRUE(!starts || box.daemon().descriptors() == descriptors) << box.daemon().descriptors();
   for (const said &line : now.log) eventually([&] { return count_of(box.log(), line.text) >= line.times; }, line.text);
   for (const said &line : now.log) EXPECT_EQ(count_of(box.log(), line.text), line.times) << line.text << box.log();
 }

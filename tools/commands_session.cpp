@@ -169,6 +169,7 @@ int write_result(context &ctx, const result_options &options) {
   const auto kind = options.remove ? ko_store::change_kind::del : ko_store::change_kind::set;
   const std::string text = to_text(key, is_group, ports);
   store_client store = ctx.connect();
+  if (!options.remove) note_unknown_member(ctx, store, key);
   const bool was_there = store.write(make_change(UDP_DB, kind, result.base));
   if (options.remove && !was_there)
     throw refused("there is no result of " + text + "; lspanctl records --message mirror_result_info lists them");
@@ -178,7 +179,6 @@ int write_result(context &ctx, const result_options &options) {
     return 0;
   }
   report(ctx, "written", "wrote result " + std::to_string(result.result) + " of " + text, details);
-  note_unknown_member(ctx, store, key);
   return 0;
 }
 

@@ -52,7 +52,7 @@ class stop_signals {
 struct event {
   const record_kind *kind;
   std::string what;                 // added, changed, same, deleted, request, unreadable
-  const ProtobufCMessage *message;  // null when unreadable, or when what was deleted is not known
+  const ProtobufCMessage *message;  // null when unreadable; of what was deleted and is not known, the key alone
   std::string text;
 };
 
@@ -68,7 +68,9 @@ class watcher {
     ctx_ = &ctx;
   }
 
-  void read(store_client &store) {
+  // Subscribes before it reads, so that nothing is missed in between.
+  void start(store_client &announcements, store_client &store) {
+    for (const auto &[channel, kind] : channels_) announcements.subscribe(channel);
     for (const auto &[channel, kind] : channels_) {
       if (!kind->stored) continue;
       for (stored_record &record : store.read_all(kind->db, kind->type->name))
@@ -76,16 +78,13 @@ class watcher {
     }
   }
 
-  // Shows the announcement; false when it is none of what is watched.
-  bool show(const store_client::announced &announced) {
-    const auto channel = channels_.find(announced.channel);
-    if (channel == channels_.end()) return false;
+  void show(const store_client::announced &announced) {
+    const record_kind &kind = *channels_.at(announced.channel);
     const auto parsed = ko_store::parse_announcement(announced.bytes);
     if (parsed)
-      take(*channel->second, *parsed, copy_[announced.channel]);
+      take(kind, *parsed, copy_[announced.channel]);
     else
-      print({channel->second, "unreadable", nullptr, "announcement 0x" + hex_text(announced.bytes)});
-    return true;
+      print({&kind, "unreadable", nullptr, "announcement 0x" + hex_text(announced.bytes)});
   }
 
  private:
@@ -100,15 +99,19 @@ class watcher {
     const bool known = held != copy.end();
     std::string_view now = announced.record;
     if (announced.kind == change_kind::del && known) now = held->second;
-    const ko_store::message_ptr message = ko_store::unpack(*kind.type, now);
+    const bool only_key = announced.kind == change_kind::del && !known;
+    const ko_store::message_ptr message =
+        only_key ? record_of_key(*kind.type, announced.key) : ko_store::unpack(*kind.type, now);
     const ko_store::message_ptr before = known ? ko_store::unpack(*kind.type, held->second) : nullptr;
-    if (message == nullptr) {
+    if (only_key) {
+      const std::string key = message == nullptr ? "key 0x" + hex_text(announced.key) : to_line(*message);
+      print({&kind, "deleted", message.get(), key + ", not seen before"});
+    } else if (message == nullptr) {
       print({&kind, "unreadable", nullptr, "key 0x" + hex_text(announced.key) + " record 0x" + hex_text(now)});
     } else if (announced.kind == change_kind::publish) {
       print({&kind, "request", message.get(), to_line(*message)});
     } else if (announced.kind == change_kind::del) {
-      const std::string unknown = "key 0x" + hex_text(announced.key) + ", not seen before";
-      print({&kind, "deleted", known ? message.get() : nullptr, known ? to_line(*message) : unknown});
+      print({&kind, "deleted", message.get(), to_line(*message)});
     } else if (before == nullptr) {
       print({&kind, "added", message.get(), to_line(*message)});
     } else {
@@ -178,13 +181,14 @@ int watch(context &ctx, const watch_options &options) {
   store_client store = ctx.connect();
   store_client announcements = ctx.connect();
   const stop_signals signals;
-  announcements.subscribe("*:*");
-  seen.read(store);
+  seen.start(announcements, store);
   ctx.err << "lspanctl: watching; end it with Ctrl-C" << std::endl;
   for (uint32_t shown = 0; (count == 0 || shown < count) && stop_requested == 0 && ctx.out;) {
     const auto announced = announcements.next(deadline, signals.mask());
     if (!announced && deadline && clock::now() >= *deadline) break;
-    if (announced && seen.show(*announced)) ++shown;
+    if (!announced) continue;
+    seen.show(*announced);
+    ++shown;
   }
   return 0;
 }

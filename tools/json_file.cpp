@@ -22,12 +22,13 @@ json read_json_file(const std::string &path) {
     if (!file || (errno != 0 && text.str().empty()))
       throw refused(path + " cannot be read: " + std::strerror(errno) + "; name a file that can");
   }
-  const std::string bytes = text.str();
+  const std::string bytes = text.str(), name = path == "-" ? "standard input" : path;
   try {
     return json::parse(bytes);
   } catch (const json::parse_error &error) {
-    throw refused((path == "-" ? "standard input" : path) + ":" + ko_platform::position_of(bytes, error.byte) +
-                  ": malformed JSON; correct it there");
+    throw refused(name + ":" + ko_platform::position_of(bytes, error.byte) + ": malformed JSON; correct it there");
+  } catch (const json::out_of_range &) {
+    throw refused(name + " holds a number that is too large for anything; correct it there");
   }
 }
 

@@ -4,8 +4,10 @@
 #include <iostream>
 
 #include "cli.h"
+#include "standard_files.h"
 
 int main(int argc, char **argv) {
+  ko_platform::hold_standard_files();
   // A reader that goes away, of our output or of the store's socket, is an error of a write like any other.
   std::signal(SIGPIPE, SIG_IGN);
   std::ios::sync_with_stdio(false);

@@ -258,6 +258,12 @@ void *allocate(size_t size) {
   return memory;
 }
 
+message_ptr empty_message(const ProtobufCMessageDescriptor &type) {
+  message_ptr message(static_cast<ProtobufCMessage *>(allocate(type.sizeof_message)));
+  protobuf_c_message_init(&type, message.get());
+  return message;
+}
+
 uint32_t uint32_from_json(const ProtobufCFieldDescriptor &field, const json &value, const name_lookup &interface) {
   if (value.is_number_unsigned() && value.get<uint64_t>() <= UINT32_MAX) return value.get<uint32_t>();
   if (!value.is_string()) throw refused("give a number from 0 to " + std::to_string(UINT32_MAX));
@@ -325,10 +331,19 @@ void set_field(ProtobufCMessage &message, const ProtobufCFieldDescriptor &field,
 
 }  // namespace
 
+message_ptr record_of_key(const ProtobufCMessageDescriptor &type, std::string_view key) {
+  const ProtobufCFieldDescriptor *field = ko_store::key_field(type);
+  if (field == nullptr) return nullptr;
+  message_ptr index = ko_store::unpack(*static_cast<const ProtobufCMessageDescriptor *>(field->descriptor), key);
+  if (index == nullptr) return nullptr;
+  message_ptr record = empty_message(type);
+  slot<ProtobufCMessage *>(*record, field->offset) = index.release();
+  return record;
+}
+
 message_ptr from_json(const ProtobufCMessageDescriptor &type, const json &value, const name_lookup &interface) {
   if (!value.is_object()) throw refused("give an object with the fields of " + std::string(type.name));
-  message_ptr message(static_cast<ProtobufCMessage *>(allocate(type.sizeof_message)));
-  protobuf_c_message_init(&type, message.get());
+  message_ptr message = empty_message(type);
   for (const auto &[name, part] : value.items()) {
     const ProtobufCFieldDescriptor *field = field_named(type, name.c_str());
     if (field == nullptr) throw refused(name + ": no such field in " + type.name);

@@ -56,6 +56,9 @@ std::string enum_text(const ProtobufCEnumDescriptor &type, uint32_t value);
 std::optional<uint32_t> parse_group_target(std::string_view text);
 std::string group_text(uint32_t d_ifx);
 
+// The record of `type` that holds the packed `key` and nothing else; null when the bytes are no such key.
+ko_store::message_ptr record_of_key(const ProtobufCMessageDescriptor &type, std::string_view key);
+
 // The message that `value` describes, in the form of to_json; what is left out is 0 or empty. An interface may be
 // given by name: `interface` finds its number or throws. Throws refused with the path of the field.
 ko_store::message_ptr from_json(const ProtobufCMessageDescriptor &type, const json &value,

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/time.h>
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -81,9 +82,14 @@ reply_ptr store_client::take() {
 reply_ptr store_client::call(std::initializer_list<std::string_view> words) {
   append(words);
   reply_ptr reply = take();
-  if (reply->type == REDIS_REPLY_ERROR)
-    throw store_error("the store at " + where_ + " refuses " + std::string(*words.begin()) + ": " + text_of(*reply));
+  const std::string command(*words.begin());
+  const bool names = words.size() > 1 && command != "AUTH";  // its words are secret
+  if (reply->type == REDIS_REPLY_ERROR) refuse(command + (names ? " " + std::string(words.begin()[1]) : ""), *reply);
   return reply;
+}
+
+void store_client::refuse(const std::string &what, const redisReply &error) const {
+  throw store_error("the store at " + where_ + " refuses " + what + ": " + text_of(error));
 }
 
 void store_client::select(uint32_t db) {
@@ -109,7 +115,8 @@ std::optional<std::string> store_client::read(uint32_t db, const std::string &me
   return text_of(*reply);
 }
 
-// Returns how many replies will come.
+// Returns how many replies will come. The database is selected. The first transaction waits for its MULTI: where that
+// is refused, each command behind it would be carried out by itself.
 size_t store_client::append_change(const change &what) {
   const std::string hash = what.type->name;
   const std::string channel = ko_store::channel_name(what.db, hash);
@@ -117,18 +124,20 @@ size_t store_client::append_change(const change &what) {
   ko_store::append_announcement({what.kind, what.key, what.record}, announcement);
   const auto add = [this](std::initializer_list<std::string_view> words) { append(words); };
 
-  add({"SELECT", std::to_string(what.db)});
-  selected_ = what.db;
-  add({"MULTI"});
+  const bool first = !std::exchange(transactions_, true);
+  if (first)
+    call({"MULTI"});
+  else
+    add({"MULTI"});
   if (what.kind == ko_store::change_kind::set) add({"HSET", hash, what.key, what.record});
   if (what.kind == ko_store::change_kind::del) add({"HDEL", hash, what.key});
   add({"PUBLISH", channel, announcement});
   add({"EXEC"});
-  return what.kind == ko_store::change_kind::publish ? 4 : 5;
+  return (what.kind == ko_store::change_kind::publish ? 3 : 4) - (first ? 1 : 0);
 }
 
 // Whether a record was there before the change. Every reply is taken before a refusal is thrown.
-bool store_client::take_change(size_t replies) {
+bool store_client::take_change(const change &what, size_t replies) {
   std::string refusal;
   const auto note = [&refusal](const redisReply &reply) {
     if (reply.type == REDIS_REPLY_ERROR && refusal.empty()) refusal = text_of(reply);
@@ -141,19 +150,20 @@ bool store_client::take_change(size_t replies) {
   for (size_t i = 0; last->type == REDIS_REPLY_ARRAY && i < last->elements; ++i) note(*last->element[i]);
   if (refusal.empty() && (last->type != REDIS_REPLY_ARRAY || last->elements == 0))
     refusal = "the transaction was dropped";
-  if (!refusal.empty()) {
-    selected_.reset();
-    throw store_error("the store at " + where_ + " refuses the write: " + refusal);
-  }
+  if (!refusal.empty())
+    throw store_error("the store at " + where_ + " refuses the write to " +
+                      ko_store::channel_name(what.db, what.type->name) + ": " + refusal);
   return last->element[0]->integer == 0;
 }
 
 bool store_client::write(const change &what) {
-  const bool none_added = take_change(append_change(what));
+  select(what.db);
+  const bool none_added = take_change(what, append_change(what));
   return what.kind == ko_store::change_kind::del ? !none_added : none_added;
 }
 
 void store_client::write_all(std::span<const change> changes, const progress_call &progress) {
+  if (!changes.empty()) select(changes.front().db);
   size_t made = 0;
   std::string refusal;
   for (size_t first = 0; first < changes.size() && refusal.empty(); first += changes_per_flush) {
@@ -162,7 +172,7 @@ void store_client::write_all(std::span<const change> changes, const progress_cal
       replies.push_back(append_change(what));
     for (size_t i = 0; i < replies.size() && context_->err == 0; ++i) {
       try {
-        take_change(replies[i]);
+        take_change(changes[first + i], replies[i]);
         ++made;
       } catch (const store_error &error) {
         if (refusal.empty()) refusal = error.what();
@@ -175,7 +185,14 @@ void store_client::write_all(std::span<const change> changes, const progress_cal
                       " changes are known to be made; run it again for the rest)");
 }
 
-void store_client::subscribe(const std::string &pattern) { call({"PSUBSCRIBE", pattern}); }
+void store_client::subscribe(const std::string &channel) {
+  append(std::array<std::string_view, 2>{"SUBSCRIBE", channel});
+  for (;;) {
+    const reply_ptr reply = take();
+    if (reply->type == REDIS_REPLY_ERROR) refuse("SUBSCRIBE " + channel, *reply);
+    if (reply->type == REDIS_REPLY_ARRAY && reply->elements == 3 && text_of(*reply->element[0]) == "subscribe") return;
+  }
+}
 
 std::optional<store_client::announced> store_client::next(std::optional<std::chrono::steady_clock::time_point> deadline,
                                                           const sigset_t &unblocked) {
@@ -184,8 +201,8 @@ std::optional<store_client::announced> store_client::next(std::optional<std::chr
     if (redisGetReplyFromReader(context_.get(), &raw) != REDIS_OK) fail_connection();
     if (raw != nullptr) {
       const reply_ptr reply(static_cast<redisReply *>(raw));
-      if (reply->type == REDIS_REPLY_ARRAY && reply->elements == 4 && text_of(*reply->element[0]) == "pmessage")
-        return announced{text_of(*reply->element[2]), text_of(*reply->element[3])};
+      if (reply->type == REDIS_REPLY_ARRAY && reply->elements == 3 && text_of(*reply->element[0]) == "message")
+        return announced{text_of(*reply->element[1]), text_of(*reply->element[2])};
       continue;
     }
     pollfd wait{context_->fd, POLLIN, 0};
@@ -218,6 +235,9 @@ ko_platform::store_address parse_store(const std::string &text) {
     return address;
   }
   if (address.socket.empty()) throw usage_error("--store: give the path of a socket after unix:");
+  if (address.socket.size() > ko_platform::longest_socket_path)
+    throw usage_error("--store: the path of a socket has at most " + std::to_string(ko_platform::longest_socket_path) +
+                      " bytes");
   return address;
 }
 

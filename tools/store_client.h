@@ -66,12 +66,13 @@ class store_client {
 
   // Writes and announces one change. Returns whether a record with that key was there before.
   bool write(const change &what);
-  // Writes many, in their order, a transaction each. What was written stays when another is refused; the error then
-  // says how many were.
+  // Writes many to one database, in their order, a transaction each. What was written stays when another is refused;
+  // the error then says how many were.
   void write_all(std::span<const change> changes, const progress_call &progress);
 
-  // From now on the connection only hands out announcements of the channels that match `pattern`.
-  void subscribe(const std::string &pattern);
+  // From now on the connection only hands out announcements, of every channel that was subscribed to. What is
+  // announced before the last one is may get lost.
+  void subscribe(const std::string &channel);
   struct announced {
     std::string channel;
     std::string bytes;
@@ -86,12 +87,14 @@ class store_client {
   reply_ptr call(std::initializer_list<std::string_view> words);
   void select(uint32_t db);
   size_t append_change(const change &what);
-  bool take_change(size_t replies);
+  bool take_change(const change &what, size_t replies);
+  [[noreturn]] void refuse(const std::string &what, const redisReply &error) const;
   [[noreturn]] void fail_connection() const;
 
   std::string where_;
   context_ptr context_;
   std::optional<uint32_t> selected_;
+  bool transactions_ = false;  // the server is known to take MULTI
 };
 
 // The store that `text` names: a path of a Unix socket (with a slash in it, or after "unix:"), or host:port. Throws

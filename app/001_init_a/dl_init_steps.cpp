@@ -98,7 +98,7 @@ int32_t dl_init_ham(dl_init_arg_t *arg) {
   char path[dl_name_size];
   std::snprintf(path, sizeof(path), "/var/tmp/%.64s.ham", arg->proc_name);
   // Anyone may create files there: without O_NONBLOCK a FIFO of that name would hold start-up for ever.
-  const int fd = open(path, O_RDONLY | O_NONBLOCK);
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (fd >= 0) {
     close(fd);
     DL_WARN("\033[33m<init> don't need reg ham.\033[0m");

@@ -12,14 +12,17 @@ uint32_t dl_inner_zlog_level = 1;
 
 namespace {
 
-// Opens a level file for reading; null when that fails. Anyone may create files in that folder: without O_NONBLOCK a
-// FIFO of that name would hold start-up for ever.
-FILE *open_level_file(const char *path) {
-  const int fd = open(path, O_RDONLY | O_NONBLOCK);
-  if (fd < 0) return nullptr;
-  FILE *file = fdopen(fd, "r");
-  if (file == nullptr) close(fd);
-  return file;
+constexpr size_t level_text_size = 4096;  // bytes of a level file that are looked at, with a NUL
+
+// Reads the start of a level file into the zeroed `text`; false when it cannot be opened. Anyone may create files in
+// that folder: without O_NONBLOCK a FIFO of that name would hold start-up for ever, and to skip a gigabyte of blanks,
+// or to take a number of as many digits, would cost seconds and memory.
+bool read_level_file(const char *path, char (&text)[level_text_size]) {
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return false;
+  if (read(fd, text, sizeof(text) - 1) < 0) text[0] = '\0';
+  close(fd);
+  return true;
 }
 
 }  // namespace
@@ -64,14 +67,13 @@ void dl_get_zlog_level(const dl_init_in_t *in, uint32_t *level) {
   *level = 1;
   char path[dl_name_size];
   std::snprintf(path, sizeof(path), "/var/tmp/%.64s.zlog", in->zlog_conf);
-  FILE *file = open_level_file(path);
-  if (file == nullptr) {
+  char text[level_text_size] = {};
+  if (!read_level_file(path, text)) {
     DL_WARN("\033[33m<init> open %s failed.\033[0m", path);
     return;
   }
   int number = 0;
-  if (std::fscanf(file, "%d", &number) == 1) *level = static_cast<uint32_t>(number);
-  std::fclose(file);
+  if (std::sscanf(text, "%d", &number) == 1) *level = static_cast<uint32_t>(number);
 }
 
 int32_t dl_get_zlog_category(const dl_init_in_t *in) {

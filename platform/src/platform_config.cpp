@@ -1,19 +1,28 @@
 #include "platform_config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
-#include <sstream>
 
 namespace ko_platform {
+
+static_assert(longest_socket_path == sizeof(sockaddr_un::sun_path) - 1);
+
 namespace {
 
 using nlohmann::json;
+
+constexpr off_t most_bytes = off_t{4} << 20;  // 100,000 ports
+constexpr int deepest = 8;                    // of what stands in one another; the settings need 3
 
 std::optional<config> &given_config() {
   static std::optional<config> settings;
@@ -53,6 +62,8 @@ void read_store(const json &store, const std::string &path, store_address &out) 
   if (store.contains("socket") && store.contains("host")) fail(where, "name either \"socket\" or \"host\", not both");
   if (store.contains("host")) out.socket.clear();
   read_text(store, "socket", where, out.socket);
+  if (out.socket.size() > longest_socket_path)
+    fail(where + ".socket", "is longer than " + std::to_string(longest_socket_path) + " bytes");
   read_text(store, "host", where, out.host);
   read_number<uint16_t>(store, "port", where, 1, out.port);
   read_text(store, "user", where, out.user);
@@ -81,10 +92,16 @@ void read_ports(const json &ports, const std::string &path, config &out) {
 config parse_config(const std::string &text, const std::string &path) {
   config out;
   json root;
+  const auto check_depth = [&path](int depth, json::parse_event_t, const json &) {
+    if (depth > deepest) fail(path, "is nested too deeply");
+    return true;
+  };
   try {
-    root = json::parse(text);
+    root = json::parse(text, check_depth);
   } catch (const json::parse_error &error) {
     fail(path + ":" + position_of(text, error.byte), "malformed JSON");
+  } catch (const json::out_of_range &) {
+    fail(path, "holds a number that is too large for anything");
   }
   check_members(root, path, {"store", "ports", "log"});
   if (root.contains("store")) read_store(root["store"], path, out.store);
@@ -95,6 +112,29 @@ config parse_config(const std::string &text, const std::string &path) {
     read_text(root["log"], "zlog_conf", path + ": log", out.log.zlog_conf);
   }
   return out;
+}
+
+struct descriptor {
+  int fd;
+  ~descriptor() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+// The contents of the file; nothing when there is none. Only a regular file has an end, and no other process that could
+// be waited for.
+std::optional<std::string> read_file(const std::string &path) {
+  const descriptor file{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+  if (file.fd < 0 && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
+  struct stat status;
+  if (file.fd < 0 || fstat(file.fd, &status) != 0) fail(path, std::strerror(errno));
+  if (!S_ISREG(status.st_mode)) fail(path, "is not a regular file");
+  if (status.st_size > most_bytes) fail(path, "is larger than 4 MiB");
+  std::string text(static_cast<size_t>(status.st_size), '\0');
+  const ssize_t length = read(file.fd, text.data(), text.size());
+  if (length < 0) fail(path, std::strerror(errno));
+  text.resize(static_cast<size_t>(length));
+  return text;
 }
 
 }  // namespace
@@ -112,17 +152,8 @@ std::string to_string(const store_address &address) {
 }
 
 config load_config(const std::string &path) {
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    if (errno == ENOENT || errno == ENOTDIR) return {};
-    fail(path, std::strerror(errno));
-  }
-  std::ostringstream text;
-  text << file.rdbuf();
-  file.peek();  // the copy alone does not tell an empty file from one that cannot be read
-  if (file.bad() || text.bad()) fail(path, "cannot be read");
-  return parse_config(text.str(), path);
+  const std::optional<std::string> text = read_file(path);
+  return text.has_value() ? parse_config(*text, path) : config{};
 }
 
 const config &process_config() {

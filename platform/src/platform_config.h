@@ -18,6 +18,8 @@ namespace ko_platform {
 
 inline constexpr const char *default_config_path = "/etc/ko_platform/platform.json";
 
+inline constexpr size_t longest_socket_path = 107;  // bytes; what is longer, the kernel cannot connect to
+
 struct store_address {
   std::string socket = "/run/redis/redis-server.sock";  // Unix socket; empty: host and port are used
   std::string host;

@@ -17,9 +17,9 @@ constexpr const char *level_file = "/var/tmp/ko_platform.zlog";
 constexpr uint32_t default_level = 2;
 
 uint32_t read_level() noexcept {
-  const int file = open(level_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int file = open(level_file, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return default_level;
-  char text[32] = {};
+  char text[4096] = {};  // as much of the file as is looked at for the daemon's channels
   struct stat status;
   const bool regular = fstat(file, &status) == 0 && S_ISREG(status.st_mode);
   const ssize_t length = regular ? read(file, text, sizeof(text) - 1) : -1;

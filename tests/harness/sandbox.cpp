@@ -228,6 +228,12 @@ double process::cpu_seconds() const {
   return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+size_t process::descriptors() const {
+  std::error_code gone;
+  const std::filesystem::directory_iterator folder("/proc/" + std::to_string(pid_) + "/fd", gone);
+  return static_cast<size_t>(std::distance(begin(folder), end(folder)));
+}
+
 // ---- client ----
 
 client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_str())) {}

@@ -42,6 +42,7 @@ class process {
   void stop();                 // stop_signal, and waits; nothing when it does not run
   bool running() const;        // the process has not ended
   double cpu_seconds() const;  // used so far
+  size_t descriptors() const;  // that it has open
   pid_t pid() const { return pid_; }
 
   int stop_signal = SIGKILL;

@@ -1,21 +1,23 @@
 // The logging wrappers on spdlog: every category writes to one sink, one line a record. Nothing that goes wrong here
 // may reach the daemon.
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <spdlog/logger.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "log/line.h"
 #include "platform_config.h"
+#include "standard_files.h"
 #include "vx_zlog.h"
 
 struct vx_zlog_category {
@@ -24,29 +26,28 @@ struct vx_zlog_category {
 
 namespace {
 
-// The log file; what it does not take, and everything without one, goes to standard error. Each record is flushed, so
-// that none is lost with the process.
+// The log file; what it does not take, and everything without one, goes to standard error. Each record is written at
+// once, so that none is lost with the process. Nothing is waited for: a FIFO needs a reader when it is opened, and what
+// a slow one does not take is not kept for it.
 class fallback_sink : public spdlog::sinks::sink {
  public:
-  explicit fallback_sink(const std::string &path) {
+  explicit fallback_sink(const std::string &path) : path_(path) {
     if (path.empty()) return;
-    try {
-      file_.emplace(path);
-    } catch (const std::exception &error) {
-      std::fprintf(stderr, "log: %s; lines go to standard error\n", error.what());
-    }
+    file_ = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    if (file_ < 0) tell("opened", errno == ENXIO ? "nobody reads it" : std::strerror(errno));
   }
 
-  bool is_terminal() const { return !file_ && isatty(STDERR_FILENO) != 0; }
+  bool is_terminal() const { return file_ < 0 && isatty(STDERR_FILENO) != 0; }
 
   void log(const spdlog::details::log_msg &record) override {
-    try {
-      if (file_) {
-        file_->log(record);
-        file_->flush();
-        return;
-      }
-    } catch (const spdlog::spdlog_ex &) {
+    if (file_ >= 0) {
+      spdlog::memory_buf_t line;
+      formatter_->format(record, line);
+      const ssize_t n = write(file_, line.data(), line.size());
+      const bool refused = n != static_cast<ssize_t>(line.size());
+      if (refused && !told_) tell("written", n < 0 ? std::strerror(errno) : "a line was cut");
+      told_ = refused;
+      if (!refused) return;
     }
     stderr_.log(record);
   }
@@ -58,12 +59,19 @@ class fallback_sink : public spdlog::sinks::sink {
   }
 
   void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override {
-    if (file_) file_->set_formatter(formatter->clone());
+    formatter_ = formatter->clone();
     stderr_.set_formatter(std::move(formatter));
   }
 
  private:
-  std::optional<spdlog::sinks::basic_file_sink_st> file_;
+  void tell(const char *what, const char *why) const {
+    std::fprintf(stderr, "log: %s cannot be %s: %s; lines go to standard error\n", path_.c_str(), what, why);
+  }
+
+  std::string path_;
+  bool told_ = false;  // that it takes nothing
+  int file_ = -1;      // open until the process ends
+  std::unique_ptr<spdlog::formatter> formatter_;
   spdlog::sinks::stderr_sink_st stderr_;
 };
 
@@ -80,7 +88,7 @@ struct log_state {
 
 // Lives until the process ends: a category is valid while static objects are destroyed, too.
 log_state &state() {
-  static log_state &the_state = *new log_state;
+  static log_state &the_state = (ko_platform::hold_standard_files(), *new log_state);
   return the_state;
 }
 

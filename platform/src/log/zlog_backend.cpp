@@ -7,11 +7,13 @@
 #include <string>
 
 #include "platform_config.h"
+#include "standard_files.h"
 #include "vx_zlog.h"
 
 namespace {
 
 bool start_zlog() {
+  ko_platform::hold_standard_files();
   const std::string configured = ko_platform::process_log_settings().zlog_conf;
   const char *path = configured.empty() ? "/etc/zlog.conf" : configured.c_str();
   if (zlog_init(path) == 0) return true;
