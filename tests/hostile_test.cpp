@@ -3,6 +3,8 @@
 // records meets the real daemon, too.
 #include <gtest/gtest.h>
 
+#include <event2/event.h>
+
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -13,14 +15,10 @@
 #include <set>
 
 #include "global_context.h"
-#include "p_policy.pb-c.h"
+#include "in_process.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 #include "sandbox.h"
-#include "store/memory_engine.h"
-#include "store/registration.h"
-#include "store/store.h"
-#include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
 struct vx_zlog_category {};
@@ -78,87 +76,14 @@ namespace {
 using namespace harness;
 using namespace ko_store;
 
-// A memory engine whose announcements the test holds back and hands out as it likes.
-class scrambler final : public engine, private engine_user {
- public:
-  explicit scrambler(vx_global &global) : inner(global) {}
-
-  memory_engine inner;
-  bool holds = false;
-  bool loses = false;             // writes do not arrive, and that comes out when the connection breaks
-  std::function<void()> between;  // called once, when the first hash was read and the others were not
-
-  // Hands out what was held: changes of one key in their order, all else in any, some of them twice. `drop`: one of
-  // them never. Returns whether one was dropped.
-  bool release(std::minstd_rand &random, bool drop) {
-    bool dropped = false;
-    while (!held_.empty()) {
-      size_t i = random() % held_.size();
-      for (size_t k = 0; k < i; ++k)
-        if (held_[k].input == held_[i].input && held_[k].key == held_[i].key) i = k;
-      const note now = held_[i];
-      held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(i));
-      if (drop && !dropped && random() % (held_.size() + 1) == 0) {
-        dropped = true;
-        continue;
-      }
-      for (size_t times = 1 + random() % 2; times > 0; --times)
-        user_->changed(now.input, {now.kind, now.key, now.record});
-    }
-    return dropped;
-  }
-  void reconnect() {
-    held_.clear();
-    user_->down();
-    for (const auto &[hash, what] : lost_) user_->undone({hash, what.kind, what.key, what.record}, {});
-    lost_.clear();
-    user_->up();
-  }
-  void garbage(size_t input) { user_->malformed(input); }
-
-  void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override {
-    user_ = &user;
-    inner.start(*this, std::move(hashes), n_inputs);
-  }
-  void scan(size_t hash) override { inner.scan(hash); }
-  void fetch(size_t input, std::string_view key) override { inner.fetch(input, key); }
-  void write(const change &what) override {
-    if (!loses) return inner.write(what);
-    lost_.push_back({what.hash, {0, what.kind, std::string(what.key), std::string(what.record)}});
-  }
-  bool congested() const override { return false; }
-
- private:
-  struct note {
-    size_t input;
-    change_kind kind;
-    std::string key, record;
-  };
-
-  void up() override { user_->up(); }
-  void down() override {}
-  void changed(size_t input, const announcement &what) override {
-    if (holds)
-      held_.push_back({input, what.kind, std::string(what.key), std::string(what.record)});
-    else
-      user_->changed(input, what);
-  }
-  void malformed(size_t) override {}
-  void page(size_t hash, std::span<const stored_record> records, bool last) override {
-    user_->page(hash, records, last);
-    if (hash == 0 && between) std::exchange(between, {})();
-  }
-  void unreadable(size_t hash, std::string_view why) override { user_->unreadable(hash, why); }
-  void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override {
-    user_->fetched(input, key, record);
-  }
-  void undone(const change &what, std::string_view why) override { user_->undone(what, why); }
-  void relieved() override {}
-
-  engine_user *user_ = nullptr;
-  std::vector<note> held_;
-  std::vector<std::pair<hash_id, note>> lost_;
-};
+world &the_world() {
+  static world *only = nullptr;
+  if (only != nullptr) return *only;
+  only = new world;
+  if (only->start() != 0 || only->runs == 0) std::abort();
+  only->turn();
+  return *only;
+}
 
 // No two members share a target, and a result is only given for members that stay.
 member numbered(uint32_t i, uint32_t version = 0) {
@@ -174,118 +99,6 @@ member numbered(uint32_t i, uint32_t version = 0) {
           .vlans = {version, i}};
 }
 
-struct step {
-  record what;
-  change_kind kind = change_kind::set;
-};
-
-// One at a time, as in the daemon; each test leaves it without records.
-struct world {
-  scrambler *wire = nullptr;
-  uint8_t runs = 0;
-
-  // On a store that holds these records; start comes next.
-  explicit world(const std::vector<record> &stored = {}) {
-    lspan_global = {};
-    lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-    lspan_global.zlog_category = vx_zlog_init("ko_lspan");
-    use_engine([this, stored](vx_global &global) {
-      const bool was_armed = std::exchange(armed, false);
-      auto made = std::make_unique<scrambler>(global);
-      wire = made.get();
-      for (const record &what : stored) put(what);
-      armed = was_armed;
-      return made;
-    });
-  }
-  world(const world &) = delete;
-  ~world() { vx_global_finish(lspan_global.global); }
-
-  // As main does it. Returns the status; `runs` says whether the event loop is to run.
-  int32_t start() { return ko_lspan_mom_init(&runs); }
-  registration &tested() { return *registration_of(lspan_global.global); }
-
-  event_base *loop() { return ko_platform::context_of(lspan_global.global).base.get(); }
-  void turn() {
-    for (int quiet = 0; quiet < 4; quiet = tested().settled() ? quiet + 1 : 0)
-      event_base_loop(loop(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
-  }
-  // Likewise, and what waits for its time comes at once.
-  void settle() {
-    for (std::vector<event *> timers(1); !timers.empty() || !tested().settled();) {
-      timers.clear();
-      event_base_foreach_event(
-          loop(),
-          [](const event_base *, const event *timer, void *to) {
-            return static_cast<std::vector<event *> *>(to)->push_back(const_cast<event *>(timer)), 0;
-          },
-          &timers);
-      for (event *timer : timers) event_active(timer, EV_TIMEOUT, 0);
-      event_base_loop(loop(), EVLOOP_NONBLOCK);
-    }
-  }
-  // Serves what is due now; false when that ended the loop.
-  bool serve() {
-    for (int i = 0; i < 12 && event_base_got_break(loop()) == 0; ++i) event_base_loop(loop(), EVLOOP_NONBLOCK);
-    return event_base_got_break(loop()) == 0;
-  }
-  void put(const record &what, change_kind kind = change_kind::set) { wire->inner.put(what.change(kind)); }
-  void put(const step &one) { put(one.what, one.kind); }
-  // A change that was not taken as it should have been; a delete needs something to delete.
-  void repeat(const step &one) {
-    put(one.what), settle();
-    if (one.kind != change_kind::set) put(one), settle();
-  }
-
-  using contents = std::map<std::string, std::map<std::string, std::string>>;
-  contents outputs() {
-    contents out;
-    for (const auto *type : {&u_monitor__span_port_src_info__descriptor, &u_monitor__span_acl_src_info__descriptor,
-                             &u_monitor__span_vlan_src_info__descriptor, &u_monitor__span_dst_info__descriptor,
-                             &u_monitor__span_mtp_info__descriptor})
-      add(out[type->name], 8, type);
-    add(out["relayed"], 4, &u_monitor__mirror_result_info__descriptor);
-    add(out["learning"], 6, &u_bridge__udp_pt_learn__descriptor);
-    return out;
-  }
-  std::vector<record> inputs() {
-    std::vector<record> out;
-    for (const auto &[db, type] : {std::pair(4U, &u_monitor__mirror_lspan_info__descriptor),
-                                   std::pair(4U, &p_policy__data_intf_conf__descriptor),
-                                   std::pair(8U, &u_monitor__mirror_result_info__descriptor)})
-      for (const auto &[key, bytes] : wire->inner.records(db, type->name)) out.push_back({db, type, key, bytes});
-    return out;
-  }
-  void clear() {
-    for (const record &what : inputs()) put(what, change_kind::del);
-    turn();
-  }
-  // Likewise, and the daemon holds nothing more; nor does it hold on to a result of an unknown member.
-  void leave() {
-    const record unknown = result(numbered(9));
-    EXPECT_FALSE(wire->inner.records(unknown.db, unknown.type->name).contains(unknown.key));
-    clear();
-    settle();
-    EXPECT_EQ(lspan_global.session_list.next, &lspan_global.session_list);
-    for (const uint32_t key : {50, 51, 300, 301})
-      EXPECT_TRUE(outgrb_group_hash_get(&key) == nullptr && outgrb_mbr_hash_get(&key) == nullptr) << key;
-  }
-
- private:
-  void add(std::map<std::string, std::string> &to, uint32_t db, const ProtobufCMessageDescriptor *type) {
-    for (const auto &[key, bytes] : wire->inner.records(db, type->name)) to.emplace(key, bytes);
-  }
-};
-
-world &the_world() {
-  static world *only = nullptr;
-  if (only != nullptr) return *only;
-  only = new world;
-  if (only->start() != 0 || only->runs == 0) std::abort();
-  only->turn();
-  return *only;
-}
-
 record random_record(std::minstd_rand &random, bool stays) {
   const auto version = static_cast<uint32_t>(random() % 8);
   const auto i = static_cast<uint32_t>(random() % 12);
@@ -297,6 +110,7 @@ record random_record(std::minstd_rand &random, bool stays) {
 TEST(announcements, any_order_any_number_and_a_lost_one) {
   world &w = the_world();
   std::minstd_rand random(4);
+  const auto below = [&](size_t bound) { return random() % bound; };
   for (int round = 0; round < 1000 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     for (uint32_t i = 0; i < 12; ++i) w.put(session(numbered(i))), w.put(result(numbered(i)));
@@ -307,7 +121,7 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
       w.put(random_record(random, stays), stays || random() % 3 != 0 ? change_kind::set : change_kind::del);
       if (random() % 8 != 0) continue;
       w.turn();
-      if (!w.wire->release(random, random() % 4 == 0)) continue;
+      if (!w.wire->release(below, random() % 4 == 0)) continue;
       w.wire->between = [&] {
         w.wire->holds = false;
         for (int i = 0; i < 4; ++i)
@@ -318,13 +132,14 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
       w.wire->holds = true;
     }
     w.turn();
-    if (w.wire->release(random, round % 2 == 0)) w.wire->reconnect();
+    if (w.wire->release(below, round % 2 == 0)) w.wire->reconnect();
     w.wire->holds = false;
     w.turn();
     const world::contents end = w.outputs();
     const std::vector<record> inputs = w.inputs();
     w.clear();
-    for (const auto &[name, records] : w.outputs()) EXPECT_TRUE(name == "relayed" || records.empty()) << name;
+    for (const auto &[name, records] : w.outputs())
+      EXPECT_TRUE(name == relayed(numbered(0)).type->name || records.empty()) << name;
     for (const record &what : inputs) w.put(what);
     w.turn();
     EXPECT_EQ(end, w.outputs());
@@ -350,7 +165,7 @@ TEST(writes, lost_ones_are_decided_anew) {
     if (comes_back) w.put(session(numbered(0)));
     w.wire->reconnect();
     w.turn();
-    EXPECT_EQ(w.wire->inner.records(gone.db, gone.type->name).contains(gone.key), comes_back);
+    EXPECT_EQ(w.store->records(gone.db, gone.type->name).contains(gone.key), comes_back);
     EXPECT_EQ(w.outputs() == whole, comes_back);
     w.clear();
   }
@@ -411,7 +226,7 @@ TEST(hostile, every_truncation_and_every_flipped_bit) {
         record bad = victim;
         (of_key ? bad.key : bad.bytes) = bytes;
         ++tried;
-        if (is_sound(bad) || (of_key && w.wire->inner.records(bad.db, bad.type->name).contains(bad.key))) continue;
+        if (is_sound(bad) || (of_key && w.store->records(bad.db, bad.type->name).contains(bad.key))) continue;
         ++unsound;
         keys.insert(victim.type->name + bad.key);
         const uint64_t before = w.tested().counts().rejected;
@@ -514,6 +329,11 @@ TEST(hostile, a_real_server) {
 
 // ---- exhausted memory ----
 
+struct step {
+  record what;
+  change_kind kind = change_kind::set;
+};
+
 const member mirrored_to_group{.session = 4, .s_ifx = 104, .d_ifx = group_target(50), .module = 5};
 const std::vector<step> steps = {
     {session(numbered(0))},
@@ -533,6 +353,48 @@ const std::vector<step> steps = {
     {session(numbered(1)), change_kind::del},
     {session(numbered(2)), change_kind::del},
 };
+
+event_base *loop() { return ko_platform::context_of(lspan_global.global).base.get(); }
+
+// Until the daemon has nothing to do; what waits for its time comes at once.
+void settle(world &w) {
+  for (std::vector<event *> timers(1); !timers.empty() || !w.tested().settled();) {
+    timers.clear();
+    event_base_foreach_event(
+        loop(),
+        [](const event_base *, const event *timer, void *to) {
+          return static_cast<std::vector<event *> *>(to)->push_back(const_cast<event *>(timer)), 0;
+        },
+        &timers);
+    for (event *timer : timers) event_active(timer, EV_TIMEOUT, 0);
+    event_base_loop(loop(), EVLOOP_NONBLOCK);
+  }
+}
+
+// Serves what is due now; false when that ended the loop.
+bool serve() {
+  for (int i = 0; i < 12 && event_base_got_break(loop()) == 0; ++i) event_base_loop(loop(), EVLOOP_NONBLOCK);
+  return event_base_got_break(loop()) == 0;
+}
+
+void put(world &w, const step &one) { w.put(one.what, one.kind); }
+
+// A change that was not taken as it should have been; a delete needs something to delete.
+void repeat(world &w, const step &one) {
+  w.put(one.what), settle(w);
+  if (one.kind != change_kind::set) put(w, one), settle(w);
+}
+
+// Takes everything away. The daemon holds nothing more then, nor does it hold on to a result of an unknown member.
+void leave(world &w) {
+  const record unknown = result(numbered(9));
+  EXPECT_FALSE(w.store->records(unknown.db, unknown.type->name).contains(unknown.key));
+  w.clear();
+  settle(w);
+  EXPECT_EQ(lspan_global.session_list.next, &lspan_global.session_list);
+  for (const uint32_t key : {50, 51, 300, 301})
+    EXPECT_TRUE(outgrb_group_hash_get(&key) == nullptr && outgrb_mbr_hash_get(&key) == nullptr) << key;
+}
 
 bool was_said(const std::string &text) {
   return std::any_of(logged.begin(), logged.end(), [&](const auto &line) { return line.find(text) != line.npos; });
@@ -573,12 +435,12 @@ TEST(exhaustion, every_allocation) {
         SCOPED_TRACE(testing::Message() << "round " << round << ", allocation " << k);
         world w(kind == start ? stored : std::vector<record>());
         int32_t status = kind == start ? 0 : w.start();
-        for (size_t i = 0; i < first; ++i) w.settle(), w.put(steps[i]);
+        for (size_t i = 0; i < first; ++i) settle(w), put(w, steps[i]);
         if (kind != start) {
-          w.settle();
+          settle(w);
           w.tested().on_event = [&](uint32_t, const ProtobufCMessage &, int32_t answer) { status += answer; };
           w.wire->holds = kind == read;
-          w.put(steps[first]);
+          put(w, steps[first]);
           if (kind == read) w.turn();
           w.wire->holds = false;
         }
@@ -586,7 +448,7 @@ TEST(exhaustion, every_allocation) {
         refused = exhaust(k, for_good, [&] {
           if (kind == start) status = w.start();
           if (kind == read) w.wire->reconnect();
-          alive = w.runs != 0 && w.serve();
+          alive = w.runs != 0 && serve();
         });
         const bool silent = logged.empty();
         points[kind] += k > 0 && refused != 0;
@@ -600,14 +462,14 @@ TEST(exhaustion, every_allocation) {
           ++ends;
           continue;
         }
-        w.settle();
+        settle(w);
         if (k == 0) after = w.outputs();
         ASSERT_TRUE(!silent || after == w.outputs());
-        for (size_t i = first; i < last && !silent; ++i) w.repeat(steps[i]);
-        for (size_t i = last; i < steps.size(); ++i) w.put(steps[i]), w.settle();
+        for (size_t i = first; i < last && !silent; ++i) repeat(w, steps[i]);
+        for (size_t i = last; i < steps.size(); ++i) put(w, steps[i]), settle(w);
         if (k == 0) end = w.outputs();
         ASSERT_EQ(end, w.outputs());
-        w.leave();
+        leave(w);
       }
   }
   std::cout << points[start] << " at start, " << ends << " of which ended it; " << points[announced] << " in "

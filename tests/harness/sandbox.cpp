@@ -145,14 +145,6 @@ std::string difference(std::vector<std::string> got, std::vector<std::string> ex
   return out;
 }
 
-std::string hex(std::string_view bytes) {
-  static constexpr char digits[] = "0123456789abcdef";
-  std::string out;
-  for (const char byte : bytes)
-    out.append({digits[static_cast<unsigned char>(byte) >> 4], digits[static_cast<unsigned char>(byte) & 15]});
-  return out;
-}
-
 size_t count_of(const std::string &text, const std::string &part) {
   size_t count = 0;
   for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;

@@ -19,7 +19,6 @@ namespace harness {
 // Fails the test and returns false when `condition` does not hold within a generous time.
 bool eventually(const std::function<bool()> &condition, const std::string &what);
 
-std::string hex(std::string_view bytes);
 size_t count_of(const std::string &text, const std::string &part);
 // The lines of a dump that only one of the two has, for people; empty when they are the same.
 std::string difference(std::vector<std::string> got, std::vector<std::string> expected);

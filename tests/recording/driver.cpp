@@ -1,9 +1,6 @@
 #include "driver.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <map>
-#include <set>
 
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
@@ -11,79 +8,6 @@
 
 namespace driver {
 namespace {
-
-// Membership as the events should have made it.
-struct group_model {
-  bool exists = false;
-  std::vector<uint32_t> members;  // in list order, repeated joins included
-};
-
-std::map<uint32_t, group_model> groups;  // every group that an event ever named
-std::map<uint32_t, uint32_t> group_of;   // every interface that an event ever named; 0: in none
-std::set<uint32_t> left_empty;           // sessions without an entry, after a save in which something failed
-
-template <typename Entry>
-std::vector<Entry *> entries(mirror_link &head) {
-  std::vector<Entry *> found;
-  for (mirror_link *at = head.next; at != &head; at = at->next) found.push_back(reinterpret_cast<Entry *>(at));
-  return found;
-}
-
-bool whole(const mirror_link &head) {
-  const mirror_link *at = &head;
-  do {
-    if (at->next == nullptr || at->next->prev != at || at->prev == nullptr || at->prev->next != at) return false;
-    at = at->next;
-  } while (at != &head);
-  return true;
-}
-
-outgrb_group_info *find_group(uint32_t group_id) { return outgrb_group_hash_get(&group_id); }
-
-outgrb_mbr_info *find_member(uint32_t ifx) { return outgrb_mbr_hash_get(&ifx); }
-
-template <typename Entry>
-void free_all(mirror_link &head) {
-  for (Entry *entry : entries<Entry>(head)) {
-    mirror_list_del(&entry->link);
-    std::free(entry);
-  }
-}
-
-void forget_groups() {
-  for (const auto &[group_id, model] : groups) {
-    outgrb_group_info *group = find_group(group_id);
-    if (group == nullptr) continue;
-    for (const auto &[ifx, of] : group_of) outgrb_mbr_list_remove(&group->mbr_list, ifx);
-    outgrb_group_hash_del(group);
-  }
-  for (const auto &[ifx, of] : group_of)
-    if (outgrb_mbr_info *entry = find_member(ifx)) outgrb_mbr_hash_del(entry);
-  groups.clear();
-  group_of.clear();
-}
-
-void forget_sessions() {
-  if (lspan_global.session_list.next == nullptr) return;
-  for (mirror_info *session : entries<mirror_info>(lspan_global.session_list)) {
-    free_all<src_info>(session->src_list);
-    free_all<dst_info>(session->dst_list);
-    free_all<mtp_info>(session->mtp_list);
-  }
-  free_all<mirror_info>(lspan_global.session_list);
-  left_empty.clear();
-}
-
-bool is_empty(const mirror_info &session) {
-  return session.src_list.next == &session.src_list && session.dst_list.next == &session.dst_list &&
-         session.mtp_list.next == &session.mtp_list;
-}
-
-bool has_empty_session(uint32_t session_id) {
-  for (const mirror_info *session : entries<mirror_info>(lspan_global.session_list))
-    if (session->session_id == session_id) return is_empty(*session);
-  return false;
-}
 
 int32_t send(const member &what, uint32_t is_del) {
   UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
@@ -113,114 +37,9 @@ int32_t send_membership(uint32_t ifx, uint32_t group_id, uint32_t is_del) {
   PPolicy__DataIntfConf record = P_POLICY__DATA_INTF_CONF__INIT;
   record.index = &index;
   record.group_id = group_id;
-  return ko_lspan_outgrb_handle(nullptr, is_del, &record);
-}
-
-// Takes the interface out of the list of the group it is in.
-group_model *model_depart(uint32_t ifx) {
-  const auto group = groups.find(group_of[ifx]);
-  if (group == groups.end()) return nullptr;
-  std::erase(group->second.members, ifx);
-  return &group->second;
-}
-
-void model_leave(uint32_t ifx) {
-  if (group_model *group = model_depart(ifx); group != nullptr && group->members.empty()) group->exists = false;
-  group_of[ifx] = 0;
-}
-
-// A join that ran out of memory changed nothing when it was the member entry's turn; afterwards the member entry names
-// the new group already, in whose list it does not stand.
-void model_failed_join(uint32_t ifx, uint32_t group_id) {
-  if (group_of[ifx] == 0 && find_member(ifx) == nullptr) return;
-  if (group_of[ifx] != group_id) model_depart(ifx);
-  group_of[ifx] = group_id;
-  groups[group_id].exists |= find_group(group_id) != nullptr;
-}
-
-void model_join(uint32_t ifx, uint32_t group_id) {
-  if (group_of[ifx] != group_id) model_depart(ifx);
-  group_of[ifx] = group_id;
-  groups[group_id].exists = true;
-  groups[group_id].members.push_back(ifx);
-}
-
-std::string link_text(const mtp_info *target) {
-  return target == nullptr ? "" : " target of session " + std::to_string(target->session_id);
-}
-
-std::string number(const char *name, uint32_t value) {
-  return value == 0 ? "" : std::string(" ") + name + '=' + std::to_string(value);
-}
-
-std::string tunnel_text(const mirror_ip_head &head) {
-  return number("src_ip", head.src_ip) + number("dst_ip", head.dst_ip) + number("ttl", head.ttl) +
-         number("dscp", head.dscp) + number("vrf", head.vrf);
-}
-
-std::string vlan_text(const uint32_t *words) {
-  uint32_t used = MIRROR_VLAN_WORDS;
-  while (used > 0 && words[used - 1] == 0) --used;
-  std::string text;
-  for (uint32_t i = 0; i < used; ++i) text += (i == 0 ? " vlan_map=[" : ",") + std::to_string(words[i]);
-  return used == 0 ? "" : text + "]";
-}
-
-void session_text(mirror_info &session, std::vector<std::string> &lines) {
-  lines.push_back("session " + std::to_string(session.session_id) + number("mod_type", session.mod_type));
-  for (const src_info *entry : entries<src_info>(session.src_list))
-    lines.push_back("  src" + number("s_phyid", entry->s_phyid) + number("d_phyid", entry->d_phyid) +
-                    number("dir", entry->dir) + number("apply_type", entry->apply_type) +
-                    number("acl_id", entry->acl_id) + vlan_text(entry->vlan_map));
-  for (const dst_info *entry : entries<dst_info>(session.dst_list))
-    lines.push_back("  dst" + number("dir", entry->dir) + number("acl_id", entry->acl_id) +
-                    number("s_phyid", entry->s_phyid) + number("d_phyid", entry->d_phyid) +
-                    number("sample_rate", entry->sample_rate));
-  for (const mtp_info *entry : entries<mtp_info>(session.mtp_list))
-    lines.push_back("  mtp" + number("session_id", entry->session_id) + number("d_phyid", entry->d_phyid) +
-                    number("mtp_switch", entry->mtp_switch) + number("module_type", entry->module_type) +
-                    number("role", entry->role) + number("mtp_type", entry->mtp_type) +
-                    number("rspan_vlan", entry->rspan_vlan) + tunnel_text(entry->ip_head));
-}
-
-std::string broken_session(mirror_info &session, std::set<const mtp_info *> &targets) {
-  if (!whole(session.src_list) || !whole(session.dst_list) || !whole(session.mtp_list)) return "list not whole";
-  const auto of_session = entries<mtp_info>(session.mtp_list);
-  targets.insert(of_session.begin(), of_session.end());
-  if (of_session.size() > 1) return "two mirror targets";
-  return is_empty(session) && !left_empty.contains(session.session_id) ? "no entries" : "";
-}
-
-std::string broken_group(uint32_t group_id, const group_model &model, std::map<const mtp_info *, size_t> &named) {
-  outgrb_group_info *group = find_group(group_id);
-  if ((group != nullptr) != model.exists) return model.exists ? "not in the table" : "still in the table";
-  if (group == nullptr) return "";
-  if (group->group_id != group_id) return "under a wrong key";
-  if (!whole(group->mbr_list)) return "member list not whole";
-  const auto nodes = entries<outgrb_mbr_node>(group->mbr_list);
-  const bool same = std::equal(nodes.begin(), nodes.end(), model.members.begin(), model.members.end(),
-                               [](const outgrb_mbr_node *node, uint32_t ifx) { return node->ifx == ifx; });
-  if (group->mtp_info != nullptr) ++named[group->mtp_info];
-  return same ? "" : "not the members that joined";
-}
-
-// `count` groups name `target`; its chain must hold these and no others.
-std::string broken_chain(const mtp_info *target, size_t count) {
-  const outgrb_group_info *before = nullptr;
-  for (const outgrb_group_info *group = target->groups; group != nullptr; group = group->next_named) {
-    if (count-- == 0 || group->mtp_info != target) return "names a group that does not name it";
-    if (group->prev_named != before) return "chain not whole";
-    if (find_group(group->group_id) != group) return "names a group that is not in the table";
-    before = group;
-  }
-  return count == 0 ? "" : "misses a group that names it";
-}
-
-std::string broken_member(uint32_t ifx, uint32_t group_id) {
-  const outgrb_mbr_info *entry = find_member(ifx);
-  if (entry == nullptr) return group_id == 0 ? "" : "not in the member table";
-  if (group_id == 0) return "still in the member table";
-  return entry->ifx == ifx && entry->group_id == group_id ? "" : "in the member table with another group";
+  const int32_t status = ko_lspan_outgrb_handle(nullptr, is_del, &record);
+  note_membership(ifx, group_id, is_del != 0, status);
+  return status;
 }
 
 }  // namespace
@@ -229,50 +48,28 @@ void reset() {
   recording::reset();
   static const bool tables_made = outgrb_mbr_hash_init() == 0 && outgrb_group_hash_init() == 0;
   if (!tables_made) std::abort();
-  forget_groups();
-  forget_sessions();
+  forget_daemon();
   lspan_global.global = recording::global();
   lspan_global.zlog_category = recording::category("ko_lspan");
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
   lspan_zlog_level = 1;
 }
 
 int32_t set_member(const member &what) {
   const uint64_t failures = recording::failure_count();
   const int32_t status = send(what, 0);
-  if (!has_empty_session(what.session))
-    left_empty.erase(what.session);
-  else if (recording::failure_count() != failures)
-    left_empty.insert(what.session);
+  note_saved(what.session, recording::failure_count() != failures);
   return status;
 }
 
 int32_t del_member(const member &what) {
   const int32_t status = send(what, 1);
-  if (!has_empty_session(what.session)) left_empty.erase(what.session);
+  note_saved(what.session, false);
   return status;
 }
 
-int32_t join(uint32_t ifx, uint32_t group_id) {
-  groups[group_id];
-  group_of[ifx];
-  const int32_t status = send_membership(ifx, group_id, 0);
-  if (group_id == 0)
-    model_leave(ifx);
-  else if (status == 0)
-    model_join(ifx, group_id);
-  else
-    model_failed_join(ifx, group_id);
-  return status;
-}
+int32_t join(uint32_t ifx, uint32_t group_id) { return send_membership(ifx, group_id, 0); }
 
-int32_t leave(uint32_t ifx, uint32_t group_id) {
-  groups[group_id];
-  group_of[ifx];
-  const int32_t status = send_membership(ifx, group_id, 1);
-  model_leave(ifx);
-  return status;
-}
+int32_t leave(uint32_t ifx, uint32_t group_id) { return send_membership(ifx, group_id, 1); }
 
 int32_t report(const result &what) {
   UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
@@ -288,44 +85,6 @@ int32_t report(const result &what) {
   record.result = what.code;
   record.msg_type = what.msg_type;
   return ko_lspan_mom_result_info_set(nullptr, 0, &record);
-}
-
-std::vector<std::string> memory_text() {
-  std::vector<std::string> lines;
-  for (mirror_info *session : entries<mirror_info>(lspan_global.session_list)) session_text(*session, lines);
-  for (const auto &[group_id, model] : groups) {
-    outgrb_group_info *group = find_group(group_id);
-    if (group == nullptr) continue;
-    std::string line = "group " + std::to_string(group_id) + ':';
-    for (const outgrb_mbr_node *node : entries<outgrb_mbr_node>(group->mbr_list))
-      line += ' ' + std::to_string(node->ifx);
-    lines.push_back(line + link_text(group->mtp_info));
-  }
-  for (const auto &[ifx, model] : group_of)
-    if (const outgrb_mbr_info *entry = find_member(ifx))
-      lines.push_back("interface " + std::to_string(ifx) + " in group " + std::to_string(entry->group_id));
-  return lines;
-}
-
-std::string broken() {
-  if (!whole(lspan_global.session_list)) return "session list not whole";
-  std::set<const mtp_info *> targets;
-  for (mirror_info *session : entries<mirror_info>(lspan_global.session_list))
-    if (std::string why = broken_session(*session, targets); !why.empty())
-      return "session " + std::to_string(session->session_id) + ": " + why;
-  std::map<const mtp_info *, size_t> named;
-  for (const auto &[group_id, model] : groups)
-    if (std::string why = broken_group(group_id, model, named); !why.empty())
-      return "group " + std::to_string(group_id) + ": " + why;
-  for (const auto &[target, count] : named)
-    if (!targets.contains(target)) return "a group names a mirror target that is gone";
-  for (const mtp_info *target : targets)
-    if (std::string why = broken_chain(target, named[target]); !why.empty())
-      return "mirror target of session " + std::to_string(target->session_id) + ": " + why;
-  for (const auto &[ifx, group_id] : group_of)
-    if (std::string why = broken_member(ifx, group_id); !why.empty())
-      return "interface " + std::to_string(ifx) + ": " + why;
-  return "";
 }
 
 }  // namespace driver

@@ -1,11 +1,11 @@
-// Drives the daemon's core on the recording platform: sends events to its handlers, and looks at what it keeps in
-// memory. Beside it stands a model of group membership, which broken() compares with.
+// Drives the daemon's core on the recording platform: sends events to its handlers. daemon_state.h looks at what it
+// keeps in memory.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
+#include "daemon_state.h"
 #include "proc/ko_span_public.h"
 
 namespace driver {
@@ -35,16 +35,5 @@ int32_t del_member(const member &what);
 int32_t join(uint32_t ifx, uint32_t group_id);  // a set event of the membership record
 int32_t leave(uint32_t ifx, uint32_t group_id = 0);
 int32_t report(const result &what);
-
-// What the daemon knows, one line per session, entry and group, in list order; groups by number.
-std::vector<std::string> memory_text();
-
-// The first thing found wrong in the daemon's memory, or "". Holds after every event, whatever failed:
-// - every list is whole in both directions, every session has at most one mirror target;
-// - a session without any entry is there only when a save in which something failed left it;
-// - each group's mtp_info is null or an entry of some session, and that entry's chain holds exactly its groups;
-// - the member table holds exactly the interfaces in a group, and each group's list is the one that the joins, moves
-//   and leaves gave it, repeated joins and joins that failed for memory included.
-std::string broken();
 
 }  // namespace driver

@@ -62,8 +62,8 @@ void *__wrap_realloc(void *old, size_t size) { return out_of_memory() ? nullptr 
 #define WRAP_ADD(kind, entry)                                                  \
   entry *__real_mirror_list_add_##kind(mirror_link *list);                     \
   entry *__wrap_mirror_list_add_##kind(mirror_link *list) {                    \
-    const bool refused = answer(recording::call::mirror_list_add_##kind) != 0; \
-    entry *added = refused ? nullptr : __real_mirror_list_add_##kind(list);    \
+    const bool failing = answer(recording::call::mirror_list_add_##kind) != 0; \
+    entry *added = failing ? nullptr : __real_mirror_list_add_##kind(list);    \
     record_list_call("mirror_list_add_" #kind, added != nullptr);              \
     return added;                                                              \
   }

@@ -47,7 +47,8 @@ class engine_user {
   virtual void changed(size_t input, const announcement &what) = 0;
   // Something that is no announcement came for the input `input`.
   virtual void malformed(size_t input) = 0;
-  // Records of hash `hash`; `last` ends a scan. A record may come twice.
+  // Records of hash `hash`; `last` ends a scan. A record may come twice. What the user writes during the call may take
+  // the bytes of the record that it changes away.
   virtual void page(size_t hash, std::span<const stored_record> records, bool last) = 0;
   // The hash cannot be read. `why` is the engine's reason.
   virtual void unreadable(size_t hash, std::string_view why) = 0;
