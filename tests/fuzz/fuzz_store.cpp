@@ -256,7 +256,7 @@ class attempt {
     wire.holds = wire.loses = wire.full = wire.unreadable_next = false;
     refuse_ = 0;
     late_in = 0;
-    wire.reconnect();
+    wire.cut(), wire.join();
     int turns = 0;
     for (int quiet = 0; quiet < 2; quiet = world_.tested().settled() ? quiet + 1 : 0) {
       must_hold(++turns < 1000, "it does not come to rest");
