@@ -7,7 +7,6 @@
 #include <random>
 #include <unordered_map>
 
-#include "attributes.h"
 #include "driver.h"
 #include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
@@ -118,68 +117,6 @@ TEST_F(Span, RecordSetters) {
   EXPECT_EQ(0U, recording::store().at(UDP_DB).at("u_monitor.span_ip_mtp_info").size());
 }
 
-// ---- keys ----
-
-TEST_F(Span, PhysicalIdsOfAKey) {
-  constexpr uint32_t kept = 77;  // what stands in an output that must not be touched
-  const uint32_t group = driver::group_target(7);
-  const struct {
-    uint32_t s_ifx, d_ifx, module_type;
-    int32_t s_code, d_code;     // of the translations
-    int32_t status;             // of the source key
-    uint32_t s_phyid, d_phyid;  // in the source key
-    int32_t mtp_status;         // of the mirror-target key
-    uint32_t mtp_d_phyid;       // in it
-    size_t translations, mtp_translations;
-  } rows[] = {
-      {5, 9, 0, 0, 0, 0, 1005, 1009, 0, 1009, 2, 1},
-      {0, 9, 0, 0, 0, 0, 0, 1009, 0, 1009, 1, 1},
-      {5, 0, 0, 0, 0, 0, 1005, 0, 0, 0, 1, 0},
-      {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-      {5, group, 5, 0, 0, 0, 1005, group, 0, group, 1, 0},
-      {0, group, 5, 0, -2, 0, 0, group, 0, group, 0, 0},
-      {5, 0, 5, 0, 0, 0, 1005, 0, 0, 0, 1, 0},
-      {5, group, 4, 0, 0, 0, 1005, group + 1000, 0, group + 1000, 2, 1},
-      {5, 9, 0, -3, 0, -3, kept, kept, 0, 1009, 1, 1},
-      {5, 9, 0, 0, -4, -4, kept, kept, -4, kept, 2, 1},
-      {5, 9, 0, -3, -4, -3, kept, kept, -4, kept, 1, 1},
-  };
-  lspan_zlog_level = 0;
-  for (const auto &row : rows) {
-    SCOPED_TRACE(&row - rows);
-    recording::reset();
-    recording::translation_fails(row.s_ifx, row.s_code);
-    if (row.d_ifx != 0) recording::translation_fails(row.d_ifx, row.d_code);
-    span_info info = full_member();
-    info.s_ifx = row.s_ifx;
-    info.d_ifx = row.d_ifx;
-    info.module_type = row.module_type;
-    UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
-    key.s_phyid = key.d_phyid = kept;
-    EXPECT_EQ(row.status, ko_span_fill_src_info_key(&info, &key));
-    EXPECT_EQ(row.translations, recording::take_trace().size());
-    EXPECT_EQ(row.s_phyid, key.s_phyid);
-    EXPECT_EQ(row.d_phyid, key.d_phyid);
-    EXPECT_STREQ(row.status == 0 ? "ko_lspan" : "", key.t_user);
-    UMonitor__SpanMtpInfoIndex mtp_key = U_MONITOR__SPAN_MTP_INFO_INDEX__INIT;
-    mtp_key.d_phyid = kept;
-    EXPECT_EQ(row.mtp_status, ko_span_fill_mtp_info_key(&info, &mtp_key));
-    EXPECT_EQ(row.mtp_translations, recording::take_trace().size());
-    EXPECT_EQ(row.mtp_d_phyid, mtp_key.d_phyid);
-    EXPECT_STREQ(row.mtp_status == 0 ? "ko_lspan" : "", mtp_key.t_user);
-  }
-}
-
-TEST_F(Span, TranslationLeavesWhatItDidNotReach) {
-  uint32_t s_phyid = 77, d_phyid = 78;
-  recording::translation_fails(5, -3);
-  EXPECT_EQ(-3, ko_span_trans_mirror_ifx_to_phyid(5, 9, &s_phyid, &d_phyid));
-  EXPECT_EQ(78U, d_phyid);
-  EXPECT_EQ(-3, ko_span_trans_mirror_ifx_to_phyid(9, 5, &s_phyid, &d_phyid));
-  EXPECT_EQ(1009U, s_phyid);
-  EXPECT_EQ(78U, d_phyid);
-}
-
 TEST_F(Span, AnySwitchButZeroGivesLearningBack) {
   for (const uint32_t on : {1U, 2U, UINT32_MAX}) {
     ko_lspan_mtp_info_switch(9, on);
@@ -286,143 +223,22 @@ TEST_F(Span, MoreVlanWordsThanAMemberHolds) {
 
 // ---- layout of what travels between the units ----
 
-constexpr bool in_order(std::initializer_list<size_t> offsets) {
-  return std::adjacent_find(offsets.begin(), offsets.end(), std::greater_equal<>()) == offsets.end();
-}
-
 template <typename Field>
 constexpr bool is_words(size_t count) {
   return sizeof(Field) == count * sizeof(uint32_t);
 }
 
-#define AT(field) offsetof(HERE, field)
-#define HERE span_info
-static_assert(in_order({AT(t_user), AT(session_num), AT(s_ifx), AT(d_ifx), AT(dir), AT(module_type), AT(role),
-                        AT(apply_type), AT(acl_id), AT(sample_rate), AT(n_vlan_map), AT(vlan_map), AT(rspan_vlan),
-                        AT(ip_head), AT(mtp_switch), AT(src_is_subif)}));
-static_assert(is_words<decltype(HERE::vlan_map)>(128) && is_words<decltype(HERE::ip_head)>(5));
-static_assert(AT(rspan_vlan) - AT(session_num) == 138 * sizeof(uint32_t), "numbers of 32 bits, without gaps");
-static_assert(sizeof(HERE::mtp_switch) == 1 && sizeof(HERE::src_is_subif) == 1);
-#undef HERE
-#define HERE mirror_info
-static_assert(in_order({AT(link), AT(session_id), AT(mod_type), AT(src_list), AT(dst_list), AT(mtp_list)}) &&
-              AT(link) == 0);
-#undef HERE
-#define HERE src_info
-static_assert(in_order({AT(link), AT(s_phyid), AT(d_phyid), AT(dir), AT(apply_type), AT(acl_id), AT(vlan_map)}) &&
-              AT(link) == 0);
-static_assert(is_words<decltype(HERE::vlan_map)>(128) && AT(vlan_map) - AT(s_phyid) == 5 * sizeof(uint32_t));
-#undef HERE
-#define HERE dst_info
-static_assert(in_order({AT(link), AT(dir), AT(acl_id), AT(s_phyid), AT(d_phyid), AT(sample_rate)}) && AT(link) == 0);
-#undef HERE
-#define HERE mtp_info
-static_assert(in_order({AT(link), AT(session_id), AT(d_phyid), AT(mtp_switch), AT(module_type), AT(role), AT(mtp_type),
-                        AT(rspan_vlan), AT(ip_head), AT(d_ifx)}) &&
-              AT(link) == 0);
-static_assert(sizeof(HERE::mtp_switch) == 1 && AT(ip_head) - AT(session_id) == 7 * sizeof(uint32_t));
-#undef HERE
+#define WORDS_BETWEEN(type, first, last) ((offsetof(type, last) - offsetof(type, first)) / sizeof(uint32_t))
+static_assert(is_words<decltype(span_info::vlan_map)>(128) && is_words<decltype(span_info::ip_head)>(5));
+static_assert(WORDS_BETWEEN(span_info, session_num, rspan_vlan) == 138);
+static_assert(is_words<decltype(src_info::vlan_map)>(128) && WORDS_BETWEEN(src_info, s_phyid, vlan_map) == 5);
+static_assert(WORDS_BETWEEN(mtp_info, session_id, ip_head) == 7);
+static_assert(sizeof(span_info::mtp_switch) == 1 && sizeof(span_info::src_is_subif) == 1 &&
+              sizeof(mtp_info::mtp_switch) == 1);
+static_assert(offsetof(mirror_info, link) == 0 && offsetof(src_info, link) == 0 && offsetof(dst_info, link) == 0 &&
+              offsetof(mtp_info, link) == 0);
 
 // ---- schemas ----
-
-std::string field_text(const ProtobufCMessageDescriptor &message, const ProtobufCFieldDescriptor &field) {
-  std::string text = std::to_string(field.id) + ' ' + field.name + ' ';
-  switch (field.type) {
-    case PROTOBUF_C_TYPE_UINT32:
-      text += "uint32";
-      break;
-    case PROTOBUF_C_TYPE_STRING:
-      text += "string";
-      break;
-    case PROTOBUF_C_TYPE_BYTES:
-      text += "bytes";
-      break;
-    case PROTOBUF_C_TYPE_ENUM:
-      text += static_cast<const ProtobufCEnumDescriptor *>(field.descriptor)->name;
-      break;
-    case PROTOBUF_C_TYPE_MESSAGE:
-      text += static_cast<const ProtobufCMessageDescriptor *>(field.descriptor)->name;
-      break;
-    default:
-      text += "?";
-  }
-  if (field.label == PROTOBUF_C_LABEL_REPEATED)
-    text += (field.flags & PROTOBUF_C_FIELD_FLAG_PACKED) != 0 ? "[]" : "[?]";
-  if (field.label != PROTOBUF_C_LABEL_REPEATED && field.label != PROTOBUF_C_LABEL_NONE) text += " with presence";
-  const uint32_t word = schema_attribute(&message, &field);
-  return text + (word == 0 ? "" : " @" + std::to_string(word));
-}
-
-TEST(Schemas, FieldsOfEveryMessage) {
-  const std::pair<const ProtobufCMessageDescriptor *, const char *> rows[] = {
-      {&u_monitor__mirror_index__descriptor,
-       "1 t_user string @1, 2 session_num uint32, 3 s_ifx uint32, 4 d_ifx uint32, 5 dir uint32, "
-       "6 acl_id uint32"},
-      {&u_monitor__span_src_info_index__descriptor,
-       "1 t_user string @1, 2 session_id uint32, 3 s_phyid uint32, 4 d_phyid uint32, 5 dir uint32, "
-       "6 acl_id uint32"},
-      {&u_monitor__span_mtp_info_index__descriptor, "1 t_user string @1, 2 session_id uint32, 3 d_phyid uint32"},
-      {&u_bridge__udp_pt_learn_index__descriptor, "1 t_app_name string @1, 2 t_ifx uint32 @1"},
-      {&p_intf__intfindex__descriptor, "1 index uint32"},
-      {&u_monitor__mirror_lspan_info__descriptor,
-       "5 index u_monitor.mirror_index @2, 6 module_type u_monitor.mirror_module, "
-       "7 role u_monitor.mirror_role, 8 apply_type u_monitor.mirror_type, 9 mtp_switch uint32, "
-       "10 vlan_map uint32[], 11 sample_rate uint32"},
-      {&p_policy__data_intf_conf__descriptor, "5 index p_intf.intfindex @2, 6 group_id uint32"},
-      {&u_monitor__mirror_result_info__descriptor,
-       "5 index u_monitor.mirror_index @2, 6 result uint32, 7 msg_type uint32"},
-      {&u_monitor__span_port_src_info__descriptor,
-       "5 index u_monitor.span_src_info_index @2, 6 module_type u_monitor.mirror_module, "
-       "7 role u_monitor.mirror_role"},
-      {&u_monitor__span_acl_src_info__descriptor,
-       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, "
-       "8 sample_rate uint32, 9 src_is_subif uint32, 10 src_main_phyid uint32"},
-      {&u_monitor__span_vlan_src_info__descriptor,
-       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, 8 vlan_map uint32[]"},
-      {&u_monitor__span_dst_info__descriptor,
-       "5 index u_monitor.span_src_info_index @2, 6 module_type uint32, 7 role uint32, 8 apply_type uint32, "
-       "9 sample_rate uint32, 10 arp_lif uint32, 11 ip4_lif uint32, 12 out_lif uint32, "
-       "14 src_is_subif uint32, 15 src_main_phyid uint32"},
-      {&u_monitor__span_vlan_dst_info__descriptor, "5 index u_monitor.span_src_info_index @2, 6 rspan_vlan uint32"},
-      {&u_monitor__span_ip_info__descriptor,
-       "5 src_ip uint32, 6 dst_ip uint32, 7 ttl uint32, 8 dscp uint32, 9 vrf uint32"},
-      {&u_monitor__span_ip_dst_info__descriptor,
-       "5 index u_monitor.span_src_info_index @2, 6 ip_head u_monitor.span_ip_info, 7 src_is_subif uint32, "
-       "8 src_main_phyid uint32"},
-      {&u_monitor__span_mtp_info__descriptor,
-       "5 index u_monitor.span_mtp_info_index @2, 6 module_type uint32, 7 role uint32, 8 mtp_switch uint32, "
-       "9 arp_lif uint32, 10 ip4_lif uint32, 11 out_lif uint32"},
-      {&u_monitor__span_vlan_mtp_info__descriptor, "5 index u_monitor.span_mtp_info_index @2, 6 rspan_vlan uint32"},
-      {&u_monitor__span_ip_mtp_info__descriptor,
-       "5 index u_monitor.span_mtp_info_index @2, 6 ip_head u_monitor.span_ip_info"},
-      {&u_bridge__udp_pt_learn__descriptor, "5 index u_bridge.udp_pt_learn_index @2, 6 learn string"},
-      {&u_bridge__udp_flushdyn__descriptor,
-       "5 mac p_libpub.mac @32, 6 port_type uint32, 7 ifx uint32, 8 vid uint32, 9 flag uint32, "
-       "10 vbmp uint32[], 11 brg_type uint32, 12 subport uint32"},
-      {&p_libpub__mac__descriptor, "1 data bytes"}};
-  for (const auto &[message, expected] : rows) {
-    std::string text;
-    for (unsigned i = 0; i < message->n_fields; ++i)
-      text += (i == 0 ? "" : ", ") + field_text(*message, message->fields[i]);
-    EXPECT_EQ(expected, text) << message->name;
-  }
-}
-
-TEST(Schemas, ValuesOfEveryEnum) {
-  const std::pair<const ProtobufCEnumDescriptor *, lines> rows[] = {
-      {&u_monitor__mirror_module__descriptor,
-       {"USER", "SFLOW", "IPFIX", "CPU", "OPEN_FLOW", "GROUP", "MOD_TYPE_COUNT"}},
-      {&u_monitor__mirror_role__descriptor,
-       {"LOCALSPAN_SRC", "LOCALSPAN_DST", "RSPAN_SRC", "RSPAN_DST", "ERSPAN_SRC", "ERSPAN_DST"}},
-      {&u_monitor__mirror_type__descriptor, {"PORT", "POLICY", "VLAN", "VLAN_FILTER"}}};
-  for (const auto &[type, names] : rows) {
-    ASSERT_EQ(names.size(), type->n_values);
-    for (unsigned i = 0; i < type->n_values; ++i) {
-      EXPECT_EQ(names[i], type->values[i].name);
-      EXPECT_EQ(static_cast<int>(i), type->values[i].value);
-    }
-  }
-}
 
 std::vector<uint8_t> packed(const ProtobufCMessage &message) {
   std::vector<uint8_t> bytes(protobuf_c_message_get_packed_size(&message));
