@@ -355,7 +355,7 @@ TEST_F(startup, process_names) {
   }
 }
 
-const string open_store = "vx_mom_ab_init(null, \"ko_lspan\", {0 0})\n",
+const string open_store = "vx_mom_ab_init(null, \"ko_lspan\", 0, 0)\n",
              redundancy =
                  "rdnd_lib_mom_reg(\"ko_lspan\", instance, context, ko_lspan_mom_rdnd_awake_cb, "
                  "ko_lspan_mom_rdnd_awake_cb, 0, 0, 0, [4 8 6])\n";
@@ -385,7 +385,7 @@ outcome live(const std::function<void()> &found) {
 
 const string woken = R"(vx_global_run(context)
 libddm_init(context, "ko_lspan")
-vx_mom_reg_ds(3 inputs, 7 outputs)
+vx_mom_reg_ds(sources, 3, 7)
   input 0 CONF_DB u_monitor.mirror_lspan_info {t_user="ko_lspan"} enabled=1 output=0
   input 1 CONF_DB p_policy.data_intf_conf {} enabled=1 output=0
   input 2 UDP_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=0
@@ -396,14 +396,14 @@ vx_mom_reg_ds(3 inputs, 7 outputs)
   output 4 UDP_DB u_monitor.span_mtp_info {t_user="ko_lspan"} enabled=1 output=1
   output 5 CONF_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=1
   output 6 FWD_DB u_bridge.udp_pt_learn {t_app_name="ko_lspan"} enabled=1 output=1
-vx_mom_set_ds_opt(77, 2, 1)
+vx_mom_set_ds_opt(sources, 77, 2, 1)
 info ko_lspan_mom_rdnd_awake_cb: vx_mom_set_ds_opt init sucess\r\n
-vx_mom_reg_key_event(CONF_DB u_monitor.mirror_lspan_info, 0, ko_lspan_info_handle, null)
-vx_mom_reg_key_event(CONF_DB p_policy.data_intf_conf, 0, ko_lspan_outgrb_handle, null)
-vx_mom_reg_key_event(UDP_DB u_monitor.mirror_result_info, 0, ko_lspan_mom_result_info_set, null)
-vx_mom_reg_key_event(CONF_DB u_monitor.mirror_lspan_info, 1, ko_lspan_info_handle, null)
-vx_mom_reg_key_event(CONF_DB p_policy.data_intf_conf, 1, ko_lspan_outgrb_handle, null)
-vx_mom_reg_all_ds_event(0, ko_lspan_all_ds_over_handler, null)
+vx_mom_reg_key_event(sources, CONF_DB u_monitor.mirror_lspan_info, 0, ko_lspan_info_handle, null)
+vx_mom_reg_key_event(sources, CONF_DB p_policy.data_intf_conf, 0, ko_lspan_outgrb_handle, null)
+vx_mom_reg_key_event(sources, UDP_DB u_monitor.mirror_result_info, 0, ko_lspan_mom_result_info_set, null)
+vx_mom_reg_key_event(sources, CONF_DB u_monitor.mirror_lspan_info, 1, ko_lspan_info_handle, null)
+vx_mom_reg_key_event(sources, CONF_DB p_policy.data_intf_conf, 1, ko_lspan_outgrb_handle, null)
+vx_mom_reg_all_ds_event(sources, 0, ko_lspan_all_ds_over_handler, null)
 rv=0
 info ko_lspan_all_ds_over_handler: lspan ds over.\r\n
 vx_global_finish(context)
@@ -462,11 +462,11 @@ TEST_F(startup, each_failure) {
       expected += " = -1000" + whole.substr(at);
       expected.replace(expected.find("77"), 2, std::to_string(UINT32_MAX - 999));
     }
-    const outcome out = live([k = ++k] { recording::fail_any(k, -1000); });
+    const outcome out = live([k = ++k] { recording::fail("", k, -1000); });
     EXPECT_EQ(out.status, row.status) << row.call;
     EXPECT_EQ(out.trace, expected);
   }
-  EXPECT_EQ(live([&] { recording::fail_any(k + 1, -1000); }).trace, whole) << "a call that is not in the table";
+  EXPECT_EQ(live([&] { recording::fail("", k + 1, -1000); }).trace, whole) << "a call that is not in the table";
   const string no_table = dl + ham + app + open_store + "error ko_lspan_mom_init: outgrb hash init fail\n";
   for (k = 1; k <= 6; ++k) {
     const uint64_t n = (k + 1) / 2;

@@ -9,37 +9,15 @@
 namespace driver {
 namespace {
 
-int32_t send(const member &what, uint32_t is_del) {
+UMonitor__MirrorIndex index_of(const member &what, char *user) {
   UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
-  char owner[] = "cli";
-  index.t_user = owner;
+  index.t_user = user;
   index.session_num = what.session;
   index.s_ifx = what.s;
   index.d_ifx = what.d;
   index.dir = what.dir;
   index.acl_id = what.acl;
-  UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
-  record.index = &index;
-  record.module_type = static_cast<UMonitor__MirrorModule>(what.module);
-  record.role = static_cast<UMonitor__MirrorRole>(what.role);
-  record.apply_type = static_cast<UMonitor__MirrorType>(what.apply);
-  record.mtp_switch = what.mtp_switch;
-  record.sample_rate = what.rate;
-  std::vector<uint32_t> words = what.vlan;
-  record.n_vlan_map = words.size();
-  record.vlan_map = words.data();
-  return ko_lspan_info_handle(nullptr, is_del, &record);
-}
-
-int32_t send_membership(uint32_t ifx, uint32_t group_id, uint32_t is_del) {
-  PIntf__Intfindex index = P_INTF__INTFINDEX__INIT;
-  index.index = ifx;
-  PPolicy__DataIntfConf record = P_POLICY__DATA_INTF_CONF__INIT;
-  record.index = &index;
-  record.group_id = group_id;
-  const int32_t status = ko_lspan_outgrb_handle(nullptr, is_del, &record);
-  note_membership(ifx, group_id, is_del != 0, status);
-  return status;
+  return index;
 }
 
 }  // namespace
@@ -54,36 +32,41 @@ void reset() {
   lspan_zlog_level = 1;
 }
 
-int32_t set_member(const member &what) {
+int32_t member_event(const member &what, bool is_del) {
+  char user[] = "cli";
+  UMonitor__MirrorIndex index = index_of(what, user);
+  UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
+  record.index = &index;
+  record.module_type = static_cast<UMonitor__MirrorModule>(what.module);
+  record.role = static_cast<UMonitor__MirrorRole>(what.role);
+  record.apply_type = static_cast<UMonitor__MirrorType>(what.apply);
+  record.mtp_switch = what.mtp_switch;
+  record.sample_rate = what.rate;
+  record.n_vlan_map = what.vlan.size();
+  record.vlan_map = const_cast<uint32_t *>(what.vlan.data());
   const uint64_t failures = recording::failure_count();
-  const int32_t status = send(what, 0);
-  note_saved(what.session, recording::failure_count() != failures);
+  const int32_t status = ko_lspan_info_handle(nullptr, is_del, &record);
+  note_saved(what.session, !is_del && recording::failure_count() != failures);
   return status;
 }
 
-int32_t del_member(const member &what) {
-  const int32_t status = send(what, 1);
-  note_saved(what.session, false);
+int32_t group_event(uint32_t ifx, uint32_t group_id, bool is_del) {
+  PIntf__Intfindex index = P_INTF__INTFINDEX__INIT;
+  index.index = ifx;
+  PPolicy__DataIntfConf record = P_POLICY__DATA_INTF_CONF__INIT;
+  record.index = &index;
+  record.group_id = group_id;
+  const int32_t status = ko_lspan_outgrb_handle(nullptr, is_del, &record);
+  note_membership(ifx, group_id, is_del, status);
   return status;
 }
 
-int32_t join(uint32_t ifx, uint32_t group_id) { return send_membership(ifx, group_id, 0); }
-
-int32_t leave(uint32_t ifx, uint32_t group_id) { return send_membership(ifx, group_id, 1); }
-
-int32_t report(const result &what) {
-  UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
-  std::string user = what.user;
-  index.t_user = user.data();
-  index.session_num = what.session;
-  index.s_ifx = what.s;
-  index.d_ifx = what.d;
-  index.dir = what.dir;
-  index.acl_id = what.acl;
+int32_t result_event(const member &of, std::string user, uint32_t result, uint32_t msg_type) {
+  UMonitor__MirrorIndex index = index_of(of, user.data());
   UMonitor__MirrorResultInfo record = U_MONITOR__MIRROR_RESULT_INFO__INIT;
   record.index = &index;
-  record.result = what.code;
-  record.msg_type = what.msg_type;
+  record.result = result;
+  record.msg_type = msg_type;
   return ko_lspan_mom_result_info_set(nullptr, 0, &record);
 }
 

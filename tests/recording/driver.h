@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "daemon_state.h"
@@ -17,23 +18,16 @@ struct member {
   std::vector<uint32_t> vlan;
 };
 
-struct result {
-  const char *user = "du_span";
-  uint32_t session = 0, s = 0, d = 0, dir = 0, acl = 0;
-  uint32_t code = 0, msg_type = 0;
-};
-
 constexpr uint32_t group_target(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
 
 // Puts recording platform and daemon where main has them when the first event arrives: nothing known, log level 1.
 // Frees what the daemon had, so that it can be called between any two events, and at the end for the leak checker.
 void reset();
 
-// Events. Each returns the handler's status.
-int32_t set_member(const member &what);
-int32_t del_member(const member &what);
-int32_t join(uint32_t ifx, uint32_t group_id);  // a set event of the membership record
-int32_t leave(uint32_t ifx, uint32_t group_id = 0);
-int32_t report(const result &what);
+// Events: a member is configured or deleted, an interface joins a group or leaves, a result of `user` comes for the
+// member with that key. Each returns the handler's status.
+int32_t member_event(const member &what, bool is_del);
+int32_t group_event(uint32_t ifx, uint32_t group_id, bool is_del);
+int32_t result_event(const member &of, std::string user, uint32_t result, uint32_t msg_type);
 
 }  // namespace driver

@@ -19,7 +19,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,33 +31,27 @@
 
 namespace recording {
 
-// Forgets trace, store, scripted answers, translations, registrations and counters; the trace and the store are on,
-// list calls are not recorded, no allocation fails.
+// Forgets trace, store, scripted answers, translations, registrations and counters; the trace is on, list calls are not
+// recorded, no allocation fails.
 void reset();
 
 // ---- trace ----
 
 void trace_on(bool on);             // off: no text is made at all
-void store_on(bool on);             // off: the record calls answer but leave nothing behind
 void record_lists(bool on);         // mirror_list_... calls come into the trace, too
 std::vector<std::string> &trace();  // what was recorded since reset or take_trace
 std::vector<std::string> take_trace();
 void note(std::string line);  // puts a line of the test's own into the trace, when it is on
 
-uint64_t call_count();    // platform calls that can be made to fail, since reset
 uint64_t format_count();  // at_snprintf calls since reset
 
 // ---- scripted answers ----
 
-// The `k`-th next call (1: the next one) of `function` answers `code` and does nothing. Pointers answered are null,
-// vx_mom_reg_ds answers the code itself, mirror_list_add_... null for any code but 0. Several may wait at once.
-// An unknown name ends the program.
+// The `k`-th next call (1: the next one) of `function` answers `code` and does nothing; "": of any function that can
+// fail. Pointers answered are null, vx_mom_reg_ds answers the code itself. Several may wait at once.
 void fail(std::string_view function, uint64_t k, int32_t code);
 
-// The `k`-th next platform call of any kind that can fail does so; 0: none.
-void fail_any(uint64_t k, int32_t code);
-
-void fail_none();           // takes back what has not happened yet
+void fail_none();           // takes back what has not happened yet, refused allocations included
 size_t pending_failures();  // scripted answers that have not been given yet
 
 // Failures met since reset: scripted answers other than 0, failed translations, refused allocations.
@@ -77,10 +70,6 @@ uint64_t alloc_count();  // allocations asked for since alloc_fail_at or reset, 
 
 // ---- store ----
 
-// Database id -> full message name -> packed key -> packed record.
-using store_contents =
-    std::map<uint32_t, std::map<std::string, std::map<std::string, std::string, std::less<>>, std::less<>>>;
-const store_contents &store();
 std::vector<std::string> store_text();  // one line per record: "UDP_DB u_monitor.span_mtp_info {...} role=1"
 
 // ---- start-up ----
@@ -89,7 +78,7 @@ vx_global *global();                           // the context that vx_mom_ab_ini
 vx_zlog_category *category(const char *name);  // as vx_zlog_init, without recording or failing
 
 // Makes `pointer` appear under `name` in the trace (callbacks and the like); others appear as "?".
-void name_pointer(const void *pointer, std::string name);
+void name_pointer(const void *pointer, const std::string &name);
 
 // What vx_global_run does before it returns.
 void on_run(std::function<void()> body);
@@ -97,8 +86,7 @@ void on_run(std::function<void()> body);
 // The wake-up callback of the last rdnd_lib_mom_reg, or null.
 rdnd_awake_cb awake();
 
-// The handler registered for events of `kind` of `message` in `db_id`, or null.
-vx_mom_event_cb handler(uint32_t db_id, std::string_view message, uint32_t kind);
+// The handler of the last vx_mom_reg_all_ds_event, or null.
 vx_mom_all_ds_cb all_ds_handler();
 
 }  // namespace recording
