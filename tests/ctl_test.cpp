@@ -319,11 +319,11 @@ TEST_F(ctl, files_bring_the_store_to_what_they_say) {
   EXPECT_EQ(exported.says.substr(0, exported.says.find("},") + 1), "{\n  \"sessions\": [\n    " + one);
   file("same.json", exported.says);
   file("all.json", tool("session export --all-owners").says);
-  file("next.json", R"({"sessions":[{"session":1,"source":5,"target":9,"vlan_map":[2,0]},)"
+  file("next.json", R"({"sessions":[{"session":1,"source":5,"target":9,"vlan_map":[2,0,0]},)"
                     R"({"session":3,"target":"group:2","direction":7,"learning":5,"role":9}]})");
   const std::string plan =
       "delete  session 2, none -> group:2, both\n"
-      "change  session 1, ge5 -> ge9, both: apply_type: PORT -> VLAN, vlan_map: - -> [2,0], sample_rate: 64 -> 0\n"
+      "change  session 1, ge5 -> ge9, both: apply_type: PORT -> VLAN, vlan_map: - -> [2,0,0], sample_rate: 64 -> 0\n"
       "add     session 3, none -> group:2, 7\n";
   expect({
       {"session apply DIR/same.json", 0, "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
@@ -334,6 +334,7 @@ TEST_F(ctl, files_bring_the_store_to_what_they_say) {
   EXPECT_EQ(box_.dump(), before);
   expect({{"session apply DIR/next.json", 0,
            "1 added, 1 changed, 1 deleted, 0 unchanged (1 of other owners left alone)\n"}});
+  expect_whole_json();
   file("again.json", tool("session export").says);  // also what no list of VLANs and no name says
   expect({{"session apply DIR/again.json", 0,
            "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},

@@ -74,25 +74,22 @@ class model {
       dst.module_type = what.module, dst.role = what.role;
       dst.apply_type = what.apply, dst.sample_rate = what.sample;
       put(udp_db, dst);
-      if (what.apply == U_MONITOR__MIRROR_TYPE__PORT) {
-        UMonitor__SpanPortSrcInfo src = U_MONITOR__SPAN_PORT_SRC_INFO__INIT;
+      const auto put_source = [&](auto src) {
         src.index = &index;
-        src.module_type = static_cast<UMonitor__MirrorModule>(what.module);
-        src.role = static_cast<UMonitor__MirrorRole>(what.role);
+        src.module_type = static_cast<decltype(src.module_type)>(what.module);
+        src.role = static_cast<decltype(src.role)>(what.role);
         put(udp_db, src);
-      } else if (what.apply == U_MONITOR__MIRROR_TYPE__POLICY) {
-        UMonitor__SpanAclSrcInfo src = U_MONITOR__SPAN_ACL_SRC_INFO__INIT;
-        src.index = &index;
-        src.module_type = what.module, src.role = what.role;
-        put(udp_db, src);
-      } else {
-        std::vector<uint32_t> words = what.vlans;
-        UMonitor__SpanVlanSrcInfo src = U_MONITOR__SPAN_VLAN_SRC_INFO__INIT;
-        src.index = &index;
-        src.module_type = what.module, src.role = what.role;
-        src.n_vlan_map = words.size(), src.vlan_map = words.data();
-        put(udp_db, src);
-      }
+      };
+      UMonitor__SpanPortSrcInfo port = U_MONITOR__SPAN_PORT_SRC_INFO__INIT;
+      UMonitor__SpanAclSrcInfo acl = U_MONITOR__SPAN_ACL_SRC_INFO__INIT;
+      UMonitor__SpanVlanSrcInfo vlan = U_MONITOR__SPAN_VLAN_SRC_INFO__INIT;
+      vlan.n_vlan_map = what.vlans.size(), vlan.vlan_map = const_cast<uint32_t *>(what.vlans.data());
+      if (what.apply == U_MONITOR__MIRROR_TYPE__PORT)
+        put_source(port);
+      else if (what.apply == U_MONITOR__MIRROR_TYPE__POLICY)
+        put_source(acl);
+      else
+        put_source(vlan);
     }
     const auto learns_not = [&](uint32_t ifx) {
       UBridge__UdpPtLearnIndex index = U_BRIDGE__UDP_PT_LEARN_INDEX__INIT;

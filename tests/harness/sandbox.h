@@ -62,7 +62,6 @@ class client {
 
   // Runs a command and gives its answer as text: elements of an array a line each, "(nil)", "(error) ...".
   std::string run(const std::vector<std::string> &words);
-  bool connected() const;
 
  private:
   redisContext *context_;
