@@ -146,6 +146,27 @@ TEST(announcements, any_order_any_number_and_a_lost_one) {
   }
 }
 
+// A member is deleted, and what the daemon wrote of it got lost. Its result goes after all, unless the member is back.
+TEST(writes, lost_ones_are_decided_anew) {
+  world &w = the_world();
+  for (const bool comes_back : {false, true}) {
+    const record gone = result(numbered(0), 1);
+    w.put(session(numbered(0))), w.put(gone);
+    w.turn();
+    const world::contents whole = w.outputs();
+    w.wire->loses = true;
+    w.put(session(numbered(0)), change_kind::del);
+    w.turn();
+    w.wire->loses = false;
+    if (comes_back) w.put(session(numbered(0)));
+    w.wire->reconnect();
+    w.turn();
+    EXPECT_EQ(w.store->records(gone.db, gone.type->name).contains(gone.key), comes_back);
+    EXPECT_EQ(w.outputs() == whole, comes_back);
+    w.clear();
+  }
+}
+
 // Whether a record may stand under its key, by protobuf-c alone.
 bool is_sound(const record &what) {
   const message_ptr message = unpack(*what.type, what.bytes);
