@@ -106,7 +106,7 @@ void outrun_daemon(sandbox &box) {
 
 void write_garbage(sandbox &box) {
   const record good = session(numbered(1));
-  const std::string large(1 << 20, 'x');
+  const std::string large(1 << 17, 'x');
   producer others(box.socket());
   others.raw(4, good.type->name, "stored", "garbage");
   others.raw(8, "u_monitor.mirror_result_info", large, "");
