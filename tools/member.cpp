@@ -35,9 +35,9 @@ change make_change(const member &what, ko_store::change_kind kind) {
   UMonitor__MirrorIndex index = index_of(what.key);
   UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
   record.index = &index;
-  record.module_type = static_cast<UMonitor__MirrorModule>(what.module_type);
-  record.role = static_cast<UMonitor__MirrorRole>(what.role);
-  record.apply_type = static_cast<UMonitor__MirrorType>(what.apply_type);
+  ko_span_set_enum(&record.module_type, what.module_type);
+  ko_span_set_enum(&record.role, what.role);
+  ko_span_set_enum(&record.apply_type, what.apply_type);
   record.mtp_switch = what.mtp_switch;
   record.n_vlan_map = what.vlan_map.size();
   record.vlan_map = const_cast<uint32_t *>(what.vlan_map.data());
@@ -48,9 +48,9 @@ change make_change(const member &what, ko_store::change_kind kind) {
 member from_record(const UMonitor__MirrorLspanInfo &record) {
   member what;
   what.key = key_from(*record.index);
-  what.module_type = record.module_type;
-  what.role = record.role;
-  what.apply_type = record.apply_type;
+  what.module_type = ko_span_enum_number(record.module_type);
+  what.role = ko_span_enum_number(record.role);
+  what.apply_type = ko_span_enum_number(record.apply_type);
   what.mtp_switch = record.mtp_switch;
   what.vlan_map.assign(record.vlan_map, record.vlan_map + record.n_vlan_map);
   what.sample_rate = record.sample_rate;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "mirror_list.h"
 #include "u_monitor.pb-c.h"
@@ -44,6 +45,21 @@ struct span_info {
   uint8_t mtp_switch;                    // 1: the target keeps learning, 0: it stops
   uint8_t src_is_subif;                  // 0
 };
+
+// An enumerated field of a record holds whatever 32 bits were received, also numbers that its type has no room for. It
+// is read and written by these, never as a value of that type.
+template <typename Enumeration>
+uint32_t ko_span_enum_number(const Enumeration &field) {
+  uint32_t number;
+  static_assert(sizeof(field) == sizeof(number));
+  memcpy(&number, &field, sizeof(number));
+  return number;
+}
+template <typename Enumeration>
+void ko_span_set_enum(Enumeration *field, uint32_t number) {
+  static_assert(sizeof(*field) == sizeof(number));
+  memcpy(field, &number, sizeof(number));
+}
 
 // Whether the member's target is an outflow group.
 inline bool ko_span_targets_group(const span_info *info) {

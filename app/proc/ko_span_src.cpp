@@ -78,8 +78,8 @@ int32_t ko_span_mom_src_set(vx_global *store, const span_info *info, uint32_t is
 
 int32_t ko_span_mom_port_src_set(vx_global *store, const span_info *info, uint32_t is_del) {
   return ko_span_write_record(store, info, is_del, port_src, [info](UMonitor__SpanPortSrcInfo *record) {
-    record->module_type = static_cast<UMonitor__MirrorModule>(info->module_type);
-    record->role = static_cast<UMonitor__MirrorRole>(info->role);
+    ko_span_set_enum(&record->module_type, info->module_type);
+    ko_span_set_enum(&record->role, info->role);
     return 0;
   });
 }

@@ -71,7 +71,10 @@ void random_events::restart() {
 
 std::string random_events::step() {
   if (one_in(1000)) restart();
-  if (one_in(500)) lspan_zlog_level = below(6);
+  if (one_in(500)) {
+    lspan_zlog_level = below(6);
+    lspan_global.zlog_category = one_in(4) ? nullptr : recording::category("ko_lspan");
+  }
   if (one_in(40)) draining_ = !one_in(3);  // sessions have to come to their end, too
   if (one_in(1500)) {
     const uint32_t ifx = 1 + below(interfaces);

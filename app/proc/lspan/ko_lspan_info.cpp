@@ -16,9 +16,9 @@ span_info fill_span_info(const UMonitor__MirrorLspanInfo *lspan_info) {
   info.s_ifx = index->s_ifx;
   info.d_ifx = index->d_ifx;
   info.dir = index->dir;
-  info.module_type = lspan_info->module_type;
-  info.role = lspan_info->role;
-  info.apply_type = lspan_info->apply_type;
+  info.module_type = ko_span_enum_number(lspan_info->module_type);
+  info.role = ko_span_enum_number(lspan_info->role);
+  info.apply_type = ko_span_enum_number(lspan_info->apply_type);
   info.acl_id = index->acl_id;
   info.sample_rate = lspan_info->sample_rate;
   info.n_vlan_map = static_cast<uint32_t>(std::min<size_t>(lspan_info->n_vlan_map, MIRROR_VLAN_WORDS));
@@ -53,8 +53,9 @@ void ko_lspan_dump_info(const UMonitor__MirrorLspanInfo *lspan_info) {
   const UMonitor__MirrorIndex *index = lspan_info->index;
   LSPAN_DEBUG(
       "session_id=%d, dir=%d, s_ifx=%d, d_ifx=%d, module_type=%d, role=%d, apply_type=%d mtp_switch=%d, acl_id=%d",
-      index->session_num, index->dir, index->s_ifx, index->d_ifx, lspan_info->module_type, lspan_info->role,
-      lspan_info->apply_type, lspan_info->mtp_switch, index->acl_id);
+      index->session_num, index->dir, index->s_ifx, index->d_ifx, ko_span_enum_number(lspan_info->module_type),
+      ko_span_enum_number(lspan_info->role), ko_span_enum_number(lspan_info->apply_type), lspan_info->mtp_switch,
+      index->acl_id);
 }
 
 // The member is recorded only when all its records were written. What was written before a failure stays.
