@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <sstream>
 
 #include "cli.h"
@@ -15,11 +14,6 @@ namespace {
 
 using namespace harness;
 using words = std::vector<std::string>;
-
-words split(const std::string &text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
-}
 
 // The rights of the sample's line for `user`; the parentheses of selectors are words of their own.
 words sample_rights(const std::string &user) {

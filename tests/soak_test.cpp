@@ -4,10 +4,7 @@
 //
 // SOAK_EVENTS (20000) and SOAK_SEED (1) in the environment choose another run. From a million events on the daemon's
 // resident memory must stay where it is.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -77,25 +74,22 @@ class model {
       dst.module_type = what.module, dst.role = what.role;
       dst.apply_type = what.apply, dst.sample_rate = what.sample;
       put(udp_db, dst);
-      if (what.apply == U_MONITOR__MIRROR_TYPE__PORT) {
-        UMonitor__SpanPortSrcInfo src = U_MONITOR__SPAN_PORT_SRC_INFO__INIT;
+      const auto put_source = [&](auto src) {
         src.index = &index;
-        src.module_type = static_cast<UMonitor__MirrorModule>(what.module);
-        src.role = static_cast<UMonitor__MirrorRole>(what.role);
+        src.module_type = static_cast<decltype(src.module_type)>(what.module);
+        src.role = static_cast<decltype(src.role)>(what.role);
         put(udp_db, src);
-      } else if (what.apply == U_MONITOR__MIRROR_TYPE__POLICY) {
-        UMonitor__SpanAclSrcInfo src = U_MONITOR__SPAN_ACL_SRC_INFO__INIT;
-        src.index = &index;
-        src.module_type = what.module, src.role = what.role;
-        put(udp_db, src);
-      } else {
-        std::vector<uint32_t> words = what.vlans;
-        UMonitor__SpanVlanSrcInfo src = U_MONITOR__SPAN_VLAN_SRC_INFO__INIT;
-        src.index = &index;
-        src.module_type = what.module, src.role = what.role;
-        src.n_vlan_map = words.size(), src.vlan_map = words.data();
-        put(udp_db, src);
-      }
+      };
+      UMonitor__SpanPortSrcInfo port = U_MONITOR__SPAN_PORT_SRC_INFO__INIT;
+      UMonitor__SpanAclSrcInfo acl = U_MONITOR__SPAN_ACL_SRC_INFO__INIT;
+      UMonitor__SpanVlanSrcInfo vlan = U_MONITOR__SPAN_VLAN_SRC_INFO__INIT;
+      vlan.n_vlan_map = what.vlans.size(), vlan.vlan_map = const_cast<uint32_t *>(what.vlans.data());
+      if (what.apply == U_MONITOR__MIRROR_TYPE__PORT)
+        put_source(port);
+      else if (what.apply == U_MONITOR__MIRROR_TYPE__POLICY)
+        put_source(acl);
+      else
+        put_source(vlan);
     }
     const auto learns_not = [&](uint32_t ifx) {
       UBridge__UdpPtLearnIndex index = U_BRIDGE__UDP_PT_LEARN_INDEX__INIT;
@@ -192,17 +186,6 @@ class Soak : public testing::Test {
     }
   }
 
-  // A port of the loopback interface that nobody uses.
-  static uint16_t free_port() {
-    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-    socklen_t size = sizeof(address);
-    auto *as_any = reinterpret_cast<sockaddr *>(&address);
-    EXPECT_TRUE(bind(probe, as_any, size) == 0 && getsockname(probe, as_any, &size) == 0);
-    close(probe);
-    return ntohs(address.sin_port);
-  }
-
   double resident_bytes() {
     double pages = 0;
     std::istringstream(read_file("/proc/" + std::to_string(box_.daemon().pid()) + "/statm")) >> pages >> pages;
@@ -222,7 +205,7 @@ double mean(const std::vector<double> &of, size_t from, size_t to) {
 
 TEST_F(Soak, TheStoreHoldsWhatIsConfigured) {
   const uint64_t events = from_environment("SOAK_EVENTS", 20000);
-  const std::string port = std::to_string(free_port());
+  const std::string port = std::to_string(20'000 + getpid() % 10'000);  // below those that the kernel hands out
   box_.start_server({"--port", port, "--bind", "127.0.0.1"});
   box_.platform_file(R"({"store":{"host":"127.0.0.1","port":)" + port + R"(},"log":{"file":")" + box_.folder() +
                      R"(/log"}})");

@@ -24,7 +24,7 @@ void producer::append(const std::vector<std::string_view> &words) {
   ++unanswered_;
 }
 
-void producer::change(const ko_store::change &what) {
+void producer::change(const ko_store::change &what, const std::vector<std::string> &also) {
   std::string bytes;
   ko_store::append_announcement({what.kind, what.key, what.record}, bytes);
   const std::string_view name = what.hash.type->name;
@@ -33,6 +33,7 @@ void producer::change(const ko_store::change &what) {
   if (what.kind == ko_store::change_kind::set) append({"HSET", name, what.key, what.record});
   if (what.kind == ko_store::change_kind::del) append({"HDEL", name, what.key});
   append({"PUBLISH", ko_store::channel_name(what.hash.db, name), bytes});
+  if (!also.empty()) append({also.begin(), also.end()});
   append({"EXEC"});
 }
 
@@ -53,18 +54,6 @@ void producer::flush() {
                                                                         &freeReplyObject);
     if (owned->type == REDIS_REPLY_ERROR) throw std::runtime_error(owned->str);
   }
-}
-
-bool producer::stored(const record &what) {
-  append({"SELECT", std::to_string(what.db)});
-  flush();
-  append({"HEXISTS", what.type->name, what.key});
-  void *reply = nullptr;
-  if (redisGetReply(context_, &reply) != REDIS_OK) throw std::runtime_error(context_->errstr);
-  --unanswered_;
-  const std::unique_ptr<redisReply, decltype(&freeReplyObject)> owned(static_cast<redisReply *>(reply),
-                                                                      &freeReplyObject);
-  return owned->type == REDIS_REPLY_INTEGER && owned->integer == 1;
 }
 
 }  // namespace harness

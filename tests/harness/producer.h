@@ -20,14 +20,14 @@ class producer {
   producer &operator=(const producer &) = delete;
   ~producer();
 
-  // A transaction each. Sent at once by flush, which also waits for the answers and throws when one is an error.
-  void change(const ko_store::change &what);
+  // A transaction each, which ends with the command `also`. Sent at once by flush, which also waits for the answers and
+  // throws when one is an error.
+  void change(const ko_store::change &what, const std::vector<std::string> &also = {});
   void set(const record &what) { change(what.change(ko_store::change_kind::set)); }
   void del(const record &what) { change(what.change(ko_store::change_kind::del)); }
   void announce(uint32_t db, const std::string &message, const std::string &bytes);  // whatever they say
   void raw(uint32_t db, const std::string &hash, const std::string &key, const std::string &bytes);  // not announced
   void flush();
-  bool stored(const record &what);
 
  private:
   void append(const std::vector<std::string_view> &words);

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -151,6 +152,11 @@ size_t count_of(const std::string &text, const std::string &part) {
   return count;
 }
 
+std::vector<std::string> split(const std::string &text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
 bool eventually(const std::function<bool()> &condition, const std::string &what) {
   const auto end = std::chrono::steady_clock::now() + patience;
   while (!condition()) {
@@ -240,8 +246,6 @@ client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_s
 
 client::~client() { redisFree(context_); }
 
-bool client::connected() const { return context_ != nullptr && context_->err == 0; }
-
 std::string client::run(const std::vector<std::string> &words) { return text_of(ask(context_, words).get()); }
 
 // ---- sandbox ----
@@ -275,14 +279,7 @@ void sandbox::start_server(const std::vector<std::string> &options) {
                                      "--save",       "",       "--dir", folder_};
   arguments.insert(arguments.end(), options.begin(), options.end());
   server_.start(arguments, folder_ + "/redis.log");
-  eventually(
-      [this] {
-        client probe(socket());
-        if (!probe.connected()) return false;
-        const std::string answer = probe.run({"PING"});
-        return answer == "PONG" || answer.find("NOAUTH") != std::string::npos;
-      },
-      "redis-server on " + socket());
+  eventually([this] { return client(socket()).run({"PING"}) == "PONG"; }, "redis-server on " + socket());
 }
 
 void sandbox::start_daemon(process &as) const {
@@ -294,11 +291,14 @@ void sandbox::start_daemon(process &as) const {
 // it.
 bool sandbox::settle() {
   producer marks(socket());
+  client reader(socket());
+  reader.run({"SELECT", "8"});
   for (int round = 0; round < 2; ++round) {
     const record mark = result({next_mark_++, 1, 2});
     marks.set(mark);
     marks.flush();
-    eventually([&] { return !daemon_.running() || !marks.stored(mark); }, "the end of a mark");
+    const auto gone = [&] { return reader.run({"HEXISTS", mark.type->name, mark.key}) == "0"; };
+    eventually([&] { return !daemon_.running() || gone(); }, "the end of a mark");
     if (daemon_.running()) continue;
     marks.del(mark);
     marks.flush();
@@ -342,12 +342,6 @@ void sandbox::restore(const std::vector<std::string> &lines) const {
     writer.raw(entry.db, entry.hash, entry.key, entry.bytes);
   }
   writer.flush();
-}
-
-std::vector<std::string> sandbox::texts() const {
-  std::vector<std::string> out;
-  for (const std::string &line : dump()) out.push_back(text_of(line));
-  return out;
 }
 
 }  // namespace harness

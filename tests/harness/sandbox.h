@@ -20,6 +20,7 @@ namespace harness {
 bool eventually(const std::function<bool()> &condition, const std::string &what);
 
 size_t count_of(const std::string &text, const std::string &part);
+std::vector<std::string> split(const std::string &text);  // at blanks
 // The lines of a dump that only one of the two has, for people; empty when they are the same.
 std::string difference(std::vector<std::string> got, std::vector<std::string> expected);
 std::string read_file(const std::string &path);
@@ -61,7 +62,6 @@ class client {
 
   // Runs a command and gives its answer as text: elements of an array a line each, "(nil)", "(error) ...".
   std::string run(const std::vector<std::string> &words);
-  bool connected() const;
 
  private:
   redisContext *context_;
@@ -95,8 +95,6 @@ class sandbox {
   std::vector<std::string> inputs() const;
   // Empties the server and writes `lines` of a dump; nothing is announced.
   void restore(const std::vector<std::string> &lines) const;
-  // The dump for people: "<db> <message>{field=value ...}".
-  std::vector<std::string> texts() const;
 
  private:
   std::string folder_;
