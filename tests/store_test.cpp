@@ -9,6 +9,7 @@
 #include "global_context.h"
 #include "in_process.h"
 #include "proc/lspan/ko_lspan.h"
+#include "proxy.h"
 #include "sandbox.h"
 #include "store/redis_engine.h"
 #include "store/store.h"
@@ -234,6 +235,34 @@ std::string name_of(const ::testing::TestParamInfo<outage> &info) {
 }
 
 INSTANTIATE_TEST_SUITE_P(outages, store, ::testing::ValuesIn(outages), name_of);
+
+TEST(restart, is_quiet) {
+  sandbox box;
+  proxy wire(box.folder() + "/wire.sock", box.socket());
+  box.use_socket(box.folder() + "/wire.sock");
+  box.start_server();
+  add_members(box, 0, 10);
+  producer others(box.socket());
+  for (uint32_t i = 0; i < 5; ++i) others.set(result(numbered(i), i));
+  others.flush();
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  box.daemon().stop();
+  wire.forget();
+  box.start_daemon();
+  eventually([&] { return count_of(box.log(), "lspan ds over.") == 2; }, "the second read");
+  ASSERT_TRUE(box.settle());
+  size_t deletes = 0;
+  size_t flushes = 0;
+  for (const std::string &command : wire.commands()) {
+    deletes += command.starts_with("HDEL u_monitor.mirror_result_info") ? 1 : 0;
+    flushes += command.starts_with("PUBLISH 6:u_bridge.udp_flushdyn") ? 1 : 0;
+    EXPECT_FALSE(command.starts_with("HSET")) << command;
+  }
+  EXPECT_EQ(deletes, 2U) << "only the marks";
+  EXPECT_EQ(wire.transactions(), 2U) << "only the marks";
+  EXPECT_GT(flushes, 0U);
+}
 
 // Reading and repairing 20,000 records, and the difference after a break, leave the loop to others.
 TEST(loop, is_never_blocked) {

@@ -5,22 +5,27 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <optional>
 #include <stdexcept>
 
 namespace harness {
 namespace {
 
-constexpr std::string_view exec = "*1\r\n$4\r\nEXEC\r\n";
-
-int open_socket(const std::string &path, bool listens) {
-  const int file = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_un address_of(const std::string &path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+int open_socket(const std::string &path, bool listens) {
+  const int file = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = address_of(path);
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
   if (listens && bind(file, generic, sizeof(address)) == 0 && listen(file, 64) == 0) return file;
   if (!listens && connect(file, generic, sizeof(address)) == 0) return file;
-  close(file);
+  ::close(file);
   return -1;
 }
 
@@ -33,19 +38,28 @@ bool send_all(int to, std::string_view bytes) {
   return true;
 }
 
-// What there is to read, appended; false at the end.
-bool receive(int from, std::string &to) {
-  char bytes[65536];
-  const ssize_t length = read(from, bytes, sizeof(bytes));
-  if (length > 0) to.append(bytes, static_cast<size_t>(length));
-  return length > 0;
+// The number behind `mark` at `at`, which goes on behind its line.
+std::optional<size_t> number(std::string_view bytes, size_t &at, char mark) {
+  const size_t end = bytes.find("\r\n", at);
+  if (end == std::string_view::npos || bytes[at] != mark) return std::nullopt;
+  const size_t value = std::strtoul(bytes.data() + at + 1, nullptr, 10);
+  at = end + 2;
+  return value;
 }
 
-// How much of the end of `bytes` may be the start of an EXEC.
-size_t started_exec(std::string_view bytes) {
-  size_t size = exec.size() - 1;
-  while (!bytes.ends_with(exec.substr(0, size))) --size;
-  return size;
+// Length of the command that `bytes` start with, 0 when it is not all there.
+size_t parse_command(std::string_view bytes, std::vector<std::string> &words) {
+  size_t at = 0;
+  const auto count = bytes.empty() ? std::nullopt : number(bytes, at, '*');
+  if (!count.has_value()) return 0;
+  words.clear();
+  for (size_t i = 0; i < *count; ++i) {
+    const auto length = at < bytes.size() ? number(bytes, at, '$') : std::nullopt;
+    if (!length.has_value() || bytes.size() < at + *length + 2) return 0;
+    words.emplace_back(bytes.substr(at, *length));
+    at += *length + 2;
+  }
+  return at;
 }
 
 }  // namespace
@@ -59,34 +73,46 @@ proxy::proxy(const std::string &listen, std::string server)
 proxy::~proxy() {
   ended_ = true;
   thread_.join();
-  for (const link &over : links_) close(over.daemon), close(over.server);
-  close(listener_);
+  for (const auto &over : links_) close(*over);
+  ::close(listener_);
 }
 
 void proxy::kill_after(size_t count, std::function<void()> victim_dies) {
   const std::lock_guard lock(mutex_);
   until_kill_ = count;
   victim_dies_ = std::move(victim_dies);
-  transactions_ = 0;
   killed_ = false;
+}
+
+std::vector<std::string> proxy::commands() {
+  const std::lock_guard lock(mutex_);
+  return commands_;
+}
+
+void proxy::forget() {
+  const std::lock_guard lock(mutex_);
+  commands_.clear();
+  transactions_ = 0;
 }
 
 void proxy::run() {
   while (!ended_) {
+    if (cut_.exchange(false)) {
+      for (const auto &over : links_) close(*over);
+      links_.clear();
+    }
     std::vector<pollfd> files{{listener_, POLLIN, 0}};
-    for (const link &over : links_) files.insert(files.end(), {{over.daemon, POLLIN, 0}, {over.server, POLLIN, 0}});
+    for (const auto &over : links_) files.insert(files.end(), {{over->daemon, POLLIN, 0}, {over->server, POLLIN, 0}});
     if (poll(files.data(), files.size(), 5) <= 0) continue;
-    for (size_t i = links_.size(); i-- > 0 && !dying_;) {
-      std::string answers;
-      const bool alive = (files[2 * i + 1].revents == 0 || from_daemon(links_[i])) &&
-                         (files[2 * i + 2].revents == 0 ||
-                          (receive(links_[i].server, answers) && send_all(links_[i].daemon, answers)));
-      if (alive || dying_) continue;
-      close(links_[i].daemon);
-      close(links_[i].server);
+    dropped_ = false;
+    for (size_t i = links_.size(); i-- > 0 && !dropped_;) {
+      link &over = *links_[i];
+      bool alive = files[2 * i + 1].revents == 0 || from_daemon(over);
+      alive = alive && (dropped_ || files[2 * i + 2].revents == 0 || from_server(over));
+      if (alive || dropped_) continue;
+      close(over);
       links_.erase(links_.begin() + static_cast<std::ptrdiff_t>(i));
     }
-    if (dying_) finish_kill();
     if (files[0].revents != 0) accept_one();
   }
 }
@@ -96,46 +122,66 @@ void proxy::accept_one() {
   if (daemon < 0) return;
   const int server = open_socket(server_path_, false);
   if (server < 0)
-    close(daemon);
+    ::close(daemon);
   else
-    links_.push_back({daemon, server});
+    links_.push_back(std::make_unique<link>(link{daemon, server}));
 }
 
-// Transactions go to the server one at a time, so that nothing goes behind the last one.
 bool proxy::from_daemon(link &over) {
-  if (!receive(over.daemon, over.unsent)) return false;
-  for (size_t at = 0; (at = over.unsent.find(exec)) != std::string::npos;) {
-    if (!send_all(over.server, over.unsent.substr(0, at + exec.size()))) return false;
-    over.unsent.erase(0, at + exec.size());
-    count_transaction();
-    if (dying_) return true;
+  char bytes[65536];
+  const ssize_t length = read(over.daemon, bytes, sizeof(bytes));
+  if (length <= 0) return false;
+  over.unparsed.append(bytes, static_cast<size_t>(length));
+  std::vector<std::string> words;
+  size_t done = 0;
+  while (const size_t size = parse_command(std::string_view(over.unparsed).substr(done), words)) {
+    if (!forward(over, words, std::string_view(over.unparsed).substr(done, size))) return false;
+    if (dropped_) return true;
+    done += size;
   }
-  const size_t whole = over.unsent.size() - started_exec(over.unsent);
-  if (!send_all(over.server, over.unsent.substr(0, whole))) return false;
-  over.unsent.erase(0, whole);
+  over.unparsed.erase(0, done);
   return true;
 }
 
-void proxy::count_transaction() {
+bool proxy::forward(link &over, const std::vector<std::string> &words, std::string_view bytes) {
+  if (!send_all(over.server, bytes)) return false;
+  over.subscribes = over.subscribes || words[0] == "SUBSCRIBE";
   const std::lock_guard lock(mutex_);
+  std::string all;
+  for (const std::string &word : words) all += (all.empty() ? "" : " ") + word;
+  commands_.push_back(std::move(all));
+  if (words[0] != "EXEC") return true;
   ++transactions_;
-  if (until_kill_ == 0 || --until_kill_ > 0) return;
+  if (until_kill_ == 0 || --until_kill_ > 0) return true;
   victim_dies_();
-  dying_ = true;
+  finish_kill();
+  return true;
 }
 
 // The server has read all and closed its side once nothing more comes from it.
 void proxy::finish_kill() {
-  std::string rest;
-  for (const link &over : links_) {
-    shutdown(over.server, SHUT_WR);
-    while (receive(over.server, rest)) continue;
-    close(over.daemon);
-    close(over.server);
+  char rest[65536];
+  for (const auto &over : links_) {
+    shutdown(over->server, SHUT_WR);
+    while (read(over->server, rest, sizeof(rest)) > 0) continue;
+    close(*over);
   }
   links_.clear();
-  dying_ = false;
+  dropped_ = true;
   killed_ = true;
+}
+
+bool proxy::from_server(link &over) {
+  char bytes[65536];
+  const ssize_t length = read(over.server, bytes, sizeof(bytes));
+  if (length <= 0) return false;
+  if (deaf_ && over.subscribes) return true;
+  return send_all(over.daemon, {bytes, static_cast<size_t>(length)});
+}
+
+void proxy::close(link &over) {
+  ::close(over.daemon);
+  ::close(over.server);
 }
 
 }  // namespace harness
