@@ -15,7 +15,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "001_init_a/dl_init.h"
@@ -84,11 +83,14 @@ void own_folders() {
 // A line of the start-up module's channel loses channel and colour, if the colour is that of its kind.
 string plain(const string &line) {
   static const std::map<string, string> colours = {{"error", "31"}, {"warn", "33"}, {"info", "32"}, {"debug", "35"}};
-  static const std::regex form(R"(\[dl\] (\w+) (\w+): \\033\[(\d+)m(.*)\\033\[0m)");
-  std::smatch part;
-  if (!std::regex_match(line, part, form)) return line;
-  const string colour = part[2] == "dl_print_result" ? "34" : colours.at(part[1]);
-  return part[3] == colour ? part[1].str() + ' ' + part[2].str() + ": " + part[4].str() : line;
+  const string start = "[dl] ", reset = "\\033[0m";
+  const size_t colon = line.find(": ");
+  if (!line.starts_with(start) || !line.ends_with(reset) || colon == string::npos) return line;
+  const string head = line.substr(start.size(), colon - start.size());  // kind and function
+  const string colour = head.ends_with(" dl_print_result") ? "34" : colours.at(head.substr(0, head.find(' ')));
+  string text = line.substr(colon + 2, line.size() - reset.size() - colon - 2);
+  const string expected = "\\033[" + colour + 'm';
+  return text.starts_with(expected) ? head + ": " + text.substr(expected.size()) : line;
 }
 
 // `text` with every line that starts with `start` left out.
