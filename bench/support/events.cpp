@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "p_policy.pb-c.h"
+#include "records.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
@@ -59,12 +59,8 @@ record member_record(uint32_t session, uint32_t n, uint32_t vlan_words, uint32_t
 }
 
 record membership_record(uint32_t n, uint32_t group) {
-  PIntf__Intfindex key = P_INTF__INTFINDEX__INIT;
-  PPolicy__DataIntfConf message = P_POLICY__DATA_INTF_CONF__INIT;
-  key.index = n;
-  message.index = &key;
-  message.group_id = group;
-  return make(config_db, change_kind::set, message.base);
+  const harness::record what = harness::membership(n, group);
+  return {{what.db, what.type}, change_kind::set, what.key, what.bytes};
 }
 
 std::vector<record> derived_records(uint32_t n) {
