@@ -282,9 +282,11 @@ void sandbox::start_server(const std::vector<std::string> &options) {
   eventually([this] { return client(socket()).run({"PING"}) == "PONG"; }, "redis-server on " + socket());
 }
 
-void sandbox::start_daemon(process &as) const {
+void sandbox::start_daemon(process &as) const { start(as, {KO_LSPAN_PROGRAM}); }
+
+void sandbox::start(process &as, const std::vector<std::string> &arguments) const {
   as.stop_signal = KO_STOP_SIGNAL;
-  as.start({KO_LSPAN_PROGRAM}, folder_ + "/stderr", [this] { enter_namespace(folder_); });
+  as.start(arguments, folder_ + "/stderr", [this] { enter_namespace(folder_); });
 }
 
 // Twice: when the first is gone, what was announced during the daemon's read may still wait; the second comes behind

@@ -82,6 +82,7 @@ class sandbox {
   void start_server(const std::vector<std::string> &options = {});
   void start_daemon() { start_daemon(daemon_); }  // returns when it was started, not when it is ready
   void start_daemon(process &as) const;
+  void start(process &as, const std::vector<std::string> &arguments) const;  // any program, where the daemon is
   // Until the daemon has handled everything that was written before, and its writes are in the store: results of
   // members that nobody knows go the whole road, and the daemon deletes them. False when it ended meanwhile.
   bool settle();
