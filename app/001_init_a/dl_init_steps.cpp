@@ -1,7 +1,9 @@
 // Start-up steps: process name, arguments, single instance, high-availability monitor, global context.
 //
 // Nothing here is undone: the caches and the pid file's lock last as long as the process.
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -29,6 +31,24 @@ int32_t read_proc_name(char *name) {
   return 0;
 }
 
+// A process that executed itself anew still has the pid file open, and its lock. Closing any descriptor of the file
+// would give the lock away, so that this one is used again. Returns it, or -1 when `path` is not open for writing.
+int find_open_file(const char *path) {
+  struct stat wanted;
+  if (stat(path, &wanted) != 0) return -1;
+  DIR *folder = opendir("/proc/self/fd");
+  if (folder == nullptr) return -1;
+  int found = -1;
+  for (const dirent *entry = readdir(folder); entry != nullptr && found < 0; entry = readdir(folder)) {
+    const int fd = std::atoi(entry->d_name);
+    struct stat status;
+    if (fd <= STDERR_FILENO || fstat(fd, &status) != 0 || (fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) continue;
+    if (status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) found = fd;
+  }
+  closedir(folder);
+  return found;
+}
+
 // Takes the write lock on the whole file without waiting. The lock is the process's: a second run in the same process
 // gets it again.
 bool lock_file(int fd) {
@@ -44,6 +64,7 @@ void write_pid(int fd) {
   char text[dl_name_size] = {};
   std::snprintf(text, sizeof(text), "%ld", static_cast<long>(getpid()));
   [[maybe_unused]] const int truncated = ftruncate(fd, 0);
+  lseek(fd, 0, SEEK_SET);
   [[maybe_unused]] const ssize_t written = write(fd, text, std::strlen(text) + 1);
 }
 
@@ -79,7 +100,8 @@ int32_t dl_init_user_param(dl_init_arg_t *arg) {
 int32_t dl_init_running_check(dl_init_arg_t *arg) {
   char path[dl_name_size];
   std::snprintf(path, sizeof(path), "/var/run/%.64s.pid", arg->proc_name);
-  const int fd = open(path, O_RDWR | O_CREAT, 0644);
+  int fd = find_open_file(path);
+  if (fd < 0) fd = open(path, O_RDWR | O_CREAT, 0644);
   if (fd < 0) {
     DL_ERROR("\033[31m<init> open lockfile failed, fd = %d\033[0m", fd);
     return -11;
