@@ -92,7 +92,7 @@ TEST(log, where_lines_go) {
     for (const size_t length : {2046U, 2047U, 2048U})
       write_record(first, VX_ZLOG_DEBUG, std::string(length, 'x').c_str());
     for (const size_t length : {1022U, 1023U, 1024U})
-      ko_platform::log_write(VX_ZLOG_ERROR, "a.cpp", "func", 1, "%s", std::string(length, 'y').c_str());
+      ko_platform::platform_channel.write(VX_ZLOG_ERROR, "a.cpp", "func", 1, "%s", std::string(length, 'y').c_str());
     write_record(nullptr, VX_ZLOG_ERROR, "dropped");
   };
   std::string lines = "error ko_lspan handler:42 plain\nwarning dl handler:42 two\\nlines\ninfo ko_lspan handler:42 \n";

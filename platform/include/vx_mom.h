@@ -31,7 +31,8 @@ enum {
   VX_MOM_UNKNOWN = -7  /* the source is not declared */
 };
 
-enum { VX_MOM_EVENT_SET = 0, VX_MOM_EVENT_DEL = 1 }; /* kinds of key events */
+/* Kinds of key events. A published message is handed over as it comes, and to nobody who does not listen then. */
+enum { VX_MOM_EVENT_SET = 0, VX_MOM_EVENT_DEL = 1, VX_MOM_EVENT_PUBLISH = 2 };
 
 /* Options of a declaration of sources. */
 enum {
@@ -81,9 +82,10 @@ MOM_DS_ASSERT(sizeof(struct mom_ds_entry) == 40);
 #undef MOM_DS_ASSERT
 #endif
 
-/* Handler of key events. `is_del` is 0 for a record that was added or replaced, else it was deleted and `message`
- * holds its last contents. `message` is the decoded record of the source's type, owned by the library and gone when
- * the handler returns. A non-zero status is logged and counted by the library, and nothing else. */
+/* Handler of key events. `is_del` is 0 for a record that was added or replaced and for a message that was published,
+ * else the record was deleted and `message` holds its last contents. `message` is the decoded record of the source's
+ * type, owned by the library and gone when the handler returns. A non-zero status is logged and counted by the library,
+ * and nothing else. */
 typedef int32_t (*vx_mom_event_cb)(void *context, uint32_t is_del, const void *message);
 
 /* Handler of the all-data-sources-over event: every declared input was read for the first time. */
@@ -94,8 +96,9 @@ typedef int32_t (*vx_mom_all_ds_cb)(void *context);
  * configuration cannot be used. A store that cannot be reached is no failure: it is tried again. */
 struct vx_mom_ab *vx_mom_ab_init(struct vx_global *global, const char *app_name, const struct vx_mom_ab_opt *opt);
 
-/* Declares the sources; replaces what was declared before. Entries and templates are copied. Returns a number for
- * vx_mom_set_ds_opt, 0 when the declaration was refused (the log says why). */
+/* Declares the sources; replaces what was declared before. Entries and templates are copied. An input whose messages
+ * have no `index` can only be listened to for what is published. Returns a number for vx_mom_set_ds_opt, 0 when the
+ * declaration was refused (the log says why). */
 uint32_t vx_mom_reg_ds(struct vx_mom_ab *ab, const struct mom_ds_entry *inputs, uint32_t n_inputs,
                        const struct mom_ds_entry *outputs, uint32_t n_outputs);
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -79,14 +80,41 @@ void read_ports(const json &ports, const std::string &path, config &out) {
   std::set<uint32_t> seen;
   for (const auto &[name, value] : ports.items()) {
     const std::string here = std::string(where).append(".").append(name);
-    check_members(value, here, {"ifx", "phyid"});
+    check_members(value, here, {"ifx", "phyid", "device"});
     if (!value.contains("ifx") || !value.contains("phyid")) fail(here, "needs \"ifx\" and \"phyid\"");
     port entry{name, 0, 0};
     read_number<uint32_t>(value, "ifx", here, 1, entry.ifx);
     read_number<uint32_t>(value, "phyid", here, 0, entry.phyid);
+    read_text(value, "device", here, entry.device);
     if (!seen.insert(entry.ifx).second) fail(here, "ifx " + std::to_string(entry.ifx) + " has another name already");
     out.ports.push_back(entry);
   }
+}
+
+// The number that `text` is, all of it in decimal digits.
+std::optional<uint32_t> number_of(const std::string &text) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+void read_acls(const json &acls, const std::string &path, config &out) {
+  const std::string where = path + ": acls";
+  if (!acls.is_object()) fail(where, "must be an object");
+  for (const auto &item : acls.items()) {
+    const std::optional<uint32_t> id = number_of(item.key());
+    if (!id.has_value()) fail(where, "\"" + item.key() + "\" is not the number of an ACL");
+    if (out.acls.contains(*id)) fail(where, "ACL " + std::to_string(*id) + " stands there twice");
+    read_text(acls, item.key().c_str(), where, out.acls[*id]);
+  }
+}
+
+void read_forward(const json &forward, const std::string &path, forward_settings &out) {
+  const std::string where = path + ": forward";
+  check_members(forward, where, {"pref", "saved_flags"});
+  read_number<uint16_t>(forward, "pref", where, 1, out.pref);
+  read_text(forward, "saved_flags", where, out.saved_flags);
 }
 
 config parse_config(const std::string &text, const std::string &path) {
@@ -103,7 +131,7 @@ config parse_config(const std::string &text, const std::string &path) {
   } catch (const json::out_of_range &) {
     fail(path, "holds a number that is too large for anything");
   }
-  check_members(root, path, {"store", "ports", "log"});
+  check_members(root, path, {"store", "ports", "log", "acls", "forward"});
   if (root.contains("store")) read_store(root["store"], path, out.store);
   if (root.contains("ports")) read_ports(root["ports"], path, out);
   if (root.contains("log")) {
@@ -111,6 +139,8 @@ config parse_config(const std::string &text, const std::string &path) {
     read_text(root["log"], "file", path + ": log", out.log.file);
     read_text(root["log"], "zlog_conf", path + ": log", out.log.zlog_conf);
   }
+  if (root.contains("acls")) read_acls(root["acls"], path, out);
+  if (root.contains("forward")) read_forward(root["forward"], path, out.forward);
   return out;
 }
 

@@ -1,15 +1,18 @@
-// The platform file: where the store is, which ports exist, where log lines go.
+// The platform file: where the store is, which ports exist, where log lines go; and what the forwarding side needs.
 //
 //   {
-//     "store": { "socket": "/run/redis/redis-server.sock", "user": "ko_lspan", "password": "..." },
-//     "ports": { "ge1": { "ifx": 1, "phyid": 101 } },
-//     "log":   { "file": "/var/log/ko_lspan.log", "zlog_conf": "/etc/ko_platform/zlog.conf" }
+//     "store":   { "socket": "/run/redis/redis-server.sock", "user": "ko_lspan", "password": "..." },
+//     "ports":   { "ge1": { "ifx": 1, "phyid": 101, "device": "eth0" } },
+//     "log":     { "file": "/var/log/ko_lspan.log", "zlog_conf": "/etc/ko_platform/zlog.conf" },
+//     "acls":    { "7": "tcp port 443" },
+//     "forward": { "pref": 20, "saved_flags": "/run/ko_lspan_fwd/saved.json" }
 //   }
 //
 // Every part may be left out. "store" may name "host" and "port" instead of "socket".
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,8 +36,15 @@ std::string to_string(const store_address &address);
 
 struct port {
   std::string name;
-  uint32_t ifx;    // interface index, not 0
-  uint32_t phyid;  // physical id
+  uint32_t ifx;             // interface index, not 0
+  uint32_t phyid;           // physical id
+  std::string device = {};  // name of its network device; empty: that of the port
+};
+
+// Of the forwarding side.
+struct forward_settings {
+  uint16_t pref = 20;                                        // preference of its filters in the kernel, not 0
+  std::string saved_flags = "/run/ko_lspan_fwd/saved.json";  // what it changed at ports, so that it can be undone
 };
 
 struct log_settings {
@@ -47,6 +57,8 @@ struct config {
   bool has_ports = false;   // false: interface indexes are physical ids
   std::vector<port> ports;  // in the order of their names
   log_settings log;
+  std::map<uint32_t, std::string> acls;  // by acl_id: which frames, as an expression of pcap-filter(7)
+  forward_settings forward;
 };
 
 // what() is one line: the file, the line and column where the text is malformed, and what is wrong.

@@ -12,12 +12,10 @@
 namespace ko_platform {
 namespace {
 
-constexpr const char *category_name = "ko_platform";
-constexpr const char *level_file = "/var/tmp/ko_platform.zlog";
-constexpr uint32_t default_level = 2;
-
-uint32_t read_level() noexcept {
-  const int file = open(level_file, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+uint32_t read_level(const char *name, uint32_t default_level) noexcept {
+  char path[64];
+  std::snprintf(path, sizeof(path), "/var/tmp/%s.zlog", name);
+  const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return default_level;
   char text[4096] = {};  // as much of the file as is looked at for the daemon's channels
   struct stat status;
@@ -37,20 +35,21 @@ uint32_t threshold(int level) {
 
 }  // namespace
 
-bool log_enabled(int level) noexcept {
-  static const uint32_t channel_level = read_level();
-  return channel_level >= threshold(level);
+bool log_channel::enabled(int level) noexcept {
+  if (!is_level_read_) level_ = read_level(name_, level_);
+  is_level_read_ = true;
+  return level_ >= threshold(level);
 }
 
-void log_write(int level, const char *file, const char *func, int line, const char *format, ...) noexcept {
-  static vx_zlog_category *const category = vx_zlog_init(category_name);
-  if (category == nullptr) return;
+void log_channel::write(int level, const char *file, const char *func, int line, const char *format, ...) noexcept {
+  if (category_ == nullptr) category_ = vx_zlog_init(name_);
+  if (category_ == nullptr) return;
   char text[1024];
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  vxdf_zlog(category, file, std::strlen(file), func, std::strlen(func), line, level, "%s", text);
+  vxdf_zlog(category_, file, std::strlen(file), func, std::strlen(func), line, level, "%s", text);
 }
 
 }  // namespace ko_platform

@@ -18,6 +18,8 @@ constexpr int longest_repair_pause_ms = 30'000;
 constexpr size_t buckets_a_look = 16;  // of a table, between two looks at the clock
 constexpr size_t told_limit = 10'000;  // distinct bad records that are logged
 
+constexpr const char *event_names[] = {"set", "delete", "publish"};  // by VX_MOM_EVENT_...
+
 bool same(const hash_id &a, const hash_id &b) { return a.db == b.db && a.type == b.type; }
 
 std::string name_of(const hash_id &hash) { return channel_name(hash.db, hash.type->name); }
@@ -60,8 +62,8 @@ registration *registration_of(vx_global *global) {
 uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, const mom_ds_entry *outputs,
                                uint32_t n_outputs) {
   std::vector<hash_id> hashes;
-  const auto add = [&](const mom_ds_entry &entry) {
-    if (entry.record == nullptr || key_field(*entry.record->descriptor) == nullptr) {
+  const auto add = [&](const mom_ds_entry &entry, bool is_output) {
+    if (entry.record == nullptr || (is_output && key_field(*entry.record->descriptor) == nullptr)) {
       PLATFORM_ERROR("a data source of database %u has no record, or one without index", entry.db_id);
       return false;
     }
@@ -69,9 +71,9 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
     return true;
   };
   for (uint32_t i = 0; i < n_inputs; ++i)
-    if (!add(inputs[i])) return 0;
+    if (!add(inputs[i], false)) return 0;
   for (uint32_t i = 0; i < n_outputs; ++i)
-    if (!add(outputs[i])) return 0;
+    if (!add(outputs[i], true)) return 0;
 
   inputs_.clear();
   outputs_.clear();
@@ -96,7 +98,7 @@ int32_t registration::set_option(uint32_t declaration, uint32_t option, uint32_t
 }
 
 int32_t registration::on_key_event(const mom_ds_entry &input, uint32_t kind, event_handler handler) {
-  if (input.record == nullptr || handler.call == nullptr || kind > VX_MOM_EVENT_DEL) return VX_MOM_INVALID;
+  if (input.record == nullptr || handler.call == nullptr || kind > VX_MOM_EVENT_PUBLISH) return VX_MOM_INVALID;
   for (const auto &source : inputs_) {
     if (!same(source->hash, {input.db_id, input.record->descriptor})) continue;
     source->on[kind] = handler;
@@ -211,7 +213,11 @@ void registration::read_inputs() {
   ++counters_.reads;
   scans_ = 0;
   for (const auto &input : inputs_) input->stored.clear();
-  for (size_t i = 0; i < inputs_.size(); ++i, ++scans_) engine_->scan(i);
+  for (size_t i = 0; i < inputs_.size(); ++i) {
+    if (!inputs_[i]->has_records) continue;
+    ++scans_;
+    engine_->scan(i);
+  }
   if (scans_ == 0) scan_done();
 }
 
@@ -274,8 +280,21 @@ bool registration::is_own(const output_source &output, std::string_view key) {
 }
 
 void registration::changed(size_t input, const announcement &what) {
-  if (what.kind == change_kind::publish) return;
-  guard("taking a change", [&] { take({input, what.kind, what.key, what.record, false}); });
+  guard("taking a change", [&] {
+    if (what.kind == change_kind::publish)
+      take_published(input, what.record);
+    else if (inputs_[input]->has_records)
+      take({input, what.kind, what.key, what.record, false});
+  });
+}
+
+// It tells of nothing that is stored, so it need not wait for what is being read.
+void registration::take_published(size_t input, std::string_view bytes) {
+  const input_source &source = *inputs_[input];
+  if (source.on[VX_MOM_EVENT_PUBLISH].call == nullptr) return;
+  const ProtobufCMessage *message = decode(source, bytes);
+  if (message == nullptr) return reject(source.hash, {}, to_string(defect::undecodable));
+  hand_over(*inputs_[input], VX_MOM_EVENT_PUBLISH, *message);
 }
 
 // What comes before a read began, or while one fails, is read anyway.
@@ -507,13 +526,12 @@ void registration::hand_over(input_source &source, uint32_t kind, const Protobuf
   const event_handler &handler = source.on[kind];
   if (handler.call == nullptr) return;
   ++counters_.events;
-  const int32_t status = handler.call(handler.context, kind, &message);
+  const int32_t status = handler.call(handler.context, kind == VX_MOM_EVENT_DEL ? 1 : 0, &message);
   if (on_event) on_event(kind, message, status);
   if (status == 0) return;
   ++counters_.handler_failures;
-  PLATFORM_WARN("the handler of the %s event of %s %s answered with status %d",
-                kind == VX_MOM_EVENT_SET ? "set" : "delete", name_of(source.hash).c_str(), to_text(message).c_str(),
-                status);
+  PLATFORM_WARN("the handler of the %s event of %s %s answered with status %d", event_names[kind],
+                name_of(source.hash).c_str(), to_text(message).c_str(), status);
 }
 
 // Owned by the arena until the next one is decoded.

@@ -55,9 +55,10 @@ struct input_source {
   input_source(const hash_id &id, std::pmr::memory_resource *memory) : hash(id), copy(memory), stored(memory) {}
 
   hash_id hash;
-  event_handler on[2] = {};  // by VX_MOM_EVENT_...
-  record_table copy;         // as the handlers know it
-  sorted_records stored;     // as it was just read
+  event_handler on[3] = {};                             // by VX_MOM_EVENT_...
+  bool has_records = key_field(*hash.type) != nullptr;  // else its messages are only published
+  record_table copy;                                    // as the handlers know it
+  sorted_records stored;                                // as it was just read
   // Keys that this process had deleted and that may still be there, or be there again: a read hands them over once
   // more, and the handlers decide anew.
   std::set<std::string, std::less<>> doubtful = {};
@@ -147,6 +148,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void apply(const input_change &what);
   void set_record(size_t input, std::string_view key, std::string_view record, bool stored);
   void delete_record(size_t input, std::string_view key);
+  void take_published(size_t input, std::string_view bytes);
   void hand_over(input_source &source, uint32_t kind, const ProtobufCMessage &message);
   const ProtobufCMessage *decode(const input_source &source, std::string_view record);
   void reject(const hash_id &hash, std::string_view key, const char *why);
