@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <new>
 #include <numeric>
 #include <random>
 #include <unordered_map>
@@ -10,10 +11,23 @@
 
 #include "driver.h"
 #include "p_policy.pb-c.h"
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 #include "recording.h"
 #include "u_bridge.pb-c.h"
+
+// The standard containers of the daemon ask for memory here; the k-th request from now on fails, 0: none.
+static uint32_t new_fails_in;
+extern "C" void *__real_malloc(size_t size);
+
+[[gnu::noinline]] void *operator new(size_t size) {
+  void *got = new_fails_in != 0 && --new_fails_in == 0 ? nullptr : __real_malloc(size);
+  if (got == nullptr) throw std::bad_alloc();
+  return got;
+}
+[[gnu::noinline]] void operator delete(void *gone) noexcept { std::free(gone); }
+[[gnu::noinline]] void operator delete(void *gone, size_t) noexcept { std::free(gone); }
 
 namespace {
 
@@ -127,6 +141,26 @@ TEST_F(Span, KindOfMirrorTargetByRole) {
       ko_span_db_save_info(&lspan_global.session_list, &info);
     }
     EXPECT_EQ("  mtp session_id=3 d_phyid=1009 mtp_switch=1 module_type=2" + text, driver::memory_text().back());
+  }
+}
+
+// Where the daemon cannot keep what it has to know of a mirror target, there is none.
+TEST_F(Span, MirrorTargetWithoutMemory) {
+  span_info info = full_member();
+  info.d_ifx = 0;
+  recording::fail("mirror_list_add_mtp_info", 1, -1);
+  ko_span_db_save_info(&lspan_global.session_list, &info);
+  mirror_link *targets = &reinterpret_cast<mirror_info *>(lspan_global.session_list.next)->mtp_list;
+  for (uint32_t k = 1;; ++k) {
+    recording::take_trace();
+    new_fails_in = k;
+    const int32_t status = ko_span_db_set_mtp_info(targets, &info, 0);
+    if (std::exchange(new_fails_in, 0) != 0) {
+      EXPECT_TRUE(k > 2 && status == 0 && ko_span_target_find(false, 0) != nullptr);
+      break;
+    }
+    EXPECT_TRUE(status == -2 && targets->next == targets && ko_span_target_find(false, 0) == nullptr) << k;
+    EXPECT_EQ(lines{"error ko_span_db_set_mtp_info: add mtp info failed."}, recording::trace());
   }
 }
 
@@ -334,16 +368,19 @@ TEST(OutgrbTableDeathTest, BehavesLikeAMap) {
 // The daemon itself never updates a group that is there.
 TEST_F(Span, GroupUpdateKeepsTheMembers) {
   mtp_info first = {}, second = {};
+  mirror_link no_list = {&no_list, &no_list};
+  ASSERT_TRUE(ko_span_target_add(&no_list, &first) == 0 && ko_span_target_add(&no_list, &second) == 0);
   driver::group_event(4, 7, false);
   outgrb_group_info record{7, {}, &first, nullptr, nullptr};
   outgrb_group_info *group = nullptr;
   ASSERT_EQ(outgrb_group_hash_get(&record), outgrb_group_hash_set(&group, &record));
-  EXPECT_TRUE(group->mtp_info == &first && first.groups == group);
+  EXPECT_EQ(&first, group->mtp_info);
   record.mtp_info = &second;
   EXPECT_EQ(group, outgrb_group_hash_set(&group, &record));
-  EXPECT_TRUE(group->mtp_info == &second && second.groups == group && first.groups == nullptr);
-  outgrb_forget_mtp_info(&second);
-  EXPECT_TRUE(group->mtp_info == nullptr && second.groups == nullptr);
+  ko_span_target_remove(&first);
+  EXPECT_EQ(&second, group->mtp_info);
+  ko_span_target_remove(&second);
+  EXPECT_EQ(nullptr, group->mtp_info);
   EXPECT_EQ("", driver::broken());
 }
 

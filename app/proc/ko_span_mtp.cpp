@@ -5,6 +5,7 @@
 #include "idl_trans.h"
 #include "proc/ko_span_public.h"
 #include "proc/ko_span_record.h"
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 
@@ -42,15 +43,23 @@ outgrb_group_info *find_group(uint32_t tagged) {
   return outgrb_group_hash_get(&group_id);
 }
 
-// The group that the removal's own target names lets go first, whichever session it names. An entry that came to
-// another target since it was linked is still named by its earlier groups, so they all have to let go of it.
+// An entry of the list that is in the table of targets, too, or null.
+mtp_info *add_entry(mirror_link *mtp_list) {
+  mtp_info *entry = mirror_list_add_mtp_info(mtp_list);
+  if (entry == nullptr || ko_span_target_add(mtp_list, entry) == 0) return entry;
+  mirror_list_del(&entry->link);
+  free(entry);
+  return nullptr;
+}
+
+// The group that the removal's own target names lets go of its target, whichever session's that is.
 void remove_entry(mtp_info *entry, uint32_t d_phyid) {
   mirror_list_del(&entry->link);
   if (entry->module_type == U_MONITOR__MIRROR_MODULE__GROUP) {
     outgrb_group_info *group = find_group(d_phyid);
-    if (group != nullptr) outgrb_group_set_mtp_info(group, nullptr);
+    if (group != nullptr) ko_span_target_name(group, nullptr);
   }
-  outgrb_forget_mtp_info(entry);
+  ko_span_target_remove(entry);
   free(entry);
 }
 
@@ -113,7 +122,7 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
     remove_entry(entry, d_phyid);
     return 0;
   }
-  if (entry == nullptr) entry = mirror_list_add_mtp_info(mtp_list);
+  if (entry == nullptr) entry = add_entry(mtp_list);
   if (entry == nullptr) {
     LSPAN_ERROR("add mtp info failed.");
     return ko_span_no_memory;
@@ -123,11 +132,12 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
   entry->d_phyid = d_phyid;
   entry->role = idl_role_trans_to_local(info->role);
   entry->module_type = info->module_type;
-  entry->d_ifx = info->d_ifx;
-  outgrb_group_info *group = ko_span_targets_group(info) ? find_group(d_phyid) : nullptr;
+  const bool to_group = ko_span_targets_group(info);
+  ko_span_target_set(entry, to_group, to_group ? info->d_ifx ^ ko_span_group_tag : info->d_ifx);
+  outgrb_group_info *group = to_group ? find_group(d_phyid) : nullptr;
   if (group != nullptr) {
     LSPAN_DEBUG("======find outflow-group'info ========");
-    outgrb_group_set_mtp_info(group, entry);
+    ko_span_target_name(group, entry);
   }
   fill_kind(entry, info);
   return 0;

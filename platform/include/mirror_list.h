@@ -6,12 +6,11 @@
  *
  * Entries are allocated by the add calls with the standard allocator, zero-filled and linked at the tail. After
  * mirror_list_del has unlinked one, the caller releases it with free(). The caller fills an entry's fields; those
- * that a search compares (named there) must not change while the entry is in its list, once they are set.
- *
- * Two fields of mtp_info belong to the daemon alone: a library only makes room for them. */
+ * that a search compares (named there) must not change while the entry is in its list, once they are set. */
 #ifndef MIRROR_LIST_H
 #define MIRROR_LIST_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -19,8 +18,6 @@ extern "C" {
 #endif
 
 enum { MIRROR_VLAN_WORDS = 128 }; /* a bit map of 4096 VLANs */
-
-struct outgrb_group_info;
 
 struct mirror_link {
   struct mirror_link *next;
@@ -70,17 +67,52 @@ struct dst_info {
 /* The mirror-target port of a session. */
 struct mtp_info {
   struct mirror_link link;
-  uint32_t session_id;              /* session number */
-  uint32_t d_phyid;                 /* as in src_info */
-  uint8_t mtp_switch;               /* 0: the target stops learning, 1: it keeps learning */
-  uint32_t module_type;             /* wire value, 5: the target is a group */
-  uint32_t role;                    /* local value */
-  uint32_t mtp_type;                /* 0 local port, 1 behind an RSPAN VLAN, 2 behind an ERSPAN tunnel */
-  uint32_t rspan_vlan;              /* for mtp_type 1 */
-  struct mirror_ip_head ip_head;    /* for mtp_type 2 */
-  uint32_t d_ifx;                   /* daemon's own: interface index of the target, as received */
-  struct outgrb_group_info *groups; /* daemon's own: first of the groups whose mtp_info names this entry, or null */
+  uint32_t session_id;           /* session number */
+  uint32_t d_phyid;              /* as in src_info */
+  uint8_t mtp_switch;            /* 0: the target stops learning, 1: it keeps learning */
+  uint32_t module_type;          /* wire value, 5: the target is a group */
+  uint32_t role;                 /* local value */
+  uint32_t mtp_type;             /* 0 local port, 1 behind an RSPAN VLAN, 2 behind an ERSPAN tunnel */
+  uint32_t rspan_vlan;           /* for mtp_type 1 */
+  struct mirror_ip_head ip_head; /* for mtp_type 2 */
 };
+
+#if UINTPTR_MAX == UINT32_MAX
+#ifdef __cplusplus
+#define MIRROR_ASSERT(what) static_assert(what, #what)
+#else
+#define MIRROR_ASSERT(what) _Static_assert(what, #what)
+#endif
+MIRROR_ASSERT(offsetof(struct mirror_info, session_id) == 8);
+MIRROR_ASSERT(offsetof(struct mirror_info, mod_type) == 12);
+MIRROR_ASSERT(offsetof(struct mirror_info, src_list) == 16);
+MIRROR_ASSERT(offsetof(struct mirror_info, dst_list) == 24);
+MIRROR_ASSERT(offsetof(struct mirror_info, mtp_list) == 32);
+MIRROR_ASSERT(sizeof(struct mirror_info) == 40);
+MIRROR_ASSERT(offsetof(struct src_info, s_phyid) == 8);
+MIRROR_ASSERT(offsetof(struct src_info, d_phyid) == 12);
+MIRROR_ASSERT(offsetof(struct src_info, dir) == 16);
+MIRROR_ASSERT(offsetof(struct src_info, apply_type) == 20);
+MIRROR_ASSERT(offsetof(struct src_info, acl_id) == 24);
+MIRROR_ASSERT(offsetof(struct src_info, vlan_map) == 28);
+MIRROR_ASSERT(sizeof(struct src_info) == 540);
+MIRROR_ASSERT(offsetof(struct dst_info, dir) == 8);
+MIRROR_ASSERT(offsetof(struct dst_info, acl_id) == 12);
+MIRROR_ASSERT(offsetof(struct dst_info, s_phyid) == 16);
+MIRROR_ASSERT(offsetof(struct dst_info, d_phyid) == 20);
+MIRROR_ASSERT(offsetof(struct dst_info, sample_rate) == 24);
+MIRROR_ASSERT(sizeof(struct dst_info) == 28);
+MIRROR_ASSERT(offsetof(struct mtp_info, session_id) == 8);
+MIRROR_ASSERT(offsetof(struct mtp_info, d_phyid) == 12);
+MIRROR_ASSERT(offsetof(struct mtp_info, mtp_switch) == 16);
+MIRROR_ASSERT(offsetof(struct mtp_info, module_type) == 20);
+MIRROR_ASSERT(offsetof(struct mtp_info, role) == 24);
+MIRROR_ASSERT(offsetof(struct mtp_info, mtp_type) == 28);
+MIRROR_ASSERT(offsetof(struct mtp_info, rspan_vlan) == 32);
+MIRROR_ASSERT(offsetof(struct mtp_info, ip_head) == 36);
+MIRROR_ASSERT(sizeof(struct mtp_info) == 56);
+#undef MIRROR_ASSERT
+#endif
 
 /* Each returns the new entry, or null when memory is exhausted. A session's three lists are made empty. */
 struct mirror_info *mirror_list_add_session_info(struct mirror_link *session_list);

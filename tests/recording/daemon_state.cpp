@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <type_traits>
 
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 
@@ -44,6 +46,7 @@ outgrb_mbr_info *find_member(uint32_t ifx) { return outgrb_mbr_hash_get(&ifx); }
 template <typename Entry>
 void free_all(mirror_link &head) {
   for (Entry *entry : entries<Entry>(head)) {
+    if constexpr (std::is_same_v<Entry, mtp_info>) ko_span_target_remove(entry);
     mirror_list_del(&entry->link);
     std::free(entry);
   }
@@ -159,7 +162,17 @@ std::string broken_session(mirror_info &session, std::set<const mtp_info *> &tar
   return is_empty(session) && !left_empty.contains(session.session_id) ? "no entries" : "";
 }
 
-std::string broken_group(uint32_t group_id, const group_model &model, std::map<const mtp_info *, size_t> &named) {
+// The first entry of the session list that targets the group.
+const mtp_info *first_target(uint32_t group_id) {
+  for (mirror_info *session : entries<mirror_info>(lspan_global.session_list))
+    for (const mtp_info *target : entries<mtp_info>(session->mtp_list))
+      if (target->module_type == U_MONITOR__MIRROR_MODULE__GROUP && (target->d_phyid ^ ko_span_group_tag) == group_id)
+        return target;
+  return nullptr;
+}
+
+std::string broken_group(uint32_t group_id, const group_model &model, const std::set<const mtp_info *> &targets) {
+  if (ko_span_target_find(true, group_id) != first_target(group_id)) return "not the first target is found";
   outgrb_group_info *group = find_group(group_id);
   if ((group != nullptr) != model.exists) return model.exists ? "not in the table" : "still in the table";
   if (group == nullptr) return "";
@@ -168,20 +181,8 @@ std::string broken_group(uint32_t group_id, const group_model &model, std::map<c
   const auto nodes = entries<outgrb_mbr_node>(group->mbr_list);
   const bool same = std::equal(nodes.begin(), nodes.end(), model.members.begin(), model.members.end(),
                                [](const outgrb_mbr_node *node, uint32_t ifx) { return node->ifx == ifx; });
-  if (group->mtp_info != nullptr) ++named[group->mtp_info];
+  if (group->mtp_info != nullptr && !targets.contains(group->mtp_info)) return "names a mirror target that is gone";
   return same ? "" : "not the members that joined";
-}
-
-// `count` groups name `target`; its chain must hold these and no others.
-std::string broken_chain(const mtp_info *target, size_t count) {
-  const outgrb_group_info *before = nullptr;
-  for (const outgrb_group_info *group = target->groups; group != nullptr; group = group->next_named) {
-    if (count-- == 0 || group->mtp_info != target) return "names a group that does not name it";
-    if (group->prev_named != before) return "chain not whole";
-    if (find_group(group->group_id) != group) return "names a group that is not in the table";
-    before = group;
-  }
-  return count == 0 ? "" : "misses a group that names it";
 }
 
 std::string broken_member(uint32_t ifx, uint32_t group_id) {
@@ -240,15 +241,9 @@ std::string broken() {
   for (mirror_info *session : entries<mirror_info>(lspan_global.session_list))
     if (std::string why = broken_session(*session, targets); !why.empty())
       return "session " + std::to_string(session->session_id) + ": " + why;
-  std::map<const mtp_info *, size_t> named;
   for (const auto &[group_id, model] : groups)
-    if (std::string why = broken_group(group_id, model, named); !why.empty())
+    if (std::string why = broken_group(group_id, model, targets); !why.empty())
       return "group " + std::to_string(group_id) + ": " + why;
-  for (const auto &[target, count] : named)
-    if (!targets.contains(target)) return "a group names a mirror target that is gone";
-  for (const mtp_info *target : targets)
-    if (std::string why = broken_chain(target, named[target]); !why.empty())
-      return "mirror target of session " + std::to_string(target->session_id) + ": " + why;
   for (const auto &[ifx, group_id] : group_of)
     if (std::string why = broken_member(ifx, group_id); !why.empty())
       return "interface " + std::to_string(ifx) + ": " + why;

@@ -22,7 +22,7 @@ std::vector<std::string> memory_text();
 // The first thing found wrong in the daemon's memory, or "". Holds after every event, whatever failed:
 // - every list is whole in both directions, every session has at most one mirror target;
 // - a session without any entry is there only when a save in which something failed left it;
-// - each group's mtp_info is null or an entry of some session, and that entry's chain holds exactly its groups;
+// - each group's mtp_info is null or an entry of some session, and a search finds the first session that targets it;
 // - the member table holds exactly the interfaces in a group, and each group's list is the one that the joins, moves
 //   and leaves gave it, repeated joins and joins that failed for memory included.
 std::string broken();

@@ -94,6 +94,3 @@ bool ko_lspan_target_switch(const span_info *info, uint32_t on);
 
 // 1 when a session that does not target a group targets interface `ifx`, else 0.
 uint32_t ko_lspan_info_search_ifx(uint32_t ifx);
-
-// The first mirror-target entry of the session list that `test` accepts, together with `value`, or null.
-mtp_info *ko_lspan_find_mtp_info(bool (*test)(const mtp_info *target, uint32_t value), uint32_t value);

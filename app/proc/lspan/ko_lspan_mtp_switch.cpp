@@ -1,6 +1,7 @@
 // Learning on mirror targets. A port that carries copies must not learn the copied senders' addresses, so its learning
 // goes off and what it learned is flushed, unless the session says otherwise.
 #include "proc/ko_span_public.h"
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_list.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
@@ -9,10 +10,6 @@
 namespace {
 
 constexpr uint32_t flush_port = 4;  // flag of a flush request: the dynamic entries of `ifx`
-
-bool targets_ifx(const mtp_info *target, uint32_t ifx) {
-  return target->module_type != U_MONITOR__MIRROR_MODULE__GROUP && target->d_ifx == ifx;
-}
 
 }  // namespace
 
@@ -57,20 +54,8 @@ bool ko_lspan_target_switch(const span_info *info, uint32_t on) {
 
 uint32_t ko_lspan_info_search_ifx(uint32_t ifx) {
   LSPAN_DEBUG("search lspan_mtp_info by ifx %d", ifx);
-  const mtp_info *target = ko_lspan_find_mtp_info(targets_ifx, ifx);
+  const mtp_info *target = ko_span_target_find(false, ifx);
   if (target == nullptr) return 0;
   LSPAN_DEBUG("find lspan_mtp_info by ifx %d,mtp_info 's session :%d", ifx, target->session_id);
   return 1;
-}
-
-mtp_info *ko_lspan_find_mtp_info(bool (*test)(const mtp_info *target, uint32_t value), uint32_t value) {
-  mirror_link *sessions = &lspan_global.session_list;
-  for (mirror_link *at = sessions->next; at != sessions; at = at->next) {
-    mirror_link *targets = &ko_list_entry<mirror_info>(at)->mtp_list;
-    for (mirror_link *in = targets->next; in != targets; in = in->next) {
-      auto *target = ko_list_entry<mtp_info>(in);
-      if (test(target, value)) return target;
-    }
-  }
-  return nullptr;
 }

@@ -2,6 +2,7 @@
 // group, the interface's learning follows the session's switch.
 #include <cstdlib>
 
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_list.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
@@ -46,11 +47,7 @@ void find_target(outgrb_group_info *group, const char *caller) {
   LSPAN_LOG_AS(dl_zlog_debug, caller,
                "can find mtp_info by group_id:%d, mtp_info's session_id is :%d, show config mtp_switch: %d",
                group->group_id, target->session_id, target->mtp_switch);
-  outgrb_group_set_mtp_info(group, target);
-}
-
-bool targets_group(const mtp_info *target, uint32_t group_id) {
-  return (target->d_phyid ^ ko_span_group_tag) == group_id && target->module_type == U_MONITOR__MIRROR_MODULE__GROUP;
+  ko_span_target_name(group, target);
 }
 
 }  // namespace
@@ -119,5 +116,5 @@ int32_t ko_lspan_outgrb_del(const PIntf__Intfindex *index) {
 
 mtp_info *ko_lspan_mtp_info_search_by_groupid(uint32_t group_id) {
   LSPAN_DEBUG("search lspan_mtp_info by group_id:%d ", group_id);
-  return ko_lspan_find_mtp_info(targets_group, group_id);
+  return ko_span_target_find(true, group_id);
 }

@@ -1,5 +1,5 @@
 // The two tables of outflow groups, both of one kind: open addressing over pointers to entries, keyed by the first
-// 32-bit word of an entry. Below them, the links between groups and the mirror targets that they name.
+// 32-bit word of an entry.
 #include "proc/lspan/outgrb_hash.h"
 
 #include <cmath>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_list.h"
 
 namespace {
@@ -151,7 +152,7 @@ outgrb_group_info *outgrb_group_hash_set(outgrb_group_info **entry, const outgrb
       found = static_cast<outgrb_group_info *>(insert(outgrb_group_hash, found));
     }
   }
-  if (found != nullptr) outgrb_group_set_mtp_info(found, record->mtp_info);
+  if (found != nullptr) ko_span_target_name(found, record->mtp_info);
   *entry = found;
   return found;
 }
@@ -159,7 +160,7 @@ outgrb_group_info *outgrb_group_hash_set(outgrb_group_info **entry, const outgrb
 void outgrb_mbr_hash_del(outgrb_mbr_info *entry) { remove(outgrb_mbr_hash, entry); }
 
 void outgrb_group_hash_del(outgrb_group_info *entry) {
-  outgrb_group_set_mtp_info(entry, nullptr);
+  ko_span_target_name(entry, nullptr);
   remove(outgrb_group_hash, entry);
 }
 
@@ -172,26 +173,6 @@ void outgrb_mbr_list_remove(mirror_link *mbr_list, uint32_t ifx) {
     ko_list_unlink(at);
     free(node);
   }
-}
-
-void outgrb_group_set_mtp_info(outgrb_group_info *group, mtp_info *mtp_info) {
-  if (group->mtp_info == mtp_info) return;
-  if (group->mtp_info != nullptr) {
-    outgrb_group_info *&before = group->prev_named != nullptr ? group->prev_named->next_named : group->mtp_info->groups;
-    before = group->next_named;
-    if (group->next_named != nullptr) group->next_named->prev_named = group->prev_named;
-  }
-  group->mtp_info = mtp_info;
-  group->prev_named = nullptr;
-  group->next_named = nullptr;
-  if (mtp_info == nullptr) return;
-  group->next_named = mtp_info->groups;
-  if (group->next_named != nullptr) group->next_named->prev_named = group;
-  mtp_info->groups = group;
-}
-
-void outgrb_forget_mtp_info(mtp_info *mtp_info) {
-  while (mtp_info->groups != nullptr) outgrb_group_set_mtp_info(mtp_info->groups, nullptr);
 }
 
 // XXH32 of the key's four bytes with seed 0.

@@ -16,12 +16,12 @@ struct outgrb_mbr_info {
 
 // One group that has, or had, members.
 struct outgrb_group_info {
-  uint32_t group_id;              // key
-  mirror_link mbr_list;           // of outgrb_mbr_node, owned, in the order in which they joined
-  struct mtp_info *mtp_info;      // target entry of a session that mirrors to this group, or null; not owned.
-                                  // Written by outgrb_group_set_mtp_info only
-  outgrb_group_info *next_named;  // the next group that names the same entry; null: none
-  outgrb_group_info *prev_named;  // the one before; null: first
+  uint32_t group_id;          // key
+  mirror_link mbr_list;       // of outgrb_mbr_node, owned, in the order in which they joined
+  struct mtp_info *mtp_info;  // target entry of a session that mirrors to this group, or null; not owned
+  // ko_span_target_name writes the entry and, beside it, the chain of the groups that name the same one.
+  outgrb_group_info *next_named;  // null: last
+  outgrb_group_info **named_at;   // the pointer that leads to this group; null: in no chain
 };
 
 // One place of an interface in a group. An interface that joined more than once has more than one.
@@ -50,12 +50,6 @@ void outgrb_group_hash_del(outgrb_group_info *entry);
 
 // Unlinks and frees every node of `ifx` in a group's member list.
 void outgrb_mbr_list_remove(mirror_link *mbr_list, uint32_t ifx);
-
-// Lets a group name a target entry, or none (null). The entry knows the groups that name it, so that
-// outgrb_forget_mtp_info can make them all let go before it is freed: an entry that moved from one group to another is
-// still named by the first.
-void outgrb_group_set_mtp_info(outgrb_group_info *group, struct mtp_info *mtp_info);
-void outgrb_forget_mtp_info(struct mtp_info *mtp_info);
 
 // Hash of a key.
 uint32_t outgrb_key_hash(uint32_t key);

@@ -1,0 +1,114 @@
+// The table of mirror targets: a record an entry, found by the entry, and an order of the records by what they target.
+#include "proc/ko_span_target.h"
+
+#include <new>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+#include "proc/ko_span_public.h"
+#include "proc/lspan/ko_list.h"
+#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan/outgrb_hash.h"
+
+namespace {
+
+struct target_record {
+  mtp_info *entry;
+  bool to_group;              // what the entry targets: a group, or else an interface,
+  uint32_t number;            // of this number
+  uint64_t place;             // of its session in the list: smaller ones come first; 0: in another list
+  outgrb_group_info *groups;  // first of the groups that name the entry, or null
+};
+
+struct comes_before {
+  bool operator()(const target_record *one, const target_record *other) const {
+    return std::tie(one->to_group, one->number, one->place) < std::tie(other->to_group, other->number, other->place);
+  }
+};
+
+std::unordered_map<const mtp_info *, target_record> records;  // of every entry
+std::set<target_record *, comes_before> by_target;            // those of the session list
+uint64_t last_place;                                          // that was given away
+
+target_record *find_record(const mtp_info *target) {
+  const auto found = records.find(target);
+  return found != records.end() ? &found->second : nullptr;
+}
+
+// Numbers the session list anew. Returns the place of the session that owns `mtp_list`, 0: none does.
+uint64_t number_sessions(const mirror_link *mtp_list) {
+  uint64_t place = 0;
+  last_place = 0;
+  mirror_link *sessions = &lspan_global.session_list;
+  for (mirror_link *at = sessions->next; at != sessions; at = at->next) {
+    mirror_link *targets = &ko_list_entry<mirror_info>(at)->mtp_list;
+    ++last_place;
+    if (targets == mtp_list) place = last_place;
+    if (target_record *record = find_record(ko_list_entry<mtp_info>(targets->next)); record != nullptr)
+      record->place = last_place;
+  }
+  return place;
+}
+
+// A session gets its target with its first member, when it is the last of the list. One that could not get it then may
+// have others behind it.
+uint64_t place_of(const mirror_link *mtp_list) {
+  mirror_link *last = lspan_global.session_list.prev;
+  const bool is_last = last != &lspan_global.session_list && &ko_list_entry<mirror_info>(last)->mtp_list == mtp_list;
+  return is_last ? ++last_place : number_sessions(mtp_list);
+}
+
+}  // namespace
+
+int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target) {
+  try {
+    target_record *record = &records.emplace(target, target_record{target, false, 0, 0, nullptr}).first->second;
+    record->place = place_of(mtp_list);
+    if (record->place != 0) by_target.insert(record);
+    return 0;
+  } catch (const std::bad_alloc &) {
+    records.erase(target);
+    return ko_span_no_memory;
+  }
+}
+
+void ko_span_target_set(const mtp_info *target, bool to_group, uint32_t number) {
+  target_record *record = find_record(target);
+  if (record == nullptr || (record->to_group == to_group && record->number == number)) return;
+  auto node = by_target.extract(record);
+  record->to_group = to_group;
+  record->number = number;
+  by_target.insert(std::move(node));
+}
+
+void ko_span_target_remove(const mtp_info *target) {
+  target_record *record = find_record(target);
+  if (record == nullptr) return;
+  while (record->groups != nullptr) ko_span_target_name(record->groups, nullptr);
+  by_target.erase(record);
+  records.erase(target);
+}
+
+mtp_info *ko_span_target_find(bool to_group, uint32_t number) {
+  target_record first = {nullptr, to_group, number, 0, nullptr};
+  const auto found = by_target.lower_bound(&first);
+  if (found == by_target.end() || (*found)->to_group != to_group || (*found)->number != number) return nullptr;
+  return (*found)->entry;
+}
+
+void ko_span_target_name(outgrb_group_info *group, mtp_info *target) {
+  if (group->mtp_info == target) return;
+  if (group->named_at != nullptr) *group->named_at = group->next_named;
+  if (group->next_named != nullptr) group->next_named->named_at = group->named_at;
+  group->mtp_info = target;
+  group->named_at = nullptr;
+  group->next_named = nullptr;
+  target_record *record = find_record(target);
+  if (record == nullptr) return;
+  group->named_at = &record->groups;
+  group->next_named = record->groups;
+  if (group->next_named != nullptr) group->next_named->named_at = &group->next_named;
+  record->groups = group;
+}
