@@ -215,8 +215,8 @@ void registration::read_inputs() {
   for (const auto &input : inputs_) input->stored.clear();
   for (size_t i = 0; i < inputs_.size(); ++i) {
     if (!inputs_[i]->has_records) continue;
-    ++scans_;
     engine_->scan(i);
+    ++scans_;  // only now: a scan that could not be begun is not waited for
   }
   if (scans_ == 0) scan_done();
 }
