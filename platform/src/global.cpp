@@ -3,6 +3,8 @@
 
 #include "global_context.h"
 #include "platform_log.h"
+#include "resync.h"
+#include "service_manager.h"
 
 using ko_platform::context_of;
 using ko_platform::global_context;
@@ -37,8 +39,17 @@ vx_global *vx_global_init(const char *proc_name) try {
   return nullptr;
 }
 
-void vx_global_run(vx_global *global) {
-  if (global != nullptr) event_base_loop(context_of(global).base.get(), EVLOOP_NO_EXIT_ON_EMPTY);
+void vx_global_run(vx_global *global) try {
+  if (global == nullptr) return;
+  event_base *base = context_of(global).base.get();
+  ko_platform::resync resync(context_of(global));
+  const timeval at_once{0, 0};  // which is after the wake-up
+  event_base_once(
+      base, -1, EV_TIMEOUT, [](evutil_socket_t, short, void *) { ko_platform::tell_ready(); }, nullptr, &at_once);
+  do event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY);
+  while (resync.carry_out());
+} catch (const std::exception &error) {
+  PLATFORM_ERROR("the event loop cannot run: %s", error.what());
 }
 
 void vx_global_finish(vx_global *global) {

@@ -23,6 +23,11 @@ using event_ptr = std::unique_ptr<event, event_deleter>;
 class attachment {
  public:
   virtual ~attachment() = default;
+
+  // Begins nothing new, so that what is under way comes to its end.
+  virtual void pause() {}
+  virtual bool quiet() const { return true; }  // nothing is under way any more
+  virtual void resume() {}                     // after a pause: goes on
 };
 
 struct global_context final : vx_global {

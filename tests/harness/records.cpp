@@ -53,8 +53,8 @@ record any(uint32_t db, const ProtobufCMessage &message) {
   return out;
 }
 
-record session(const member &of) {
-  UMonitor__MirrorIndex index = index_of(of, "config");
+record session(const member &of, const char *user) {
+  UMonitor__MirrorIndex index = index_of(of, user);
   UMonitor__MirrorLspanInfo message = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
   message.index = &index;
   message.module_type = static_cast<UMonitor__MirrorModule>(of.module);

@@ -36,7 +36,7 @@ struct member {
 
 constexpr uint32_t group_target(uint32_t group) { return group ^ 0xFD000000U; }
 
-record session(const member &of);                                             // u_monitor.mirror_lspan_info
+record session(const member &of, const char *user = "config");                // u_monitor.mirror_lspan_info
 record membership(uint32_t ifx, uint32_t group);                              // p_policy.data_intf_conf
 record result(const member &of, uint32_t value = 0, uint32_t msg_type = 0);   // u_monitor.mirror_result_info of du_span
 record relayed(const member &of, uint32_t value = 0, uint32_t msg_type = 0);  // what the daemon makes of it

@@ -346,4 +346,13 @@ void sandbox::restore(const std::vector<std::string> &lines) const {
   writer.flush();
 }
 
+std::vector<std::string> of_fresh_daemon(const std::vector<std::string> &inputs) {
+  sandbox twin;
+  twin.start_server();
+  twin.restore(inputs);
+  twin.start_daemon();
+  EXPECT_TRUE(twin.settle());
+  return twin.dump();
+}
+
 }  // namespace harness

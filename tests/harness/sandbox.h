@@ -104,4 +104,7 @@ class sandbox {
   process daemon_;
 };
 
+// What a daemon makes of these inputs, lines of a dump, that was never anything but started on them.
+std::vector<std::string> of_fresh_daemon(const std::vector<std::string> &inputs);
+
 }  // namespace harness

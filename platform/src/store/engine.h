@@ -76,6 +76,8 @@ class engine {
   virtual void write(const change &what) = 0;
   // Whether so much is under way that long work should wait for relieved.
   virtual bool congested() const = 0;
+  // Whether every write has its outcome.
+  virtual bool quiet() const { return true; }
 };
 
 }  // namespace ko_store

@@ -324,6 +324,7 @@ void redis_engine::ask(awaited what, std::string_view key, std::string_view reco
     throw;
   }
   ++queued_;
+  if (what.kind == request::write) ++writes_;
   watch();
 }
 
@@ -343,6 +344,7 @@ void redis_engine::drop_oldest() {
   const awaited gone = oldest();
   queue_start_ += sizeof(gone) + gone.key_size + gone.record_size;
   --queued_;
+  if (gone.kind == request::write) --writes_;
   answered_ = 0;
   if (queued_ > 0 && queue_start_ <= queue_.size() / 2) return;
   queue_.erase(0, std::exchange(queue_start_, 0));  // half of it at least, so that a byte is moved once on average

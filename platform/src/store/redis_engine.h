@@ -23,6 +23,7 @@ class redis_engine final : public engine, private redis_link_user {
   void fetch(size_t input, std::string_view key) override;
   void write(const change &what) override;
   bool congested() const override;
+  bool quiet() const override { return writes_ == 0; }
 
  private:
   enum class request { login, select, page, fetch, write };
@@ -91,6 +92,7 @@ class redis_engine final : public engine, private redis_link_user {
   std::string queue_;           // of the writer's requests
   size_t queue_start_ = 0;      // the oldest
   size_t queued_ = 0;           // requests
+  size_t writes_ = 0;           // of these
   unsigned answered_ = 0;       // commands of the oldest that were answered
   std::string error_;           // the first of the request that is being answered
   mutable bool was_congested_ = false;

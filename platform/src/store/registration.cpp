@@ -189,10 +189,27 @@ void registration::guard(const char *doing, auto &&work) try { work(); } catch (
 }
 
 void registration::up() {
-  guard("reading the store", [this] { read_inputs(); });
+  up_ = true;
+  if (!paused_) guard("reading the store", [this] { read_inputs(); });
 }
 
 void registration::down() {
+  up_ = false;
+  forget_reads();
+}
+
+void registration::pause() {
+  paused_ = true;
+  forget_reads();
+}
+
+void registration::resume() {
+  paused_ = false;
+  if (up_) up();
+}
+
+// What is read and announced counts no more.
+void registration::forget_reads() {
   state_ = state::starting;
   scans_ = 0;
   waiting_.clear();

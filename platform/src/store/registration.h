@@ -87,6 +87,10 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void on_all_read(vx_mom_all_ds_cb handler, void *context);
   int32_t put(uint32_t db, const ProtobufCMessage &message, change_kind kind);
 
+  void pause() override;  // what is announced then is read after it
+  bool quiet() const override { return !up_ || engine_->quiet(); }
+  void resume() override;
+
   // Called after every event with its kind (VX_MOM_EVENT_...) and the handler's status; for dry runs and tests.
   std::function<void(uint32_t kind, const ProtobufCMessage &message, int32_t status)> on_event;
 
@@ -130,6 +134,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void relieved() override;
 
   void read_inputs();
+  void forget_reads();
   void compare_outputs();
   void compare_page(output_source &output, std::span<const stored_record> records);
   void scan_done();
@@ -166,6 +171,8 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   std::string app_name_;
   state state_ = state::idle;
   uint32_t declaration_ = 0;
+  bool up_ = false;  // the engine is
+  bool paused_ = false;
   bool own_records_ = false;
   bool all_read_told_ = false;
   bool read_failed_ = false;  // it came to nothing

@@ -1,0 +1,42 @@
+// Resync: the process executes its program again, in place. What is new then is all that a start reads: the program
+// itself, the platform file, level and log files, the store. The process id stays, and so do arguments, environment,
+// and the files that hold a lock.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "global_context.h"
+
+namespace ko_platform {
+
+class resync {
+ public:
+  // From now on SIGHUP asks for a resync; one that was sent while the process started counts. `context` is borrowed.
+  explicit resync(global_context &context);
+  resync(const resync &) = delete;
+  resync &operator=(const resync &) = delete;
+
+  // Ends the event loop as soon as nothing is under way any more. Returns why that cannot be, or an empty text.
+  std::string ask();
+
+  // To be called when the loop has ended. Returns only when no resync was asked for (false), or when the program could
+  // not be executed: everything goes on as it was, and the loop has to run again (true).
+  bool carry_out();
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  void on_signal();
+  void look();
+  void execute();
+
+  global_context &context_;
+  std::string program_;  // path of the executable file, as it was when the process started
+  bool due_ = false;
+  clock::time_point latest_;  // when what is under way is not waited for any more
+  event_ptr signal_;
+  event_ptr poll_;
+};
+
+}  // namespace ko_platform

@@ -1,0 +1,172 @@
+// A resync leaves what a fresh start would, whatever the handlers left behind; it takes everything anew that a start
+// reads, and gives nothing away: the process, its lock, its descriptors; and when it cannot be done, nothing at all.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "sandbox.h"
+
+namespace {
+
+using namespace harness;
+using namespace std::chrono_literals;
+using lines = std::vector<std::string>;
+
+class resync : public ::testing::Test {
+ protected:
+  resync() { box.start_server(); }
+
+  void feed(const std::vector<std::pair<char, record>> &steps) {
+    producer others(box.socket());
+    for (const auto &[sign, what] : steps) sign == '+' ? others.set(what) : others.del(what);
+    others.flush();
+    ASSERT_TRUE(box.settle());
+  }
+
+  size_t reads() const { return count_of(box.log(), "lspan ds over."); }
+
+  void hang_up() {
+    const size_t before = reads();
+    box.daemon().signal(SIGHUP);
+    ASSERT_TRUE(eventually([&] { return reads() == before + 1; }, "the next read"));
+    ASSERT_TRUE(box.settle());
+  }
+
+  sandbox box;
+};
+
+struct left_over {
+  const char *what;
+  std::vector<std::pair<char, record>> steps;
+};
+
+const std::vector<left_over> cases{
+    {"learning comes back at a target that another session has",
+     {{'+', session({1, 1, 5})}, {'+', session({2, 2, 5})}, {'-', session({1, 1, 5})}}},
+    {"a session of two targets",
+     {{'+', session({1, 1, 5})}, {'+', session({1, 1, 6})}, {'-', session({1, 1, 5})}, {'-', session({1, 1, 6})}}},
+    {"a member becomes one of another kind",
+     {{'+', session({1, 1, 5})}, {'+', session({.session = 1, .s_ifx = 1, .d_ifx = 5, .apply = 2, .vlans = {6}})}}},
+    {"a result outlives its member",
+     {{'+', session({1, 1, 5})}, {'+', result({1, 1, 5}, 3)}, {'-', session({1, 1, 5})}, {'-', result({1, 1, 5})}}},
+    {"one of two owners of a member takes its records away",
+     {{'+', session({1, 1, 5})}, {'+', session({1, 1, 5}, "other")}, {'-', session({1, 1, 5})}}},
+};
+
+TEST_F(resync, leaves_what_a_fresh_start_would) {
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  for (const left_over &now : cases) {
+    SCOPED_TRACE(now.what);
+    box.restore({});
+    hang_up();
+    feed(now.steps);
+    const lines expected = of_fresh_daemon(box.inputs());
+    EXPECT_NE(box.dump(), expected) << "nothing was left behind";
+    hang_up();
+    EXPECT_EQ(difference(box.dump(), expected), "");
+  }
+}
+
+// Asks for the lock all the time, as a second instance would.
+class rival {
+ public:
+  explicit rival(const std::string &pid_file)
+      : file_(open(pid_file.c_str(), O_RDWR | O_CLOEXEC)), thread_([this] { run(); }) {}
+  ~rival() {
+    ended_ = true;
+    thread_.join();
+    close(file_);
+  }
+
+  std::atomic<size_t> asked{0}, free{0};
+
+ private:
+  void run() {
+    for (; !ended_; ++asked) {
+      struct flock lock {};
+      lock.l_type = F_WRLCK;
+      if (fcntl(file_, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) ++free;
+    }
+  }
+
+  const int file_;
+  std::atomic<bool> ended_{false};
+  std::thread thread_;
+};
+
+TEST_F(resync, gives_nothing_away) {
+  constexpr uint32_t count = 200;
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  hang_up();  // which closes what the daemon inherited
+  const size_t descriptors = box.daemon().descriptors();
+  {
+    const rival second(box.folder() + "/run/ko_lspan.pid");
+    client server(box.socket());
+    producer others(box.socket());
+    for (uint32_t i = 0; i < count; ++i) {
+      for (uint32_t k = 0; k < 20; ++k) others.set(session({.session = 1 + k, .s_ifx = 1 + i, .d_ifx = 1000 + k}));
+      if (i > 0) others.del(session({.session = 1 + i % 20, .s_ifx = i, .d_ifx = 1000 + i % 20}));
+      others.flush();
+      box.daemon().signal(SIGHUP);
+      if (i % 3 == 0) continue;
+      if (i % 3 == 1) std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
+      box.daemon().signal(SIGHUP);
+      if (i % 10 == 0) {
+        ASSERT_TRUE(box.settle());
+      }
+    }
+    ASSERT_TRUE(box.settle());
+    EXPECT_EQ(second.free, 0U) << "of " << second.asked;
+    EXPECT_GT(second.asked, 1000U);
+  }
+  hang_up();
+  EXPECT_EQ(box.daemon().descriptors(), descriptors);
+  EXPECT_EQ(read_file(box.folder() + "/run/ko_lspan.pid"), std::to_string(box.daemon().pid()) + '\0');
+  EXPECT_EQ(difference(box.dump(), of_fresh_daemon(box.inputs())), "");
+}
+
+TEST_F(resync, takes_everything_anew) {
+  const std::string settings = box.folder() + "/etc/ko_platform/platform.json", program = box.folder() + "/ko_lspan";
+  const auto with_ports = [&](const std::string &ports) {
+    box.use_socket(box.socket());
+    const std::string text = read_file(settings);
+    write_file(settings, text.substr(0, text.size() - 1) + R"(,"ports":{)" + ports + "}}");
+  };
+  std::filesystem::copy_file(KO_LSPAN_PROGRAM, program);
+  with_ports(R"("a":{"ifx":1,"phyid":101})");
+  box.start(box.daemon(), {program, "an argument"});
+  ASSERT_TRUE(box.settle());
+  feed({{'+', session({1, 1, 2})}});
+  const lines unknown = box.dump();
+
+  with_ports(R"("a":{"ifx":1,"phyid":101},"b":{"ifx":2,"phyid":})");
+  box.daemon().signal(SIGHUP);
+  eventually([&] { return count_of(box.log(), "no resync: /etc/ko_platform/platform.json:1:") == 1; }, "what is wrong");
+  with_ports(R"("a":{"ifx":1,"phyid":101},"b":{"ifx":2,"phyid":102})");
+  std::filesystem::rename(program, program + ".old");
+  box.daemon().signal(SIGHUP);
+  eventually([&] { return count_of(box.log(), "/ko_lspan: No such file or directory; all goes on"); }, "its name");
+  write_file(program, "no program");
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  box.daemon().signal(SIGHUP);
+  eventually([&] { return count_of(box.log(), "cannot be executed: Exec format error") == 1; }, "its name");
+  feed({{'+', session({2, 1, 2})}, {'-', session({2, 1, 2})}});
+  EXPECT_EQ(difference(box.dump(), unknown), "");
+
+  std::filesystem::rename(program + ".old", program);
+  std::filesystem::rename(box.folder() + "/log", box.folder() + "/log.1");
+  hang_up();
+  EXPECT_EQ(box.dump().size(), unknown.size() + 4);
+  const std::string before = read_file(box.folder() + "/log.1");
+  feed({{'-', session({1, 1, 2})}});
+  EXPECT_EQ(read_file(box.folder() + "/log.1"), before);
+  const std::string words = read_file("/proc/" + std::to_string(box.daemon().pid()) + "/cmdline");
+  EXPECT_EQ(words, program + '\0' + "an argument" + '\0');
+}
+
+}  // namespace
