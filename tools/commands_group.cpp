@@ -97,7 +97,7 @@ std::map<uint32_t, group_state> load_groups(context &ctx, size_t &bad) {
   }
   for (const loaded_record &record : load_records(ctx, store, CONF_DB, u_monitor__mirror_lspan_info__descriptor, bad)) {
     const member what = from_record(*reinterpret_cast<const UMonitor__MirrorLspanInfo *>(record.message.get()));
-    if (what.targets_group()) groups[what.key.d_ifx ^ ko_span_group_tag].sessions.insert(what.key.session);
+    if (what.targets_group()) groups[ko_span_group_id(what.key.d_ifx)].sessions.insert(what.key.session);
   }
   return groups;
 }

@@ -36,10 +36,7 @@ dry_daemon::dry_daemon(const ko_platform::config &settings, uint32_t log_level, 
     engine_ = engine.get();
     return engine;
   });
-  lspan_global = {};
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-  lspan_global.zlog_category = vx_zlog_init(ko_lspan_app_name);
-  lspan_zlog_level = log_level;
+  lspan_global_init(vx_zlog_init(ko_lspan_app_name), log_level);
   uint8_t run = 0;
   ko_lspan_mom_init(&run);
   if (run == 0) throw refused("the daemon's code cannot be started in this process; look at memory and limits");

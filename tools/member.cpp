@@ -27,9 +27,7 @@ member_key key_from(const UMonitor__MirrorIndex &index) {
   return {index.session_num, index.s_ifx, index.d_ifx, index.dir, index.acl_id, index.t_user};
 }
 
-uint32_t result_target(uint32_t d_ifx) {
-  return (d_ifx & ko_span_group_tag) == ko_span_group_tag ? d_ifx & ~ko_span_group_tag : d_ifx;
-}
+uint32_t result_target(uint32_t d_ifx) { return ko_span_is_group_ifx(d_ifx) ? ko_span_group_id(d_ifx) : d_ifx; }
 
 change make_change(const member &what, ko_store::change_kind kind) {
   UMonitor__MirrorIndex index = index_of(what.key);

@@ -54,10 +54,7 @@ bool names_group(const ProtobufCMessage &message) {
   return field != nullptr && value_at<uint32_t>(message, *field) == U_MONITOR__MIRROR_MODULE__GROUP;
 }
 
-bool is_group(uint32_t target, bool named) {
-  constexpr uint32_t tag_bits = 0xFF000000;
-  return named || (target & tag_bits) == ko_span_group_tag;
-}
+bool is_group(uint32_t target, bool named) { return named || ko_span_is_group_ifx(target); }
 
 json bit_map_json(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field) {
   const size_t n_words = *static_cast<const size_t *>(member_at(message, field.quantifier_offset));
@@ -235,10 +232,10 @@ std::string enum_text(const ProtobufCEnumDescriptor &type, uint32_t value) {
 
 std::optional<uint32_t> parse_group_target(std::string_view text) {
   if (!text.starts_with(group_prefix)) return std::nullopt;
-  return parse_number(text.substr(group_prefix.size()), "group", 1) ^ ko_span_group_tag;
+  return ko_span_group_ifx(parse_number(text.substr(group_prefix.size()), "group", 1));
 }
 
-std::string group_text(uint32_t d_ifx) { return std::string(group_prefix) + std::to_string(d_ifx ^ ko_span_group_tag); }
+std::string group_text(uint32_t d_ifx) { return std::string(group_prefix) + std::to_string(ko_span_group_id(d_ifx)); }
 
 // ---- from JSON ----
 

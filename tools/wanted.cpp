@@ -68,7 +68,7 @@ class computation {
           state_.wanted[{kind.db, kind.type->name, key}] = record;
     for (member_outcome &outcome : state_.members) {
       if (!outcome.what.targets_group()) continue;
-      const auto group = groups_.find(outcome.what.key.d_ifx ^ ko_span_group_tag);
+      const auto group = groups_.find(ko_span_group_id(outcome.what.key.d_ifx));
       outcome.group_is_empty = group == groups_.end();
       if (!outcome.group_is_empty)
         outcome.touched.insert(outcome.touched.end(), group->second.begin(), group->second.end());

@@ -39,10 +39,11 @@ struct dl_init_step_t {
   uint32_t mask;                        // runs when all these bits are selected; 0: always
 };
 
-// Runs the steps that `flags` (DL_INIT_...) selects. Returns 0, or the status of the first step that failed: -4 for
-// a missing argument, -7 or -8 for the process name, -11 for the pid file, -17 for a log category or the global
-// context, or the monitor's own status. Nothing is undone after a failure. When another instance holds the pid file
-// the process ends here, with status -11.
+// Runs the steps that `flags` (DL_INIT_...) selects. Returns 0, or the status of the first step that failed:
+// ko_status_invalid for a missing argument, ko_status_not_found or ko_status_unreadable for the process name,
+// ko_status_locked for the pid file, ko_status_unavailable for a log category or the global context, or the monitor's
+// own status. What was done before a failure stays. When another instance holds the pid file the process ends here,
+// with status ko_status_locked.
 int32_t dl_init(uint32_t flags, const dl_init_in_t *in, dl_init_out_t *out);
 
 // Writes what `arg` holds to the start-up module's log channel, at info level.
@@ -60,5 +61,5 @@ int32_t dl_init_global(dl_init_arg_t *arg);
 // Reads the level file of `in->zlog_conf` into *level; 1 when it holds no number.
 void dl_get_zlog_level(const dl_init_in_t *in, uint32_t *level);
 
-// Reports that the category of `in->zlog_conf` cannot be had. Returns -17.
+// Reports that the category of `in->zlog_conf` cannot be had. Returns ko_status_unavailable.
 int32_t dl_get_zlog_category(const dl_init_in_t *in);

@@ -14,19 +14,19 @@
 #include "001_init_a/dl_init.h"
 #include "001_init_a/dl_zlog.h"
 #include "ham_lib.h"
+#include "ko_status.h"
 
 namespace {
 
 constexpr uint32_t ham_exit_action = 2;  // what the monitor does when this process ends
 
-// Puts the base name of the executable file into the zeroed `name`. Returns 0, -8 when the link cannot be read, -7
-// when it holds no path.
+// Puts the base name of the executable file into the zeroed `name`. Returns 0, or why there is none.
 int32_t read_proc_name(char *name) {
   char path[dl_name_size] = {};
-  if (readlink("/proc/self/exe", path, sizeof(path)) <= 0) return -8;
+  if (readlink("/proc/self/exe", path, sizeof(path)) <= 0) return ko_status_unreadable;
   path[sizeof(path) - 1] = '\0';
   const char *slash = std::strrchr(path, '/');
-  if (slash == nullptr) return -7;
+  if (slash == nullptr) return ko_status_not_found;
   std::snprintf(name, dl_name_size, "%s", slash + 1);
   return 0;
 }
@@ -87,11 +87,11 @@ int32_t dl_init_proc_name(dl_init_arg_t *arg) {
 int32_t dl_init_user_param(dl_init_arg_t *arg) {
   if (arg->in == nullptr) {
     DL_ERROR("\033[31m<init> in is (NULL).\033[0m");
-    return -4;
+    return ko_status_invalid;
   }
   if (arg->out == nullptr) {
     DL_ERROR("\033[31m<init> out is (NULL).\033[0m");
-    return -4;
+    return ko_status_invalid;
   }
   *arg->out = {};
   return 0;
@@ -104,12 +104,12 @@ int32_t dl_init_running_check(dl_init_arg_t *arg) {
   if (fd < 0) fd = open(path, O_RDWR | O_CREAT, 0644);
   if (fd < 0) {
     DL_ERROR("\033[31m<init> open lockfile failed, fd = %d\033[0m", fd);
-    return -11;
+    return ko_status_locked;
   }
   if (!lock_file(fd)) {
     DL_ERROR("\033[31m<init> lock lockfile failed\033[0m");
     close(fd);
-    std::exit(-11);
+    std::exit(ko_status_locked);
   }
   write_pid(fd);
   return 0;
@@ -138,7 +138,7 @@ int32_t dl_init_global(dl_init_arg_t *arg) {
     cached_global = vx_global_init(arg->proc_name);
     if (cached_global == nullptr) {
       DL_ERROR("\033[31m<init> init global failed.\033[0m");
-      return -17;
+      return ko_status_unavailable;
     }
     DL_INFO("\033[32m<init> init global successfully.\033[0m");
     created = 1;

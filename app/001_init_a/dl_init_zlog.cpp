@@ -6,6 +6,7 @@
 
 #include "001_init_a/dl_init.h"
 #include "001_init_a/dl_zlog.h"
+#include "ko_status.h"
 
 vx_zlog_category *dl_inner_zlog_category = nullptr;
 uint32_t dl_inner_zlog_level = 1;
@@ -50,7 +51,7 @@ int32_t dl_init_zlog(dl_init_arg_t *arg) {
   const dl_init_in_t *in = arg->in;
   if (in->zlog_conf == nullptr) {
     DL_ERROR("\033[31m<init> zlog_conf is (NULL).\033[0m");
-    return -4;
+    return ko_status_invalid;
   }
   arg->out->zlog_category = vx_zlog_init(in->zlog_conf);
   if (arg->out->zlog_category == nullptr) {
@@ -78,5 +79,5 @@ void dl_get_zlog_level(const dl_init_in_t *in, uint32_t *level) {
 
 int32_t dl_get_zlog_category(const dl_init_in_t *in) {
   DL_ERROR("\033[31m<init> init zlog %s failed.\033[0m", in->zlog_conf);
-  return -17;
+  return ko_status_unavailable;
 }

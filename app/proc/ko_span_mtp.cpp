@@ -6,8 +6,8 @@
 #include "proc/ko_span_public.h"
 #include "proc/ko_span_record.h"
 #include "proc/ko_span_target.h"
-#include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
+#include "proc/lspan_global.h"
 
 namespace {
 
@@ -16,30 +16,8 @@ constexpr uint32_t mtp_local = 0;
 constexpr uint32_t mtp_rspan = 1;
 constexpr uint32_t mtp_erspan = 2;
 
-constexpr ko_span_record_kind<UMonitor__SpanMtpInfo> local_mtp = {
-    "ko_span_mom_mtp_set",
-    "fill mtp info key failed. ret=%d\r\n",
-    "mtp info set to UDP_DB, ret=%d\r\n",
-    "mtp info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_mtp_info__init,
-};
-constexpr ko_span_record_kind<UMonitor__SpanVlanMtpInfo> vlan_mtp = {
-    "ko_span_mom_vlan_mtp_set",
-    "fill vlan mtp info key failed. ret=%d\r\n",
-    "vlan mtp info set to UDP_DB, ret=%d\r\n",
-    "vlan mtp info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_vlan_mtp_info__init,
-};
-constexpr ko_span_record_kind<UMonitor__SpanIpMtpInfo> ip_mtp = {
-    "ko_span_mom_ip_mtp_set",
-    "fill ip mtp info key failed. ret=%d\r\n",
-    "ip mtp info set to UDP_DB, ret=%d\r\n",
-    "ip mtp info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_ip_mtp_info__init,
-};
-
-outgrb_group_info *find_group(uint32_t tagged) {
-  const uint32_t group_id = tagged ^ ko_span_group_tag;
+outgrb_group_info *find_group(uint32_t d_phyid) {
+  const uint32_t group_id = ko_span_group_id(d_phyid);
   return outgrb_group_hash_get(&group_id);
 }
 
@@ -86,38 +64,67 @@ void fill_kind(mtp_info *entry, const span_info *info) {
 }  // namespace
 
 int32_t ko_span_mom_mtp_set(vx_global *store, const span_info *info, uint32_t is_del) {
-  return ko_span_write_record(store, info, is_del, local_mtp, [info](UMonitor__SpanMtpInfo *record) {
-    record->module_type = info->module_type;
-    record->role = info->role;
-    record->mtp_switch = info->mtp_switch;
-    return 0;
-  });
+  UMonitor__SpanMtpInfo record = U_MONITOR__SPAN_MTP_INFO__INIT;
+  UMonitor__SpanMtpInfoIndex key = U_MONITOR__SPAN_MTP_INFO_INDEX__INIT;
+  int32_t rc = ko_span_fill_mtp_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill mtp info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) {
+    record.module_type = info->module_type;
+    record.role = info->role;
+    record.mtp_switch = info->mtp_switch;
+  }
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "mtp info set to UDP_DB, ret=%d\r\n" : "mtp info del to UDP_DB, ret=%d\r\n", rc);
+  return rc;
 }
 
 int32_t ko_span_mom_vlan_mtp_set(vx_global *store, const span_info *info, uint32_t is_del) {
-  return ko_span_write_record(store, info, is_del, vlan_mtp, [info](UMonitor__SpanVlanMtpInfo *record) {
-    record->rspan_vlan = info->rspan_vlan;
-    return 0;
-  });
+  UMonitor__SpanVlanMtpInfo record = U_MONITOR__SPAN_VLAN_MTP_INFO__INIT;
+  UMonitor__SpanMtpInfoIndex key = U_MONITOR__SPAN_MTP_INFO_INDEX__INIT;
+  int32_t rc = ko_span_fill_mtp_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill vlan mtp info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) record.rspan_vlan = info->rspan_vlan;
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "vlan mtp info set to UDP_DB, ret=%d\r\n" : "vlan mtp info del to UDP_DB, ret=%d\r\n", rc);
+  return rc;
 }
 
 int32_t ko_span_mom_ip_mtp_set(vx_global *store, const span_info *info, uint32_t is_del) {
+  UMonitor__SpanIpMtpInfo record = U_MONITOR__SPAN_IP_MTP_INFO__INIT;
+  UMonitor__SpanMtpInfoIndex key = U_MONITOR__SPAN_MTP_INFO_INDEX__INIT;
   UMonitor__SpanIpInfo head = ko_span_ip_head(info);
-  return ko_span_write_record(store, info, is_del, ip_mtp, [&head](UMonitor__SpanIpMtpInfo *record) {
-    record->ip_head = &head;
-    return 0;
-  });
+  int32_t rc = ko_span_fill_mtp_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill ip mtp info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) record.ip_head = &head;
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "ip mtp info set to UDP_DB, ret=%d\r\n" : "ip mtp info del to UDP_DB, ret=%d\r\n", rc);
+  return rc;
 }
 
 int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, uint32_t is_del) {
   uint32_t d_phyid = 0;
-  const int32_t rc = ko_span_target_phyid(info, __func__, &d_phyid);
-  if (rc != 0) return rc;
+  const int32_t rc = ko_span_target_phyid(info, &d_phyid);
+  if (rc != 0) {
+    LSPAN_ERROR("libddm get dphyid failed. ret=%d, d_ifx=%d\r\n", rc, info->d_ifx);
+    return rc;
+  }
   mtp_info *entry = mirror_list_search_mtp_info(mtp_list, info->session_num);
   if (is_del != 0) {
     if (entry == nullptr) {
       LSPAN_ERROR("not find mtp info!\r\n");
-      return ko_span_not_found;
+      return ko_status_not_found;
     }
     remove_entry(entry, d_phyid);
     return 0;
@@ -125,7 +132,7 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
   if (entry == nullptr) entry = add_entry(mtp_list);
   if (entry == nullptr) {
     LSPAN_ERROR("add mtp info failed.");
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
   entry->mtp_switch = info->mtp_switch;
   entry->session_id = info->session_num;
@@ -133,7 +140,7 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
   entry->role = idl_role_trans_to_local(info->role);
   entry->module_type = info->module_type;
   const bool to_group = ko_span_targets_group(info);
-  ko_span_target_set(entry, to_group, to_group ? info->d_ifx ^ ko_span_group_tag : info->d_ifx);
+  ko_span_target_set(entry, to_group, to_group ? ko_span_group_id(info->d_ifx) : info->d_ifx);
   outgrb_group_info *group = to_group ? find_group(d_phyid) : nullptr;
   if (group != nullptr) {
     LSPAN_DEBUG("======find outflow-group'info ========");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "ko_status.h"
 #include "mirror_list.h"
 #include "u_monitor.pb-c.h"
 #include "vx_global.h"
@@ -16,14 +17,15 @@ inline constexpr uint32_t CONF_DB = 4;  // configuration, and the results relaye
 inline constexpr uint32_t FWD_DB = 6;   // port learning
 inline constexpr uint32_t UDP_DB = 8;   // derived mirror records, and the forwarding side's results
 
-// An outflow group stands where an interface index is wanted as its id XOR this tag. It is never translated.
+// An outflow group stands where an interface index is wanted, as a number of its own kind that is never translated: the
+// group's id with a tag. The same call would make and undo it; the names tell which is meant.
 inline constexpr uint32_t ko_span_group_tag = 0xFD000000;
+constexpr uint32_t ko_span_group_ifx(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
+constexpr uint32_t ko_span_group_id(uint32_t ifx) { return ifx ^ ko_span_group_tag; }
+constexpr bool ko_span_is_group_ifx(uint32_t ifx) { return (ifx & ko_span_group_tag) == ko_span_group_tag; }
 
 // Owner of the forwarding side's result records.
 inline constexpr const char *ko_span_peer_name = "du_span";
-
-inline constexpr int32_t ko_span_no_memory = -2;
-inline constexpr int32_t ko_span_not_found = -7;
 
 // One session member on its way from the event to the writers. Lives for the duration of the event; its readers copy
 // what they keep. Numbers are as received.
@@ -72,12 +74,11 @@ inline bool ko_span_targets_group(const span_info *info) {
 // code: then *d_phyid is as it was, and *s_phyid too when the source failed.
 int32_t ko_span_trans_mirror_ifx_to_phyid(uint32_t s_ifx, uint32_t d_ifx, uint32_t *s_phyid, uint32_t *d_phyid);
 
-// The member's physical ids, where a group target stands for itself. Returns 0 or the translation's code (logged under
-// the function name `caller`).
-int32_t ko_span_member_phyids(const span_info *info, const char *caller, uint32_t *s_phyid, uint32_t *d_phyid);
+// The member's physical ids, where a group target stands for itself. Returns 0 or the translation's code.
+int32_t ko_span_member_phyids(const span_info *info, uint32_t *s_phyid, uint32_t *d_phyid);
 
-// The physical id of the member's target alone, under the same rules (a failure is logged under the name `caller`).
-int32_t ko_span_target_phyid(const span_info *info, const char *caller, uint32_t *d_phyid);
+// The physical id of the member's target alone, under the same rules. It logs nothing: the caller does.
+int32_t ko_span_target_phyid(const span_info *info, uint32_t *d_phyid);
 
 // Fill a key (its texts are borrowed from `info`). Return 0 or the translation's code with the key as it was.
 int32_t ko_span_fill_src_info_key(const span_info *info, UMonitor__SpanSrcInfoIndex *key);
@@ -85,7 +86,7 @@ int32_t ko_span_fill_mtp_info_key(const span_info *info, UMonitor__SpanMtpInfoIn
 
 // ---- records in UDP_DB: written when `is_del` is 0, else deleted ----
 //
-// Each returns 0, the translation's code or the store's code; the VLAN source also ko_span_no_memory.
+// Each returns 0, the translation's code or the store's code; the VLAN source also ko_status_no_memory.
 
 // The member's source record: port, ACL or VLAN by its apply type.
 int32_t ko_span_mom_src_set(vx_global *store, const span_info *info, uint32_t is_del);
@@ -109,7 +110,7 @@ int32_t ko_span_del_result(vx_global *store, const UMonitor__MirrorIndex *index)
 
 // ---- entries of the session list: added or updated when `is_del` is 0, else removed and freed ----
 //
-// Each returns 0, the translation's code, ko_span_not_found for an entry to remove, or ko_span_no_memory.
+// Each returns 0, the translation's code, ko_status_not_found for an entry to remove, or ko_status_no_memory.
 
 int32_t ko_span_db_set_src_info(mirror_link *src_list, const span_info *info, uint32_t is_del);
 int32_t ko_span_db_set_dst_info(mirror_link *dst_list, const span_info *info, uint32_t is_del);
@@ -126,7 +127,7 @@ void ko_span_db_save_info(mirror_link *session_list, const span_info *info);
 // session has neither sources nor destinations left, else it stays as it was.
 void ko_span_db_clear_info(mirror_link *session_list, const span_info *info, uint8_t *last);
 
-// Copies the source entry of (dir, s_ifx, acl_id) in session `session_num` into *copy. Returns 0, ko_span_not_found
+// Copies the source entry of (dir, s_ifx, acl_id) in session `session_num` into *copy. Returns 0, ko_status_not_found
 // (no session: the copy is not touched; no source: it is zeroed) or the translation's code.
 int32_t ko_span_search_src_info(mirror_link *session_list, uint32_t session_num, uint32_t s_ifx, uint32_t dir,
                                 uint32_t acl_id, src_info *copy);

@@ -5,7 +5,7 @@
 #include "libddm.h"
 #include "proc/ko_span_public.h"
 #include "proc/lspan/ko_list.h"
-#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan_global.h"
 
 void ko_span_db_save_info(mirror_link *session_list, const span_info *info) {
   mirror_info *session = mirror_list_search_session_info(session_list, info->session_num);
@@ -50,7 +50,7 @@ int32_t ko_span_del_result(vx_global *store, const UMonitor__MirrorIndex *index)
   key.s_ifx = index->s_ifx;
   key.d_ifx = index->d_ifx;
   // The peer names a group by its bare id.
-  if ((key.d_ifx & ko_span_group_tag) == ko_span_group_tag) key.d_ifx &= ~ko_span_group_tag;
+  if (ko_span_is_group_ifx(key.d_ifx)) key.d_ifx = ko_span_group_id(key.d_ifx);
   key.dir = index->dir;
   key.acl_id = index->acl_id;
   record.index = &key;
@@ -64,7 +64,7 @@ int32_t ko_span_search_src_info(mirror_link *session_list, uint32_t session_num,
   mirror_info *session = mirror_list_search_session_info(session_list, session_num);
   if (session == nullptr) {
     LSPAN_ERROR("not find mirror_info!\r\n");
-    return ko_span_not_found;
+    return ko_status_not_found;
   }
   uint32_t s_phyid = 0;
   if (s_ifx != 0) {
@@ -78,7 +78,7 @@ int32_t ko_span_search_src_info(mirror_link *session_list, uint32_t session_num,
   const src_info *entry = mirror_list_search_src_info(&session->src_list, dir, s_phyid, acl_id);
   if (entry == nullptr) {
     LSPAN_ERROR("not find src_info!\r\n");
-    return ko_span_not_found;
+    return ko_status_not_found;
   }
   *copy = *entry;
   return 0;

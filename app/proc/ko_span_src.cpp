@@ -6,7 +6,7 @@
 #include "idl_trans.h"
 #include "proc/ko_span_public.h"
 #include "proc/ko_span_record.h"
-#include "proc/lspan/ko_lspan.h"
+#include "proc/lspan_global.h"
 
 namespace {
 
@@ -14,43 +14,15 @@ namespace {
 constexpr uint32_t local_vlan = 2;
 constexpr uint32_t local_vlan_filter = 3;
 
-constexpr ko_span_record_kind<UMonitor__SpanPortSrcInfo> port_src = {
-    "ko_span_mom_port_src_set",
-    "fill port info key failed. ret=%d\r\n",
-    "port info set to UDP_DB, ret=%d\r\n",
-    "port info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_port_src_info__init,
-};
-constexpr ko_span_record_kind<UMonitor__SpanAclSrcInfo> acl_src = {
-    "ko_span_mom_acl_src_set",
-    "fill acl info key failed. ret=%d\r\n",
-    "acl info set to UDP_DB, ret=%d\r\n",
-    "acl info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_acl_src_info__init,
-};
-constexpr ko_span_record_kind<UMonitor__SpanVlanSrcInfo> vlan_src = {
-    "ko_span_mom_vlan_src_set",
-    "fill vlan info key failed. ret=%d\r\n",
-    "vlan info set to UDP_DB, ret=%d\r\n",
-    "valn info del to UDP_DB, ret=%d\r\n",
-    u_monitor__span_vlan_src_info__init,
-};
-
-// The record borrows *words, which the caller frees. An empty map needs none.
-int32_t fill_vlan_src(const span_info *info, UMonitor__SpanVlanSrcInfo *record, uint32_t **words) {
-  record->module_type = info->module_type;
-  record->role = info->role;
+// Gives the record words of its own, which the caller frees; an empty map needs none. False when memory is exhausted.
+bool copy_vlan_map(const span_info *info, UMonitor__SpanVlanSrcInfo *record) {
   record->n_vlan_map = info->n_vlan_map;
-  if (info->n_vlan_map == 0) return 0;
+  if (info->n_vlan_map == 0) return true;
   const size_t size = info->n_vlan_map * sizeof(uint32_t);
-  *words = static_cast<uint32_t *>(malloc(size));
-  if (*words == nullptr) {
-    LSPAN_LOG_AS(dl_zlog_error, vlan_src.setter, "vlan map malloc fail.\r\n");
-    return ko_span_no_memory;
-  }
-  memcpy(*words, info->vlan_map, size);
-  record->vlan_map = *words;
-  return 0;
+  record->vlan_map = static_cast<uint32_t *>(malloc(size));
+  if (record->vlan_map == nullptr) return false;
+  memcpy(record->vlan_map, info->vlan_map, size);
+  return true;
 }
 
 void fill_entry(src_info *entry, const span_info *info, uint32_t s_phyid, uint32_t d_phyid) {
@@ -77,41 +49,78 @@ int32_t ko_span_mom_src_set(vx_global *store, const span_info *info, uint32_t is
 }
 
 int32_t ko_span_mom_port_src_set(vx_global *store, const span_info *info, uint32_t is_del) {
-  return ko_span_write_record(store, info, is_del, port_src, [info](UMonitor__SpanPortSrcInfo *record) {
-    ko_span_set_enum(&record->module_type, info->module_type);
-    ko_span_set_enum(&record->role, info->role);
-    return 0;
-  });
+  UMonitor__SpanPortSrcInfo record = U_MONITOR__SPAN_PORT_SRC_INFO__INIT;
+  UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
+  int32_t rc = ko_span_fill_src_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill port info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) {
+    ko_span_set_enum(&record.module_type, info->module_type);
+    ko_span_set_enum(&record.role, info->role);
+  }
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "port info set to UDP_DB, ret=%d\r\n" : "port info del to UDP_DB, ret=%d\r\n", rc);
+  return rc;
 }
 
 int32_t ko_span_mom_acl_src_set(vx_global *store, const span_info *info, uint32_t is_del) {
-  return ko_span_write_record(store, info, is_del, acl_src, [info](UMonitor__SpanAclSrcInfo *record) {
-    record->module_type = info->module_type;
-    record->role = info->role;
-    record->src_is_subif = info->src_is_subif;
-    return 0;
-  });
+  UMonitor__SpanAclSrcInfo record = U_MONITOR__SPAN_ACL_SRC_INFO__INIT;
+  UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
+  int32_t rc = ko_span_fill_src_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill acl info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) {
+    record.module_type = info->module_type;
+    record.role = info->role;
+    record.src_is_subif = info->src_is_subif;
+  }
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "acl info set to UDP_DB, ret=%d\r\n" : "acl info del to UDP_DB, ret=%d\r\n", rc);
+  return rc;
 }
 
 int32_t ko_span_mom_vlan_src_set(vx_global *store, const span_info *info, uint32_t is_del) {
-  uint32_t *words = nullptr;
-  const int32_t rc = ko_span_write_record(
-      store, info, is_del, vlan_src,
-      [info, &words](UMonitor__SpanVlanSrcInfo *record) { return fill_vlan_src(info, record, &words); });
-  free(words);
+  UMonitor__SpanVlanSrcInfo record = U_MONITOR__SPAN_VLAN_SRC_INFO__INIT;
+  UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
+  int32_t rc = ko_span_fill_src_info_key(info, &key);
+  if (rc != 0) {
+    LSPAN_ERROR("fill vlan info key failed. ret=%d\r\n", rc);
+    return rc;
+  }
+  record.index = &key;
+  if (is_del == 0) {
+    record.module_type = info->module_type;
+    record.role = info->role;
+    if (!copy_vlan_map(info, &record)) {
+      LSPAN_ERROR("vlan map malloc fail.\r\n");
+      return ko_status_no_memory;
+    }
+  }
+  rc = ko_span_put_record(store, &record.base, is_del);
+  LSPAN_DEBUG(is_del == 0 ? "vlan info set to UDP_DB, ret=%d\r\n" : "valn info del to UDP_DB, ret=%d\r\n", rc);
+  free(record.vlan_map);
   return rc;
 }
 
 int32_t ko_span_db_set_src_info(mirror_link *src_list, const span_info *info, uint32_t is_del) {
   uint32_t s_phyid = 0;
   uint32_t d_phyid = 0;
-  const int32_t rc = ko_span_member_phyids(info, __func__, &s_phyid, &d_phyid);
-  if (rc != 0) return rc;
+  const int32_t rc = ko_span_member_phyids(info, &s_phyid, &d_phyid);
+  if (rc != 0) {
+    LSPAN_ERROR("trans ifx to phyid failed. ret=%d\r\n", rc);
+    return rc;
+  }
   src_info *entry = mirror_list_search_src_info(src_list, info->dir, s_phyid, info->acl_id);
   if (is_del != 0) {
     if (entry == nullptr) {
       LSPAN_ERROR("not find src info!\r\n");
-      return ko_span_not_found;
+      return ko_status_not_found;
     }
     mirror_list_del(&entry->link);
     free(entry);
@@ -120,7 +129,7 @@ int32_t ko_span_db_set_src_info(mirror_link *src_list, const span_info *info, ui
   if (entry == nullptr) entry = mirror_list_add_src_info(src_list);
   if (entry == nullptr) {
     LSPAN_ERROR("add src info failed.");
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
   fill_entry(entry, info, s_phyid, d_phyid);
   return 0;

@@ -9,8 +9,8 @@
 
 #include "proc/ko_span_public.h"
 #include "proc/lspan/ko_list.h"
-#include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
+#include "proc/lspan_global.h"
 
 namespace {
 
@@ -70,7 +70,7 @@ int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target) {
     return 0;
   } catch (const std::bad_alloc &) {
     records.erase(target);
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
 }
 

@@ -10,7 +10,7 @@
 struct outgrb_group_info;
 
 // Takes a new entry of a session's `mtp_list` into the table; it targets interface 0 until it is told otherwise.
-// Returns 0, or ko_span_no_memory with the table as it was.
+// Returns 0, or ko_status_no_memory with the table as it was.
 int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target);
 
 // The entry now targets group `number`, or else interface `number`.

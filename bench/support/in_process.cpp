@@ -28,8 +28,7 @@ void sink_engine::announce(const record &what, ko_store::change_kind kind) {
 
 void start_in_process(ko_store::engine_factory make_engine) {
   ko_store::use_engine(std::move(make_engine));
-  lspan_global.zlog_category = vx_zlog_init(ko_lspan_app_name);
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
+  lspan_global_init(vx_zlog_init(ko_lspan_app_name), 1);
   uint8_t run = 0;
   ko_lspan_mom_init(&run);
   if (run == 0) std::exit(1);

@@ -14,10 +14,10 @@ extern "C" {
 /* Called from inside the event loop. `context` is the service's own; the status is returned to the service. */
 typedef int32_t (*rdnd_awake_cb)(void *context);
 
-/* Ten words, 32 bits each on the switch. Everything it points at outlives the call. */
+/* Ten words, 32 bits each on the switch. It and everything it points at last as long as the process. */
 struct rdnd_mom_reg_info {
-  uintptr_t instance;       /* the context's `instance` */
-  const char *app_name;     /* borrowed until the process ends */
+  uintptr_t instance; /* the context's `instance` */
+  const char *app_name;
   struct vx_global *global; /* the context that the callbacks run in */
   rdnd_awake_cb awake;      /* the process may start its work */
   rdnd_awake_cb awake_peer; /* the same for a process that takes over from a peer */
@@ -46,8 +46,8 @@ RDND_WORD(n_db, 9);
 #undef RDND_WORD
 #endif
 
-/* Registers the process. The record is copied. The wake-up callback is called once, later, from inside the
- * event loop. Returns 0 or a non-zero status. */
+/* Registers the process; the library may keep the record's address. The wake-up callback is called once, later, from
+ * inside the event loop. Returns 0 or a non-zero status. */
 int32_t rdnd_lib_mom_reg(const struct rdnd_mom_reg_info *info);
 
 #ifdef __cplusplus

@@ -91,9 +91,9 @@ typedef int32_t (*vx_mom_event_cb)(void *context, uint32_t is_del, const void *m
 /* Handler of the all-data-sources-over event: every declared input was read for the first time. */
 typedef int32_t (*vx_mom_all_ds_cb)(void *context);
 
-/* Registers the application `app_name` (copied) with the store. `global` may be null: a context is created then.
- * Returns the handle, owned by the library until the context is finished, or null when the platform's
- * configuration cannot be used. A store that cannot be reached is no failure: it is tried again. */
+/* Registers the application `app_name` (copied) with the store. `opt` lasts as long as the process. `global` may be
+ * null: a context is created then. Returns the handle, owned by the library until the context is finished, or null when
+ * the platform's configuration cannot be used. A store that cannot be reached is no failure: it is tried again. */
 struct vx_mom_ab *vx_mom_ab_init(struct vx_global *global, const char *app_name, const struct vx_mom_ab_opt *opt);
 
 /* Declares the sources; replaces what was declared before. Entries and templates are copied. An input whose messages

@@ -125,9 +125,7 @@ void scrambler::must_be_up() const {
 }
 
 world::world(std::vector<record> stored) {
-  lspan_global = {};
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-  lspan_global.zlog_category = vx_zlog_init("ko_lspan");
+  lspan_global_init(vx_zlog_init(ko_lspan_app_name), lspan_zlog_level);
   use_engine([this, stored = std::move(stored)](vx_global &global) {
     auto engine = std::exchange(between_daemons_, nullptr);
     if (engine == nullptr) {

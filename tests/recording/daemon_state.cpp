@@ -166,7 +166,7 @@ std::string broken_session(mirror_info &session, std::set<const mtp_info *> &tar
 const mtp_info *first_target(uint32_t group_id) {
   for (mirror_info *session : entries<mirror_info>(lspan_global.session_list))
     for (const mtp_info *target : entries<mtp_info>(session->mtp_list))
-      if (target->module_type == U_MONITOR__MIRROR_MODULE__GROUP && (target->d_phyid ^ ko_span_group_tag) == group_id)
+      if (target->module_type == U_MONITOR__MIRROR_MODULE__GROUP && ko_span_group_id(target->d_phyid) == group_id)
         return target;
   return nullptr;
 }
@@ -197,7 +197,6 @@ std::string broken_member(uint32_t ifx, uint32_t group_id) {
 void forget_daemon() {
   forget_groups();
   forget_sessions();
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
 }
 
 void note_saved(uint32_t session_id, bool something_failed) {

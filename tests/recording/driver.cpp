@@ -27,9 +27,8 @@ void reset() {
   static const bool tables_made = outgrb_mbr_hash_init() == 0 && outgrb_group_hash_init() == 0;
   if (!tables_made) std::abort();
   forget_daemon();
+  lspan_global_init(recording::category("ko_lspan"), 1);
   lspan_global.global = recording::global();
-  lspan_global.zlog_category = recording::category("ko_lspan");
-  lspan_zlog_level = 1;
 }
 
 int32_t member_event(const member &what, bool is_del) {

@@ -18,7 +18,7 @@ struct member {
   std::vector<uint32_t> vlan;
 };
 
-constexpr uint32_t group_target(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
+constexpr uint32_t group_target(uint32_t group_id) { return ko_span_group_ifx(group_id); }
 
 // Puts recording platform and daemon where main has them when the first event arrives: nothing known, log level 1.
 // Frees what the daemon had, so that it can be called between any two events, and at the end for the leak checker.

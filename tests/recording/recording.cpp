@@ -50,7 +50,8 @@ struct state {
   std::map<uint32_t, int32_t> untranslatable;
   std::map<std::tuple<uint32_t, std::string_view, std::string>, stored> store;  // by database, message, packed key
   vx_mom_all_ds_cb all_ds = nullptr;
-  rdnd_awake_cb awake = nullptr;
+  const vx_mom_ab_opt *option = nullptr;  // as a library may, this one keeps pointers that have to last
+  const rdnd_mom_reg_info *redundancy = nullptr;
   std::map<const void *, std::string> names{{nullptr, "null"}, {&the_global, "context"}, {&the_ab, "sources"}};
   std::function<void()> run;
 } now;
@@ -222,7 +223,7 @@ void name_pointer(const void *pointer, const std::string &name) { now.names[poin
 
 void on_run(std::function<void()> body) { now.run = std::move(body); }
 
-rdnd_awake_cb awake() { return now.awake; }
+rdnd_awake_cb awake() { return now.redundancy == nullptr ? nullptr : now.redundancy->awake; }
 
 vx_mom_all_ds_cb all_ds_handler() { return now.all_ds; }
 
@@ -250,6 +251,7 @@ int32_t vx_mom_publish(vx_global *store, uint32_t db_id, const ProtobufCMessage 
 vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_ab_opt *opt) {
   const int32_t code = answer(__func__);
   record_call(__func__, null_if(code), global, app_name, opt->word[0], opt->word[1]);
+  now.option = opt;
   return code == 0 ? &the_ab : nullptr;
 }
 
@@ -292,7 +294,8 @@ vx_global *vx_global_init(const char *proc_name) {
 }
 
 void vx_global_run(vx_global *global) {
-  record_call(__func__, "", global);
+  const bool lasts = now.option != nullptr && now.option->word[0] == 0 && now.option->word[1] == 0;
+  record_call(__func__, lasts ? "" : " with an option record that is gone", global);
   if (now.run) now.run();
 }
 
@@ -306,7 +309,7 @@ int32_t rdnd_lib_mom_reg(const rdnd_mom_reg_info *info) {
   const std::string instance = info->instance == the_global.instance ? "instance" : "?";
   record_call(__func__, answered(code), info->app_name, instance, info->global, info->awake, info->awake_peer,
               rest + ']');
-  if (code == 0) now.awake = info->awake;
+  if (code == 0) now.redundancy = info;
   return code;
 }
 

@@ -1,24 +1,7 @@
 // Takes away what the add of a session member brought. Every key is derived from the delete event; the entries in
 // memory only tell how much there is to remove.
-#include "libddm.h"
 #include "proc/ko_span_public.h"
 #include "proc/lspan/ko_lspan.h"
-
-namespace {
-
-// The member's source record and the forwarding side's result for it.
-int32_t del_source(const UMonitor__MirrorLspanInfo *lspan_info, const span_info *info, const char *caller) {
-  int32_t rv = ko_span_mom_src_set(lspan_global.global, info, 1);
-  if (rv != 0) {
-    LSPAN_LOG_AS(dl_zlog_error, caller, "mom del src info failed. rv=%d", rv);
-    return rv;
-  }
-  rv = ko_span_del_result(lspan_global.global, lspan_info->index);
-  if (rv != 0) LSPAN_LOG_AS(dl_zlog_error, caller, "mom del result info failed. rv=%d", rv);
-  return rv;
-}
-
-}  // namespace
 
 // Stops at the first deletion that fails. A source that cannot be found only costs its own two deletions.
 int32_t ko_lspan_del(const UMonitor__MirrorLspanInfo *lspan_info, const span_info *info) {
@@ -26,12 +9,22 @@ int32_t ko_lspan_del(const UMonitor__MirrorLspanInfo *lspan_info, const span_inf
   mirror_info *session = ko_lspan_search_info(lspan_info);
   if (session == nullptr) {
     LSPAN_ERROR("not find mirror_info.");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   // 1. Source and result.
   int32_t rv = 0;
-  if (ko_lspan_search_src_info(lspan_info, session) != nullptr) rv = del_source(lspan_info, info, __func__);
-  if (rv != 0) return rv;
+  if (ko_lspan_search_src_info(lspan_info, session) != nullptr) {
+    rv = ko_span_mom_src_set(lspan_global.global, info, 1);
+    if (rv != 0) {
+      LSPAN_ERROR("mom del src info failed. rv=%d", rv);
+      return rv;
+    }
+    rv = ko_span_del_result(lspan_global.global, lspan_info->index);
+    if (rv != 0) {
+      LSPAN_ERROR("mom del result info failed. rv=%d", rv);
+      return rv;
+    }
+  }
   // 2. Destination.
   rv = ko_span_mom_dst_set(lspan_global.global, info, 1);
   if (rv != 0) {
@@ -52,26 +45,4 @@ int32_t ko_lspan_del(const UMonitor__MirrorLspanInfo *lspan_info, const span_inf
   }
   LSPAN_DEBUG("======ko lspan del end========");
   return 0;
-}
-
-mirror_info *ko_lspan_search_info(const UMonitor__MirrorLspanInfo *lspan_info) {
-  const uint32_t session_num = lspan_info->index->session_num;
-  mirror_info *session = mirror_list_search_session_info(&lspan_global.session_list, session_num);
-  if (session == nullptr) LSPAN_ERROR("can't find lspan info session_num = %d", session_num);
-  return session;
-}
-
-src_info *ko_lspan_search_src_info(const UMonitor__MirrorLspanInfo *lspan_info, mirror_info *session) {
-  const UMonitor__MirrorIndex *index = lspan_info->index;
-  uint32_t s_phyid = index->s_ifx;
-  if (index->s_ifx != 0) {
-    const int32_t rv = libddm_get_phyid_by_ifx(index->s_ifx, &s_phyid);
-    if (rv != 0) {
-      LSPAN_ERROR("get sphyid failed. rv=%d, s_ifx=%d\r\n", rv, index->s_ifx);
-      return nullptr;
-    }
-  }
-  src_info *source = mirror_list_search_src_info(&session->src_list, index->dir, s_phyid, index->acl_id);
-  if (source == nullptr) LSPAN_ERROR("search src_info failed.");
-  return source;
 }

@@ -33,17 +33,17 @@ int32_t ko_lspan_info_handle(void *, uint32_t is_del, const void *message) {
   const auto *lspan_info = static_cast<const UMonitor__MirrorLspanInfo *>(message);
   if (lspan_info == nullptr) {
     LSPAN_ERROR("lspan_info is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   if (lspan_info->index == nullptr) {
     LSPAN_ERROR("lspan_info index is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   ko_lspan_dump_info(lspan_info);
   // A delete goes on with what there is room for, so that nothing can be left behind.
   if (is_del == 0 && lspan_info->n_vlan_map > MIRROR_VLAN_WORDS) {
     LSPAN_ERROR("lspan_info vlan_map too long, n_vlan_map=%d", static_cast<uint32_t>(lspan_info->n_vlan_map));
-    return ko_lspan_refused;
+    return ko_status_invalid;
   }
   const span_info info = fill_span_info(lspan_info);
   return is_del != 0 ? ko_lspan_del(lspan_info, &info) : ko_lspan_add(lspan_info, &info);

@@ -125,7 +125,8 @@ int32_t register_handlers(const ds_declaration &ds, uint32_t kind, const vx_mom_
 }
 
 int32_t register_with_redundancy() {
-  rdnd_mom_reg_info info = {};
+  static rdnd_mom_reg_info info;  // the library may keep its address
+  info = {};
   info.instance = lspan_global.global->instance;
   info.app_name = ko_lspan_app_name;
   info.global = lspan_global.global;
@@ -140,7 +141,7 @@ int32_t register_with_redundancy() {
 
 int32_t ko_lspan_mom_init(uint8_t *run) {
   *run = 0;
-  const vx_mom_ab_opt opt = {};
+  static const vx_mom_ab_opt opt = {};  // the library may keep its address
   lspan_global.mom_ab = vx_mom_ab_init(nullptr, ko_lspan_app_name, &opt);
   if (lspan_global.mom_ab == nullptr) {
     LSPAN_ERROR("mom_ab init fail");
@@ -148,7 +149,7 @@ int32_t ko_lspan_mom_init(uint8_t *run) {
   }
   if (outgrb_mbr_hash_init() != 0 || outgrb_group_hash_init() != 0) {
     LSPAN_ERROR("outgrb hash init fail");
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
   lspan_global.global = lspan_global.mom_ab->global;
   const int32_t rv = register_with_redundancy();

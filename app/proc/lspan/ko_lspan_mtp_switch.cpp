@@ -1,7 +1,6 @@
 // Learning on mirror targets. A port that carries copies must not learn the copied senders' addresses, so its learning
 // goes off and what it learned is flushed, unless the session says otherwise.
 #include "proc/ko_span_public.h"
-#include "proc/ko_span_target.h"
 #include "proc/lspan/ko_list.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
@@ -44,18 +43,10 @@ bool ko_lspan_target_switch(const span_info *info, uint32_t on) {
     ko_lspan_mtp_info_switch(info->d_ifx, on);
     return true;
   }
-  const uint32_t group_id = info->d_ifx ^ ko_span_group_tag;
+  const uint32_t group_id = ko_span_group_id(info->d_ifx);
   outgrb_group_info *group = outgrb_group_hash_get(&group_id);
   if (group == nullptr) return false;
   for (mirror_link *at = group->mbr_list.next; at != &group->mbr_list; at = at->next)
     ko_lspan_mtp_info_switch(ko_list_entry<outgrb_mbr_node>(at)->ifx, on);
   return true;
-}
-
-uint32_t ko_lspan_info_search_ifx(uint32_t ifx) {
-  LSPAN_DEBUG("search lspan_mtp_info by ifx %d", ifx);
-  const mtp_info *target = ko_span_target_find(false, ifx);
-  if (target == nullptr) return 0;
-  LSPAN_DEBUG("find lspan_mtp_info by ifx %d,mtp_info 's session :%d", ifx, target->session_id);
-  return 1;
 }

@@ -40,27 +40,17 @@ bool append_member(outgrb_group_info *group, uint32_t ifx) {
   return true;
 }
 
-// A group keeps the target that it knew when no session is found.
-void find_target(outgrb_group_info *group, const char *caller) {
-  mtp_info *target = ko_lspan_mtp_info_search_by_groupid(group->group_id);
-  if (target == nullptr) return;
-  LSPAN_LOG_AS(dl_zlog_debug, caller,
-               "can find mtp_info by group_id:%d, mtp_info's session_id is :%d, show config mtp_switch: %d",
-               group->group_id, target->session_id, target->mtp_switch);
-  ko_span_target_name(group, target);
-}
-
 }  // namespace
 
 int32_t ko_lspan_outgrb_handle(void *, uint32_t is_del, const void *message) {
   const auto *lspan_outgrb_info = static_cast<const PPolicy__DataIntfConf *>(message);
   if (lspan_outgrb_info == nullptr) {
     LSPAN_ERROR("lspan_outgrb_info is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   if (lspan_outgrb_info->index == nullptr) {
     LSPAN_ERROR("lspan_outgrb_info index is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   return is_del != 0 ? ko_lspan_outgrb_del(lspan_outgrb_info->index) : ko_lspan_outgrb_add(lspan_outgrb_info);
 }
@@ -74,7 +64,7 @@ int32_t ko_lspan_outgrb_add(const PPolicy__DataIntfConf *lspan_outgrb_info) {
   outgrb_mbr_info *member = find_or_add_member(ifx);
   if (member == nullptr) {
     LSPAN_ERROR("no memery for alloc hash_table");
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
   if (member->group_id != group_id) leave_group(member);
   member->group_id = group_id;
@@ -82,14 +72,20 @@ int32_t ko_lspan_outgrb_add(const PPolicy__DataIntfConf *lspan_outgrb_info) {
   outgrb_group_info *group = find_or_add_group(group_id);
   if (group == nullptr) {
     LSPAN_ERROR("no memery for alloc hash_table");
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
   if (!append_member(group, ifx)) {
     LSPAN_DEBUG("can't alloc memory for add outflow-group'mbr,ifx is %d, group_id is %d", ifx, group_id);
-    return ko_span_no_memory;
+    return ko_status_no_memory;
   }
-  // 3. Learning, when a session mirrors to the group and none to the interface itself.
-  find_target(group, __func__);
+  // 3. Learning, when a session mirrors to the group and none to the interface itself. A group keeps the target that it
+  // knew when no session is found.
+  mtp_info *target = ko_lspan_mtp_info_search_by_groupid(group_id);
+  if (target != nullptr) {
+    LSPAN_DEBUG("can find mtp_info by group_id:%d, mtp_info's session_id is :%d, show config mtp_switch: %d", group_id,
+                target->session_id, target->mtp_switch);
+    ko_span_target_name(group, target);
+  }
   if (group->mtp_info != nullptr && ko_lspan_info_search_ifx(ifx) == 0)
     ko_lspan_mtp_info_switch(ifx, group->mtp_info->mtp_switch);
   LSPAN_DEBUG("outgrb's mbr add end");
@@ -112,9 +108,4 @@ int32_t ko_lspan_outgrb_del(const PIntf__Intfindex *index) {
   outgrb_mbr_hash_del(member);
   LSPAN_DEBUG("del outflow-group's mbr end");
   return 0;
-}
-
-mtp_info *ko_lspan_mtp_info_search_by_groupid(uint32_t group_id) {
-  LSPAN_DEBUG("search lspan_mtp_info by group_id:%d ", group_id);
-  return ko_span_target_find(true, group_id);
 }

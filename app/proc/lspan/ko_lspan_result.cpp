@@ -33,12 +33,12 @@ int32_t ko_lspan_mom_result_info_set(void *, uint32_t, const void *message) {
   const auto *result_info = static_cast<const UMonitor__MirrorResultInfo *>(message);
   if (result_info == nullptr) {
     LSPAN_ERROR("result_info is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   const UMonitor__MirrorIndex *index = result_info->index;
   if (index == nullptr) {
     LSPAN_ERROR("result_info index is NULL");
-    return ko_lspan_missing;
+    return ko_status_missing;
   }
   if (result_info->msg_type > last_relayed_type) return 0;
   if (index->t_user == nullptr || strcmp(index->t_user, ko_span_peer_name) != 0) return 0;

@@ -10,10 +10,7 @@ int main() {
     LSPAN_ERROR("dl_init fail, ret=%d", rv);
     return rv;
   }
-  lspan_global.zlog_category = out.zlog_category;
-  lspan_zlog_level = out.zlog_level;
-  lspan_global.session_list = {&lspan_global.session_list, &lspan_global.session_list};
-
+  lspan_global_init(out.zlog_category, out.zlog_level);
   uint8_t run = 0;
   rv = ko_lspan_mom_init(&run);
   if (run == 0) return rv;
