@@ -63,7 +63,8 @@ class model {
   lines wanted() const {
     lines out;
     const auto put = [&](uint32_t db, const auto &message) { out.push_back(any(db, message.base).line()); };
-    for (const auto &[at, what] : members_) {
+    for (const auto &[at, wanted_member] : members_) {
+      const member &what = wanted_member;  // which lambdas may use
       out.push_back(session(what).line());
       UMonitor__SpanSrcInfoIndex index = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
       index.t_user = owner;

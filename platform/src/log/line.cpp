@@ -1,8 +1,9 @@
 #include "log/line.h"
 
 namespace ko_platform {
-
 namespace {
+
+constexpr std::string_view hex_digits = "0123456789abcdef";
 
 // Length of the colour sequence that `text` starts with (ESC [ digits and semicolons m); 0: none.
 size_t colour_length(std::string_view text) {
@@ -11,12 +12,12 @@ size_t colour_length(std::string_view text) {
   return end != std::string_view::npos && text[end] == 'm' ? end + 1 : 0;
 }
 
-void append_char(line_buffer &line, char c) {
+void append_char(std::pmr::string &line, char c) {
   const auto byte = static_cast<unsigned char>(c);
   if (c == '\n' || c == '\r') {
-    line.append(std::string_view(c == '\n' ? "\\n" : "\\r"));
+    line += c == '\n' ? "\\n" : "\\r";
   } else if ((byte < 0x20 && c != '\t') || byte == 0x7f) {
-    fmt::format_to(std::back_inserter(line), "\\x{:02x}", byte);
+    line += {'\\', 'x', hex_digits[byte >> 4], hex_digits[byte & 0xf]};
   } else {
     line.push_back(c);
   }
@@ -24,7 +25,7 @@ void append_char(line_buffer &line, char c) {
 
 }  // namespace
 
-void append_line_text(line_buffer &line, std::string_view text, bool colours) {
+void append_line_text(std::pmr::string &line, std::string_view text, bool colours) {
   while (text.ends_with('\n') || text.ends_with('\r')) text.remove_suffix(1);
   while (!text.empty()) {
     if (const size_t length = colour_length(text); length != 0) {

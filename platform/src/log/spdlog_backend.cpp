@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <string>
 
 #include <spdlog/logger.h>
@@ -123,8 +125,11 @@ void vxdf_zlog(vx_zlog_category *category, const char *, size_t, const char *fun
   va_end(args);
   if (category == nullptr || length < 0) return;
   try {
-    ko_platform::line_buffer record;
-    fmt::format_to(std::back_inserter(record), "{}:{} ", std::string_view(func, func_len), line);
+    std::byte room[4096];  // longer lines go to the heap
+    std::pmr::monotonic_buffer_resource memory(room, sizeof(room));
+    std::pmr::string record(&memory);
+    record.reserve(2304);
+    record.append(func, func_len).append(":").append(std::to_string(line)).append(" ");
     ko_platform::append_line_text(record, text, state().colours);
     category->logger.log(spdlog_level(level), spdlog::string_view_t(record.data(), record.size()));
   } catch (...) {
