@@ -59,7 +59,7 @@ void play(const sandbox &box) {
   others.del(session(goes));
   others.flush();
   std::string garbled;
-  ko_store::append_announcement({ko_store::change_kind::set, session(stays).key, "\xff"}, garbled);
+  ko_store::append_announcement({{}, ko_store::change_kind::set, session(stays).key, "\xff"}, garbled);
   others.announce(4, "u_monitor.mirror_lspan_info", garbled);
   others.flush();
 }

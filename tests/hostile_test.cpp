@@ -17,6 +17,7 @@
 #include "in_process.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
+#include "store/layout.h"
 #include "u_monitor.pb-c.h"
 
 struct vx_zlog_category {};
@@ -283,16 +284,16 @@ TEST(hostile, large_and_foreign) {
 
 TEST(hostile, announcements_that_are_none) {
   std::string bytes;
-  append_announcement({change_kind::set, "key", "record"}, bytes);
+  append_announcement({{}, change_kind::set, "key", "record"}, bytes);
   for (const std::string &bad : mutations(bytes)) {
-    const auto what = parse_announcement(bad);
+    const auto what = parse_announcement({}, bad);
     if (!what.has_value()) continue;
     std::string again;
     append_announcement(*what, again);
     EXPECT_EQ(again, bad);
   }
   for (const char *bad : {"", "+", "+\0\0", "?\0\0\0\1k", "-\0\0\0\1kr", "+\xff\xff\xff\xffk"})
-    EXPECT_FALSE(parse_announcement(bad).has_value()) << bad;
+    EXPECT_FALSE(parse_announcement({}, bad).has_value()) << bad;
 }
 
 // ---- exhausted memory ----

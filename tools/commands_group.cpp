@@ -27,7 +27,7 @@ change membership(uint32_t ifx, uint32_t group, ko_store::change_kind kind) {
 
 // The group that the interface of `what` is in now, 0 for none.
 uint32_t group_now(store_client &store, const change &what) {
-  const std::optional<std::string> bytes = store.read(what.db, what.type->name, what.key);
+  const std::optional<std::string> bytes = store.read(what.hash.db, what.hash.type->name, what.key);
   if (!bytes) return 0;
   const ko_store::message_ptr record = ko_store::unpack(membership_type, *bytes);
   return record == nullptr ? 0 : reinterpret_cast<const PPolicy__DataIntfConf *>(record.get())->group_id;
@@ -71,7 +71,7 @@ int leave(context &ctx, const std::vector<std::string> &names) {
   std::vector<uint32_t> groups;
   for (const std::string &name : names) {
     changes.push_back(membership(parse_member_interface(ports, name, true), 0, ko_store::change_kind::del));
-    if (!store.read(changes.back().db, membership_type.name, changes.back().key))
+    if (!store.read(changes.back().hash.db, membership_type.name, changes.back().key))
       throw refused("interface " + name + " is in no group; lspanctl group show lists them");
     groups.push_back(group_now(store, changes.back()));
   }

@@ -56,7 +56,7 @@ int delete_member(context &ctx, const member_fields &fields) {
   const change removal = make_change(what, ko_store::change_kind::del);
   const std::string text = to_text(what.key, is_group, ports);
   store_client store = ctx.connect();
-  if (!store.read(removal.db, removal.type->name, removal.key) || !store.write(removal)) {
+  if (!store.read(removal.hash.db, removal.hash.type->name, removal.key) || !store.write(removal)) {
     size_t bad = 0;
     throw refused("there is no member " + text + " of owner " + printable(what.key.owner) +
                   other_owner_hint(load_members(ctx, store, bad), what.key));

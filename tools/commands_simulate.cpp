@@ -197,8 +197,7 @@ int simulate(context &ctx, const simulate_options &options) {
   for (size_t i = 0; i < events.size(); ++i) {
     const scripted_event &next = events[i];
     shown.event(i + 1, next);
-    const change bytes = make_change(next.record->db, next.kind, *next.message);
-    daemon.put({{bytes.db, bytes.type}, bytes.kind, bytes.key, bytes.record});
+    daemon.put(make_change(next.record->db, next.kind, *next.message));
     shown.end_event(next);
   }
   return 0;

@@ -80,7 +80,7 @@ class watcher {
 
   void show(const store_client::announced &announced) {
     const record_kind &kind = *channels_.at(announced.channel);
-    const auto parsed = ko_store::parse_announcement(announced.bytes);
+    const auto parsed = ko_store::parse_announcement({kind.db, kind.type}, announced.bytes);
     if (parsed)
       take(kind, *parsed, copy_[announced.channel]);
     else
@@ -94,7 +94,7 @@ class watcher {
     return (db_ == 0 || db_ == kind.db) && (message_.empty() || message_ == kind.type->name);
   }
 
-  void take(const record_kind &kind, const ko_store::announcement &announced, records &copy) {
+  void take(const record_kind &kind, const ko_store::change &announced, records &copy) {
     const auto held = copy.find(announced.key);
     const bool known = held != copy.end();
     std::string_view now = announced.record;

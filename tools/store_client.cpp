@@ -35,13 +35,6 @@ int milliseconds_to(const std::optional<std::chrono::steady_clock::time_point> &
 
 }  // namespace
 
-change make_change(uint32_t db, ko_store::change_kind kind, const ProtobufCMessage &message) {
-  change what{db, message.descriptor, kind, {}, {}};
-  if (kind != ko_store::change_kind::publish) ko_store::append_packed(*ko_store::key_of(message), what.key);
-  if (kind != ko_store::change_kind::del) ko_store::append_packed(message, what.record);
-  return what;
-}
-
 store_client::store_client(const ko_platform::store_address &address)
     : where_(ko_platform::to_string(address)), context_(connect(address)) {
   if (context_->err != 0)
@@ -118,10 +111,10 @@ std::optional<std::string> store_client::read(uint32_t db, const std::string &me
 // Returns how many replies will come. The database is selected. The first transaction waits for its MULTI: where that
 // is refused, each command behind it would be carried out by itself.
 size_t store_client::append_change(const change &what) {
-  const std::string hash = what.type->name;
-  const std::string channel = ko_store::channel_name(what.db, hash);
+  const std::string hash = what.hash.type->name;
+  const std::string channel = ko_store::channel_name(what.hash.db, hash);
   std::string announcement;
-  ko_store::append_announcement({what.kind, what.key, what.record}, announcement);
+  ko_store::append_announcement(what, announcement);
   const auto add = [this](std::initializer_list<std::string_view> words) { append(words); };
 
   const bool first = !std::exchange(transactions_, true);
@@ -152,18 +145,18 @@ bool store_client::take_change(const change &what, size_t replies) {
     refusal = "the transaction was dropped";
   if (!refusal.empty())
     throw store_error("the store at " + where_ + " refuses the write to " +
-                      ko_store::channel_name(what.db, what.type->name) + ": " + refusal);
+                      ko_store::channel_name(what.hash.db, what.hash.type->name) + ": " + refusal);
   return last->element[0]->integer == 0;
 }
 
 bool store_client::write(const change &what) {
-  select(what.db);
+  select(what.hash.db);
   const bool none_added = take_change(what, append_change(what));
   return what.kind == ko_store::change_kind::del ? !none_added : none_added;
 }
 
 void store_client::write_all(std::span<const change> changes, const progress_call &progress) {
-  if (!changes.empty()) select(changes.front().db);
+  if (!changes.empty()) select(changes.front().hash.db);
   size_t made = 0;
   std::string refusal;
   for (size_t first = 0; first < changes.size() && refusal.empty(); first += changes_per_flush) {

@@ -40,17 +40,8 @@ struct stored_record {
   std::string record;
 };
 
-// One change of the store. `record` is left empty for a delete, `key` for a message that is only published.
-struct change {
-  uint32_t db;
-  const ProtobufCMessageDescriptor *type;
-  ko_store::change_kind kind;
-  std::string key;
-  std::string record;
-};
-
-// The change that writes, deletes or publishes `message`, which has a key unless it is published.
-change make_change(uint32_t db, ko_store::change_kind kind, const ProtobufCMessage &message);
+using change = ko_store::owned_change;
+using ko_store::make_change;
 
 // Called after each batch of many writes with how many are done.
 using progress_call = std::function<void(size_t done)>;

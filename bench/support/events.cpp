@@ -3,6 +3,7 @@
 #include <array>
 
 #include "records.h"
+#include "store/layout.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
 
@@ -105,7 +106,8 @@ std::string command(std::initializer_list<std::string_view> words) {
 std::vector<std::string> commands_of(const record &what) {
   const char *name = what.hash.type->name;
   std::string announcement;
-  ko_store::append_announcement({what.kind, what.key, what.kind == change_kind::del ? "" : what.bytes}, announcement);
+  ko_store::append_announcement({what.hash, what.kind, what.key, what.kind == change_kind::del ? "" : what.bytes},
+                                announcement);
   const std::string publish = command({"PUBLISH", ko_store::channel_name(what.hash.db, name), announcement});
   if (what.kind == change_kind::publish) return {publish};
   return {

@@ -22,8 +22,9 @@ void sink_engine::work() {
 
 void sink_engine::announce(const record &what, ko_store::change_kind kind) {
   for (size_t i = 0; i < inputs_.size(); ++i)
-    if (inputs_[i].db == what.hash.db && inputs_[i].type == what.hash.type)
-      user_->changed(i, {kind, what.key, kind == ko_store::change_kind::set ? what.bytes : std::string_view()});
+    if (inputs_[i] == what.hash)
+      user_->changed(i,
+                     {what.hash, kind, what.key, kind == ko_store::change_kind::set ? what.bytes : std::string_view()});
 }
 
 void start_in_process(ko_store::engine_factory make_engine) {

@@ -16,6 +16,7 @@
 #include "in_process.h"
 #include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
+#include "store/layout.h"
 #include "u_bridge.pb-c.h"
 
 using namespace ko_store;
@@ -239,7 +240,7 @@ class attempt {
     const uint32_t to = input_.below(3);
     if (world_.wire->is_cut() || world_.tested().counts().reads == 0) return;
     if (which == 3) return world_.wire->garbage(to);
-    world_.wire->lie(to, {kinds[which], what.key, what.bytes});
+    world_.wire->lie(to, {harness::input_hashes[to], kinds[which], what.key, what.bytes});
   }
 
   // Somebody writes to an output: changes or deletes what is there, or adds something like it.

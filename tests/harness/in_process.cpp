@@ -30,14 +30,14 @@ bool scrambler::release(const std::function<size_t(size_t bound)> &below, bool d
   while (!held_.empty()) {
     size_t i = below(held_.size());
     for (size_t k = 0; k < i; ++k)
-      if (held_[k].input == held_[i].input && held_[k].key == held_[i].key) i = k;
-    const note now = held_[i];
+      if (held_[k].input == held_[i].input && held_[k].what.key == held_[i].what.key) i = k;
+    const held_change now = held_[i];
     held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(i));
     if (drop && !dropped && below(held_.size() + 1) == 0) {
       dropped = true;
       continue;
     }
-    for (size_t times = 1 + below(2); times > 0; --times) user_->changed(now.input, {now.kind, now.key, now.record});
+    for (size_t times = 1 + below(2); times > 0; --times) user_->changed(now.input, now.what);
   }
   return dropped;
 }
@@ -46,7 +46,7 @@ void scrambler::cut() {
   cut_ = true;
   held_.clear();
   user_->down();
-  for (const auto &[hash, what] : lost_) user_->undone({hash, what.kind, what.key, what.record}, {});
+  for (const owned_change &what : lost_) user_->not_written(what, {});
   lost_.clear();
 }
 
@@ -78,19 +78,19 @@ void scrambler::fetch(size_t input, std::string_view key) {
 
 void scrambler::write(const change &what) {
   must_be_up();
-  if (loses) lost_.push_back({what.hash, {0, what.kind, std::string(what.key), std::string(what.record)}});
+  if (loses) lost_.push_back(copy_of(what));
   if (!loses || (every_second && lost_.size() % 2 == 0)) inner->write(what);
 }
 
-void scrambler::changed(size_t input, const announcement &what) {
+void scrambler::changed(size_t input, const change &what) {
   if (cut_) return;
   if (holds)
-    held_.push_back({input, what.kind, std::string(what.key), std::string(what.record)});
+    held_.push_back({input, copy_of(what)});
   else
     user_->changed(input, what);
 }
 
-void scrambler::page(size_t hash, std::span<const stored_record> records, bool last) {
+void scrambler::page(size_t hash, std::span<const change> records, bool last) {
   if (cut_) return;
   if (std::exchange(unreadable_next, false)) return user_->unreadable(hash, "a test says so");
   if (!pieces) user_->page(hash, records, last);
@@ -99,11 +99,11 @@ void scrambler::page(size_t hash, std::span<const stored_record> records, bool l
 }
 
 // With copies, since what the user writes meanwhile may take the store's own bytes away.
-void scrambler::page_in_pieces(size_t hash, std::span<const stored_record> records, bool last) {
-  std::vector<std::pair<std::string, std::string>> copies;
-  for (const stored_record &one : records) copies.emplace_back(one.key, one.record);
+void scrambler::page_in_pieces(size_t hash, std::span<const change> records, bool last) {
+  std::vector<owned_change> copies;
+  for (const change &one : records) copies.push_back(copy_of(one));
   for (int times = 0; times < 2; ++times)
-    for (const auto &[key, record] : copies) user_->page(hash, std::vector<stored_record>{{key, record}}, false);
+    for (const change one : copies) user_->page(hash, {&one, 1}, false);
   user_->page(hash, {}, last);
 }
 
@@ -115,8 +115,8 @@ void scrambler::fetched(size_t input, std::string_view key, std::optional<std::s
   if (!cut_) user_->fetched(input, key, record);
 }
 
-void scrambler::undone(const change &what, std::string_view why) {
-  if (!cut_) user_->undone(what, why);
+void scrambler::not_written(const change &what, std::string_view why) {
+  if (!cut_) user_->not_written(what, why);
 }
 
 // What an engine need not stand while it is away.

@@ -38,7 +38,7 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   void reconnect() { cut(), cut_ = false, user_->up(); }  // at once; what was announced before still comes
   bool is_cut() const { return cut_; }
   void garbage(size_t input) { user_->malformed(input); }
-  void lie(size_t input, const ko_store::announcement &what) { user_->changed(input, what); }
+  void lie(size_t input, const ko_store::change &what) { user_->changed(input, what); }
   void relieve() { full = false, user_->relieved(); }
 
   void start(engine_user &user, std::vector<ko_store::hash_id> hashes, size_t n_inputs) override;
@@ -48,21 +48,20 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   bool congested() const override { return full; }
 
  private:
-  struct note {
+  struct held_change {
     size_t input;
-    ko_store::change_kind kind;
-    std::string key, record;
+    ko_store::owned_change what;
   };
 
   void up() override;
   void down() override {}
-  void changed(size_t input, const ko_store::announcement &what) override;
+  void changed(size_t input, const ko_store::change &what) override;
   void malformed(size_t) override {}
-  void page(size_t hash, std::span<const ko_store::stored_record> records, bool last) override;
-  void page_in_pieces(size_t hash, std::span<const ko_store::stored_record> records, bool last);
+  void page(size_t hash, std::span<const ko_store::change> records, bool last) override;
+  void page_in_pieces(size_t hash, std::span<const ko_store::change> records, bool last);
   void unreadable(size_t hash, std::string_view why) override;
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
-  void undone(const ko_store::change &what, std::string_view why) override;
+  void not_written(const ko_store::change &what, std::string_view why) override;
   void relieved() override {}
   void must_be_up() const;
 
@@ -70,8 +69,8 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   std::vector<ko_store::hash_id> hashes_;
   size_t n_inputs_ = 0;
   bool cut_ = false;
-  std::vector<note> held_;
-  std::vector<std::pair<ko_store::hash_id, note>> lost_;
+  std::vector<held_change> held_;
+  std::vector<ko_store::owned_change> lost_;
 };
 
 // The daemon and its store; one at a time.

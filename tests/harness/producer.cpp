@@ -5,6 +5,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "store/layout.h"
+
 namespace harness {
 
 producer::producer(const std::string &socket) : context_(redisConnectUnix(socket.c_str())) {
@@ -26,7 +28,7 @@ void producer::append(const std::vector<std::string_view> &words) {
 
 void producer::change(const ko_store::change &what, const std::vector<std::string> &also) {
   std::string bytes;
-  ko_store::append_announcement({what.kind, what.key, what.record}, bytes);
+  ko_store::append_announcement(what, bytes);
   const std::string_view name = what.hash.type->name;
   append({"SELECT", std::to_string(what.hash.db)});
   append({"MULTI"});

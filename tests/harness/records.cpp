@@ -1,6 +1,7 @@
 #include "records.h"
 
 #include "p_policy.pb-c.h"
+#include "store/layout.h"
 #include "u_monitor.pb-c.h"
 
 namespace harness {

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "p_policy.pb-c.h"
+#include "store/layout.h"
 #include "store/record_text.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"

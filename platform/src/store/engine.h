@@ -12,28 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "store/layout.h"
+#include "store/change.h"
 
 namespace ko_store {
-
-// One hash of records.
-struct hash_id {
-  uint32_t db;
-  const ProtobufCMessageDescriptor *type;
-};
-
-// One change on its way to the store. Bytes are borrowed for the call.
-struct change {
-  hash_id hash;
-  change_kind kind;
-  std::string_view key;
-  std::string_view record;
-};
-
-struct stored_record {
-  std::string_view key;
-  std::string_view record;
-};
 
 class engine_user {
  public:
@@ -44,18 +25,18 @@ class engine_user {
   // The engine cannot be used any more; reads that were under way bring nothing. It tries by itself to come back.
   virtual void down() = 0;
   // A change of the input `input` was announced.
-  virtual void changed(size_t input, const announcement &what) = 0;
+  virtual void changed(size_t input, const change &announced) = 0;
   // Something that is no announcement came for the input `input`.
   virtual void malformed(size_t input) = 0;
-  // Records of hash `hash`; `last` ends a scan. A record may come twice. What the user writes during the call may take
-  // the bytes of the record that it changes away.
-  virtual void page(size_t hash, std::span<const stored_record> records, bool last) = 0;
+  // Records of hash `hash`, as sets; `last` ends a scan. A record may come twice. What the user writes during the call
+  // may take the bytes of the record that it changes away.
+  virtual void page(size_t hash, std::span<const change> records, bool last) = 0;
   // The hash cannot be read. `why` is the engine's reason.
   virtual void unreadable(size_t hash, std::string_view why) = 0;
   // The answer to a fetch: the record as it is stored now, or nothing.
   virtual void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) = 0;
-  // The engine did not carry out `what`: it was refused, or its outcome is unknown after a break (`why` is empty).
-  virtual void undone(const change &what, std::string_view why) = 0;
+  // The engine did not write `lost`: it was refused, or its outcome is unknown after a break (`why` is empty).
+  virtual void not_written(const change &lost, std::string_view why) = 0;
   // The engine can take more after it was congested.
   virtual void relieved() = 0;
 };

@@ -28,16 +28,18 @@ std::string channel_name(uint32_t db, std::string_view message) {
   return std::to_string(db).append(":").append(message);
 }
 
-size_t announcement_size(const announcement &what) { return header_size + what.key.size() + what.record.size(); }
-
-void append_announcement(const announcement &what, std::string &out) {
-  const auto length = static_cast<uint32_t>(what.key.size());
-  out.push_back(static_cast<char>(what.kind));
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(length >> shift));
-  out.append(what.key).append(what.record);
+size_t announcement_size(const change &announced) {
+  return header_size + announced.key.size() + announced.record.size();
 }
 
-std::optional<announcement> parse_announcement(std::string_view bytes) {
+void append_announcement(const change &announced, std::string &out) {
+  const auto length = static_cast<uint32_t>(announced.key.size());
+  out.push_back(static_cast<char>(announced.kind));
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(length >> shift));
+  out.append(announced.key).append(announced.record);
+}
+
+std::optional<change> parse_announcement(const hash_id &hash, std::string_view bytes) {
   if (bytes.size() < header_size) return std::nullopt;
   const auto kind = static_cast<change_kind>(bytes[0]);
   if (kind != change_kind::set && kind != change_kind::del && kind != change_kind::publish) return std::nullopt;
@@ -46,7 +48,7 @@ std::optional<announcement> parse_announcement(std::string_view bytes) {
   bytes.remove_prefix(header_size);
   if (length > bytes.size()) return std::nullopt;
   if (kind == change_kind::del && length != bytes.size()) return std::nullopt;
-  return announcement{kind, bytes.substr(0, length), bytes.substr(length)};
+  return change{hash, kind, bytes.substr(0, length), bytes.substr(length)};
 }
 
 const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &message) {

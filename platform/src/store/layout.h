@@ -13,30 +13,20 @@
 
 #include <protobuf-c/protobuf-c.h>
 
+#include "store/change.h"
+
 namespace ko_store {
 
 // Name of the channel that announces changes of `message` (a full name) in database `db`.
 std::string channel_name(uint32_t db, std::string_view message);
 
-// What an announcement says. Texts are bytes.
-enum class change_kind : char {
-  set = '+',     // key and record
-  del = '-',     // key
-  publish = '!'  // a message that is not stored, in place of the record
-};
+// Appends what is published on the channel: the kind's character, the length of the key as four bytes, most significant
+// first, key, record.
+void append_announcement(const change &announced, std::string &out);
+size_t announcement_size(const change &announced);  // bytes that it appends
 
-struct announcement {
-  change_kind kind;
-  std::string_view key;
-  std::string_view record;
-};
-
-// On the channel: the kind's character, the length of the key as four bytes, most significant first, key, record.
-void append_announcement(const announcement &what, std::string &out);
-size_t announcement_size(const announcement &what);  // bytes that it appends
-
-// The announcement in `bytes`, which it borrows; nothing when they are none.
-std::optional<announcement> parse_announcement(std::string_view bytes);
+// The change of `hash` that `bytes`, which it borrows, announce; nothing when they are no announcement.
+std::optional<change> parse_announcement(const hash_id &hash, std::string_view bytes);
 
 // The field that carries a record's key, or null for a message that is never stored.
 const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &message);

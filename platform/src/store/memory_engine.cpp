@@ -27,17 +27,13 @@ void memory_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t
 
 void memory_engine::scan(size_t hash) { add(job_kind::scan, hash); }
 
-void memory_engine::fetch(size_t input, std::string_view key) { add(job_kind::fetch, input).key = key; }
+void memory_engine::fetch(size_t input, std::string_view key) { add(job_kind::fetch, input).about.key = key; }
 
 void memory_engine::write(const change &what) {
   if (!on_write || !on_write(what)) return carry_out(what);
   for (size_t i = 0; i < known_.size(); ++i) {
-    if (known_[i].db != what.hash.db || known_[i].type != what.hash.type) continue;
-    job &refused = add(job_kind::refuse, i);
-    refused.what = what.kind;
-    refused.key = what.key;
-    refused.record = what.record;
-    return;
+    if (known_[i] != what.hash) continue;
+    return add(job_kind::refuse, i, what);
   }
 }
 
@@ -46,13 +42,9 @@ void memory_engine::put(const change &what) { carry_out(what); }
 void memory_engine::carry_out(const change &what) {
   hash_records *records = nullptr;
   for (size_t i = 0; i < known_.size(); ++i) {
-    if (known_[i].db != what.hash.db || known_[i].type != what.hash.type) continue;
+    if (known_[i] != what.hash) continue;
     records = known_records_[i];
-    if (i >= n_inputs_) continue;
-    job &announced = add(job_kind::announce, i);
-    announced.what = what.kind;
-    announced.key = what.key;
-    announced.record = what.record;
+    if (i < n_inputs_) add(job_kind::announce, i, what);
   }
   if (what.kind == change_kind::publish) return;
   if (records == nullptr) records = &hashes_[{what.hash.db, what.hash.type->name}];
@@ -77,6 +69,14 @@ memory_engine::job &memory_engine::add(job_kind kind, size_t hash) {
   return added;
 }
 
+void memory_engine::add(job_kind kind, size_t hash, const change &about) {
+  owned_change &copy = add(kind, hash).about;
+  copy.hash = about.hash;
+  copy.kind = about.kind;
+  copy.key = about.key;
+  copy.record = about.record;
+}
+
 bool memory_engine::pump() {
   if (n_jobs_ == 0) return false;
   running_.swap(jobs_);
@@ -93,23 +93,25 @@ void memory_engine::run(const job &next) {
     case job_kind::scan:
       return scan_now(next.hash);
     case job_kind::announce:
-      return user_->changed(next.hash, {next.what, next.key, next.record});
+      return user_->changed(next.hash, next.about);
     case job_kind::refuse:
-      return user_->undone({known_[next.hash], next.what, next.key, next.record}, "refused");
+      return user_->not_written(next.about, "refused");
     case job_kind::fetch: {
-      const auto found = known_records_[next.hash]->find(next.key);
+      const std::string &key = next.about.key;
+      const auto found = known_records_[next.hash]->find(key);
       if (found == known_records_[next.hash]->end())
-        user_->fetched(next.hash, next.key, std::nullopt);
+        user_->fetched(next.hash, key, std::nullopt);
       else
-        user_->fetched(next.hash, next.key, found->second);
+        user_->fetched(next.hash, key, found->second);
     }
   }
 }
 
 void memory_engine::scan_now(size_t hash) {
-  std::vector<stored_record> all;
+  std::vector<change> all;
   try {
-    for (const auto &[key, record] : *known_records_[hash]) all.push_back({key, record});
+    for (const auto &[key, record] : *known_records_[hash])
+      all.push_back({known_[hash], change_kind::set, key, record});
   } catch (const std::bad_alloc &) {
     return user_->unreadable(hash, "memory is exhausted");
   }

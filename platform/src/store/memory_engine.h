@@ -38,9 +38,7 @@ class memory_engine final : public engine {
   struct job {
     job_kind kind;
     size_t hash;
-    change_kind what;
-    std::string key;
-    std::string record;
+    owned_change about;
   };
   using hash_name = std::pair<uint32_t, std::string>;
   using hash_records = std::map<std::string, std::string, std::less<>>;
@@ -49,6 +47,7 @@ class memory_engine final : public engine {
   void run(const job &next);
   void scan_now(size_t hash);
   job &add(job_kind kind, size_t hash);
+  void add(job_kind kind, size_t hash, const change &about);
 
   std::map<hash_name, hash_records> hashes_;
   engine_user *user_ = nullptr;

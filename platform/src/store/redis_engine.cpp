@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform_log.h"
+#include "store/layout.h"
 
 namespace ko_store {
 namespace {
@@ -114,7 +115,7 @@ void redis_engine::on_subscription(const redis_answer &answer) {
     const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
     if (channel == channels_end) return;
     const auto input = static_cast<size_t>(channel - channels_.begin());
-    const auto what = parse_announcement(answer.texts[2]);
+    const auto what = parse_announcement(hashes_[input], answer.texts[2]);
     if (what.has_value())
       user_->changed(input, *what);
     else
@@ -163,7 +164,7 @@ void redis_engine::broken(std::string_view why) {
   close();  // `why` may be gone now
   if (was_up) user_->down();
   for (; queued_ > 0; drop_oldest())
-    if (was_up && oldest().kind == request::write) user_->undone(oldest_change(), {});
+    if (was_up && oldest().kind == request::write) user_->not_written(oldest_change(), {});
   retry_later();
 }
 
@@ -230,9 +231,10 @@ void redis_engine::on_page(const redis_answer &answer) {
   const std::string why = std::exchange(error_, {});
   if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
     return user_->unreadable(hash, why.empty() ? "the answer is no page" : why);
-  std::vector<stored_record> records;
+  std::vector<change> records;
   records.reserve(answer.texts.size() / 2);
-  for (size_t i = 1; i < answer.texts.size(); i += 2) records.push_back({answer.texts[i], answer.texts[i + 1]});
+  for (size_t i = 1; i < answer.texts.size(); i += 2)
+    records.push_back({hashes_[hash], change_kind::set, answer.texts[i], answer.texts[i + 1]});
   const bool last = answer.texts[0] == "0";
   if (!last) ask_page(hash, answer.texts[0]);
   user_->page(hash, records, last);
@@ -261,7 +263,7 @@ void redis_engine::on_fetched(const redis_answer &answer) {
 
 const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
   for (const hash_words &known : words_)
-    if (known.id.type == id.type && known.id.db == id.db) return known;
+    if (known.id == id) return known;
   hash_words made{id, {}, {}};
   append_word(made.name, id.type->name);
   append_word(made.channel, channel_name(id.db, id.type->name));
@@ -279,10 +281,9 @@ void redis_engine::write(const change &what) {
     append_word(command_, what.key);
     if (what.kind == change_kind::set) append_word(command_, what.record);
   }
-  const announcement told{what.kind, what.key, what.record};
   command_.append("*3\r\n$7\r\nPUBLISH\r\n").append(words.channel);
-  append_length(command_, announcement_size(told));
-  append_announcement(told, command_);
+  append_length(command_, announcement_size(what));
+  append_announcement(what, command_);
   command_.append("\r\n");
   if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
 
@@ -294,7 +295,7 @@ void redis_engine::write(const change &what) {
 void redis_engine::on_outcome(const redis_answer &answer) {
   if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
   if (!error_.empty()) {
-    user_->undone(oldest_change(), error_);
+    user_->not_written(oldest_change(), error_);
     error_.clear();
   }
   drop_oldest();

@@ -20,8 +20,6 @@ constexpr size_t told_limit = 10'000;  // distinct bad records that are logged
 
 constexpr const char *event_names[] = {"set", "delete", "publish"};  // by VX_MOM_EVENT_...
 
-bool same(const hash_id &a, const hash_id &b) { return a.db == b.db && a.type == b.type; }
-
 std::string name_of(const hash_id &hash) { return channel_name(hash.db, hash.type->name); }
 
 void assign(sorted_records &records, std::string_view key, std::string_view record) {
@@ -100,7 +98,7 @@ int32_t registration::set_option(uint32_t declaration, uint32_t option, uint32_t
 int32_t registration::on_key_event(const mom_ds_entry &input, uint32_t kind, event_handler handler) {
   if (input.record == nullptr || handler.call == nullptr || kind > VX_MOM_EVENT_PUBLISH) return VX_MOM_INVALID;
   for (const auto &source : inputs_) {
-    if (!same(source->hash, {input.db_id, input.record->descriptor})) continue;
+    if (source->hash != hash_id{input.db_id, input.record->descriptor}) continue;
     source->on[kind] = handler;
     return VX_MOM_OK;
   }
@@ -115,18 +113,8 @@ void registration::on_all_read(vx_mom_all_ds_cb handler, void *context) {
 // ---- writing ----
 
 int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_kind kind) {
-  const ProtobufCMessage *key = kind == change_kind::publish ? nullptr : key_of(message);
-  if (kind != change_kind::publish && key == nullptr) return VX_MOM_MISSING;
-  key_buffer_.clear();
-  record_buffer_.clear();
-  if (kind != change_kind::del) append_packed(message, record_buffer_);
-  std::string_view packed_key = key == nullptr ? std::string_view() : leading_key(*message.descriptor, record_buffer_);
-  if (key != nullptr && packed_key.empty()) {
-    append_packed(*key, key_buffer_);
-    packed_key = key_buffer_;
-  }
-
-  const change what{{db, message.descriptor}, kind, packed_key, record_buffer_};
+  if (!make_change(db, kind, message, written_)) return VX_MOM_MISSING;
+  const change what = written_;
   output_source *output = output_of(what);
   if (output != nullptr) output->met = 0;
   if (output != nullptr && kind == change_kind::set) output->wanted.put(what.key, what.record);
@@ -159,14 +147,11 @@ bool registration::is_compared(const output_source *output, change_kind kind) co
 
 // Notes a change for when the engine can take it. One request is as good as many, and of a key only the last change
 // counts.
-void registration::keep(const change &what) {
-  loose_.insert_or_assign(mark_of(what),
-                          loose_write{what.hash, what.kind, std::string(what.key), std::string(what.record)});
-}
+void registration::keep(const change &what) { loose_.insert_or_assign(mark_of(what), copy_of(what)); }
 
 input_source *registration::input_of(const hash_id &hash) {
   for (const auto &input : inputs_)
-    if (same(input->hash, hash)) return input.get();
+    if (input->hash == hash) return input.get();
   return nullptr;
 }
 
@@ -174,7 +159,7 @@ input_source *registration::input_of(const hash_id &hash) {
 output_source *registration::output_of(const change &what) {
   if (what.kind == change_kind::publish) return nullptr;
   for (const auto &output : outputs_)
-    if (same(output->hash, what.hash)) return output.get();
+    if (output->hash == what.hash) return output.get();
   return nullptr;
 }
 
@@ -249,19 +234,19 @@ void registration::compare_outputs() {
   if (scans_ == 0) scan_done();
 }
 
-void registration::page(size_t hash, std::span<const stored_record> records, bool last) {
+void registration::page(size_t hash, std::span<const change> records, bool last) {
   if (scans_ == 0) return;
   guard("reading the store", [&] {
     if (hash < inputs_.size())
-      for (const stored_record &entry : records) assign(inputs_[hash]->stored, entry.key, entry.record);
+      for (const change &entry : records) assign(inputs_[hash]->stored, entry.key, entry.record);
     else
       compare_page(*outputs_[hash - inputs_.size()], records);
   });
   if (last && --scans_ == 0) scan_done();
 }
 
-void registration::compare_page(output_source &output, std::span<const stored_record> records) {
-  for (const stored_record &stored : records) {
+void registration::compare_page(output_source &output, std::span<const change> records) {
+  for (const change &stored : records) {
     record_table::entry *wanted = output.wanted.find(stored.key);
     if (wanted != nullptr && wanted->record() == stored.record) {
       output.met += wanted->mark() != comparison_ ? 1 : 0;
@@ -296,12 +281,12 @@ bool registration::is_own(const output_source &output, std::string_view key) {
   return decoded != nullptr && owner_of(*decoded) == output.owner;
 }
 
-void registration::changed(size_t input, const announcement &what) {
+void registration::changed(size_t input, const change &announced) {
   guard("taking a change", [&] {
-    if (what.kind == change_kind::publish)
-      take_published(input, what.record);
+    if (announced.kind == change_kind::publish)
+      take_published(input, announced.record);
     else if (inputs_[input]->has_records)
-      take({input, what.kind, what.key, what.record, false});
+      take(input, announced, false);
   });
 }
 
@@ -315,12 +300,12 @@ void registration::take_published(size_t input, std::string_view bytes) {
 }
 
 // What comes before a read began, or while one fails, is read anyway.
-void registration::take(const input_change &what) {
+void registration::take(size_t input, const change &what, bool stored) {
   if (state_ == state::starting || (state_ == state::reading && read_failed_)) return;
   if (state_ == state::live && waiting_.empty())
-    apply(what);
+    apply(input, what, stored);
   else
-    waiting_.push_back({what.input, what.kind, std::string(what.key), std::string(what.record), what.stored});
+    waiting_.push_back({input, stored, copy_of(what)});
 }
 
 void registration::malformed(size_t input) { reject(inputs_[input]->hash, {}, "it is no announcement"); }
@@ -328,27 +313,27 @@ void registration::malformed(size_t input) { reject(inputs_[input]->hash, {}, "i
 void registration::fetched(size_t input, std::string_view key, std::optional<std::string_view> record) {
   guard("taking a record", [&] {
     const change_kind kind = record.has_value() ? change_kind::set : change_kind::del;
-    take({input, kind, key, record.value_or(""), true});
+    take(input, {inputs_[input]->hash, kind, key, record.value_or("")}, true);
   });
 }
 
-void registration::undone(const change &what, std::string_view why) {
+void registration::not_written(const change &lost, std::string_view why) {
   guard("a write was not carried out", [&] {
-    input_source *input = what.kind == change_kind::del ? input_of(what.hash) : nullptr;
+    input_source *input = lost.kind == change_kind::del ? input_of(lost.hash) : nullptr;
     if (input != nullptr) {
-      input->doubtful.emplace(what.key);
+      input->doubtful.emplace(lost.key);
       inputs_due_ = true;
-    } else if (!is_compared(output_of(what), what.kind)) {
-      keep(what);
+    } else if (!is_compared(output_of(lost), lost.kind)) {
+      keep(lost);
     }
     if (why.empty()) return;
     ++counters_.refused;
     if (!refusals_told_.contains(std::string(why))) {
       refusals_told_.emplace(why);
-      const message_ptr record = unpack(*what.hash.type, what.record);
+      const message_ptr record = unpack(*lost.hash.type, lost.record);
       PLATFORM_ERROR("the store refused %s %s, key %s: %.*s; it is tried again until the store takes it",
-                     name_of(what.hash).c_str(), record == nullptr ? "" : to_text(*record).c_str(),
-                     to_hex(what.key).c_str(), static_cast<int>(why.size()), why.data());
+                     name_of(lost.hash).c_str(), record == nullptr ? "" : to_text(*record).c_str(),
+                     to_hex(lost.key).c_str(), static_cast<int>(why.size()), why.data());
     }
     repair_later();
   });
@@ -473,9 +458,8 @@ bool registration::repair_some(clock::time_point until) {
   }
   for (; !loose_.empty(); loose_.erase(loose_.begin())) {
     if (interrupted()) return false;
-    const loose_write &what = loose_.begin()->second;
     repair_wrote_ = true;
-    send({what.hash, what.kind, what.key, what.record});
+    send(loose_.begin()->second);
   }
   return true;
 }
@@ -498,7 +482,7 @@ bool registration::drain_some(clock::time_point until) {
     if (state_ != state::live) return true;
     const waiting_change next = std::move(waiting_.front());
     waiting_.pop_front();
-    apply({next.input, next.kind, next.key, next.record, next.stored});
+    apply(next.input, next.what, next.stored);
     if (clock::now() >= until) return waiting_.empty();
   }
   return true;
@@ -506,10 +490,10 @@ bool registration::drain_some(clock::time_point until) {
 
 // ---- events ----
 
-void registration::apply(const input_change &what) {
-  if (what.kind == change_kind::del) return delete_record(what.input, what.key);
-  const record_table::entry *known = what.stored ? inputs_[what.input]->copy.find(what.key) : nullptr;
-  if (known == nullptr || known->record() != what.record) set_record(what.input, what.key, what.record, what.stored);
+void registration::apply(size_t input, const change &what, bool stored) {
+  if (what.kind == change_kind::del) return delete_record(input, what.key);
+  const record_table::entry *known = stored ? inputs_[input]->copy.find(what.key) : nullptr;
+  if (known == nullptr || known->record() != what.record) set_record(input, what.key, what.record, stored);
 }
 
 // `stored`: the record was read from the store; else it was announced, and the store may know better.

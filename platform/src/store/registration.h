@@ -29,6 +29,7 @@
 #include "global_context.h"
 #include "store/arena.h"
 #include "store/engine.h"
+#include "store/layout.h"
 #include "store/pool.h"
 #include "store/record_table.h"
 #include "vx_mom.h"
@@ -101,42 +102,27 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
  private:
   enum class state { idle, starting, reading, delivering, comparing, repairing, live };
 
-  struct input_change {  // bytes are borrowed
-    size_t input;
-    change_kind kind;
-    std::string_view key;
-    std::string_view record;
-    bool stored;  // it was read from the store; else it was announced, and the store may know better
-  };
   struct waiting_change {
     size_t input;
-    change_kind kind;
-    std::string key;
-    std::string record;
-    bool stored;
-  };
-  struct loose_write {  // a change that no comparison brings about: sent again until it is carried out
-    hash_id hash;
-    change_kind kind;
-    std::string key;
-    std::string record;
+    bool stored;  // it was read from the store; else it was announced, and the store may know better
+    owned_change what;
   };
 
   // engine_user
   void up() override;
   void down() override;
-  void changed(size_t input, const announcement &what) override;
+  void changed(size_t input, const change &announced) override;
   void malformed(size_t input) override;
-  void page(size_t hash, std::span<const stored_record> records, bool last) override;
+  void page(size_t hash, std::span<const change> records, bool last) override;
   void unreadable(size_t hash, std::string_view why) override;
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
-  void undone(const change &what, std::string_view why) override;
+  void not_written(const change &lost, std::string_view why) override;
   void relieved() override;
 
   void read_inputs();
   void forget_reads();
   void compare_outputs();
-  void compare_page(output_source &output, std::span<const stored_record> records);
+  void compare_page(output_source &output, std::span<const change> records);
   void scan_done();
   void run_slice();
   bool deliver_some(std::chrono::steady_clock::time_point until);
@@ -149,8 +135,8 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void wake();
 
   bool find_deletes(const input_source &source, std::chrono::steady_clock::time_point until);
-  void take(const input_change &what);
-  void apply(const input_change &what);
+  void take(size_t input, const change &what, bool stored);
+  void apply(size_t input, const change &what, bool stored);
   void set_record(size_t input, std::string_view key, std::string_view record, bool stored);
   void delete_record(size_t input, std::string_view key);
   void take_published(size_t input, std::string_view bytes);
@@ -188,9 +174,9 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   size_t position_ = 0;
   uint32_t comparison_ = 0;  // number of the last one
   step step_ = step::begin;
-  size_t next_known_ = 0;          // next bucket to compare: of the copy, or of what is wanted
-  std::set<std::string> deletes_;  // keys of what has gone
-  std::map<std::string, loose_write> loose_;
+  size_t next_known_ = 0;                      // next bucket to compare: of the copy, or of what is wanted
+  std::set<std::string> deletes_;              // keys of what has gone
+  std::map<std::string, owned_change> loose_;  // what no comparison brings about: sent until it is written
   std::deque<waiting_change> waiting_;
 
   std::unordered_set<size_t> told_;      // hashes of the keys of what was passed over
@@ -199,8 +185,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   bool repair_wrote_ = false;
   counters counters_;
   arena arena_;
-  std::string key_buffer_;
-  std::string record_buffer_;
+  owned_change written_;  // kept for its memory
   ko_platform::event_ptr slice_event_;
   ko_platform::event_ptr repair_event_;
   std::unique_ptr<engine> engine_;  // last: it goes first
