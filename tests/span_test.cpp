@@ -144,6 +144,28 @@ TEST_F(Span, KindOfMirrorTargetByRole) {
   }
 }
 
+// The handlers do not look at these statuses.
+TEST_F(Span, EntrySetters) {
+  span_info info = full_member();
+  ko_span_db_save_info(&lspan_global.session_list, &info);
+  auto *session = reinterpret_cast<mirror_info *>(lspan_global.session_list.next);
+  const struct {
+    int32_t (*set)(mirror_link *, const span_info *, uint32_t);
+    mirror_link *list;
+    const char *add;
+  } rows[] = {{ko_span_db_set_src_info, &session->src_list, "mirror_list_add_src_info"},
+              {ko_span_db_set_dst_info, &session->dst_list, "mirror_list_add_dst_info"},
+              {ko_span_db_set_mtp_info, &session->mtp_list, "mirror_list_add_mtp_info"}};
+  for (const auto &row : rows) {
+    const auto set = [&](uint32_t is_del) { return row.set(row.list, &info, is_del); };
+    recording::fail("libddm_get_phyid_by_ifx", 1, -9);
+    EXPECT_EQ(-9, set(0)) << row.add;
+    EXPECT_EQ((std::vector<int32_t>{0, 0, -7}), (std::vector<int32_t>{set(0), set(1), set(1)})) << row.add;
+    recording::fail(row.add, 1, -1);
+    EXPECT_EQ((std::vector<int32_t>{-2, 0}), (std::vector<int32_t>{set(0), set(0)})) << row.add;
+  }
+}
+
 // Where the daemon cannot keep what it has to know of a mirror target, there is none.
 TEST_F(Span, MirrorTargetWithoutMemory) {
   span_info info = full_member();

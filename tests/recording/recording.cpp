@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -73,6 +75,17 @@ int32_t answer(std::string_view function) {
     if ((one.function.empty() || one.function == function) && one.in != 0 && --one.in == 0) code = one.code;
   now.failed += code != 0;
   return code;
+}
+
+// Whether that line of the daemon's sources belongs to the function.
+bool belongs(const char *file, long line, std::string_view function) {
+  static std::map<std::pair<const void *, long>, std::string> known;
+  auto [at, added] = known.try_emplace({file, line});
+  std::ifstream in(added ? SOURCE_DIR + std::string("/") + file : "");
+  std::string text;
+  for (long i = 0; i < line && std::getline(in, text); ++i)
+    if (!text.empty() && std::isalpha(text[0]) != 0) at->second = text.substr(0, text.find('('));
+  return at->second.ends_with(function);
 }
 
 std::string db_name(uint32_t db_id) {
@@ -357,7 +370,7 @@ void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, co
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   const bool right = std::strcmp(format, "%s") == 0 && file_len == std::strlen(file) && func_len == std::strlen(func) &&
-                     file[0] != '/' && line > 0;
+                     (std::strncmp(file, "app/", 4) == 0 ? belongs(file, line, func) : file[0] != '/');
   note((category->name == "ko_lspan" ? "" : '[' + category->name + "] ") + levels.at(level) + func + ": " +
        ko_store::escaped(text) + (right ? "" : " with wrong arguments"));
 }

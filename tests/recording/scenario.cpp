@@ -1,0 +1,172 @@
+#include "scenario.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <sstream>
+
+#include "driver.h"
+#include "proc/lspan/ko_lspan.h"
+#include "recording.h"
+
+namespace scenario {
+namespace {
+
+uint32_t number(const std::string &text) {
+  size_t used = 0;
+  const auto value = static_cast<uint32_t>(std::stoll(text, &used, 0));
+  if (used != text.size()) throw std::invalid_argument("no number: " + text);
+  return value;
+}
+
+std::vector<uint32_t> numbers(const std::string &text) {
+  std::vector<uint32_t> values;
+  std::istringstream in(text);
+  for (std::string one; std::getline(in, one, ',');) values.push_back(number(one));
+  return values;
+}
+
+// What an event's line says in name=value pairs.
+struct event {
+  driver::member member;
+  uint32_t ifx = 0, group = 0, result = 0, msg_type = 0;
+  std::string user = "du_span";
+
+  explicit event(const words &line) {
+    for (const std::string &pair : line)
+      if (const size_t split = pair.find('='); split != std::string::npos)
+        read(pair.substr(0, split), pair.substr(split + 1));
+    if (group == 0) return;
+    member.module = U_MONITOR__MIRROR_MODULE__GROUP;
+    member.d = driver::group_target(group);
+  }
+
+  void read(const std::string &name, const std::string &value) {
+    const std::map<std::string, uint32_t *> fields = {{"session", &member.session},
+                                                      {"s", &member.s},
+                                                      {"d", &member.d},
+                                                      {"dir", &member.dir},
+                                                      {"acl", &member.acl},
+                                                      {"module", &member.module},
+                                                      {"role", &member.role},
+                                                      {"apply", &member.apply},
+                                                      {"switch", &member.mtp_switch},
+                                                      {"rate", &member.rate},
+                                                      {"ifx", &ifx},
+                                                      {"group", &group},
+                                                      {"result", &result},
+                                                      {"msg_type", &msg_type}};
+    if (name == "user")
+      user = value;
+    else if (name == "vlan")
+      member.vlan = numbers(value);
+    else
+      *fields.at(name) = number(value);
+  }
+};
+
+// An event whose record is missing, or lacks its index.
+int32_t send_nothing(const std::string &kind, bool record) {
+  UMonitor__MirrorLspanInfo member = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
+  PPolicy__DataIntfConf group = P_POLICY__DATA_INTF_CONF__INIT;
+  UMonitor__MirrorResultInfo result = U_MONITOR__MIRROR_RESULT_INFO__INIT;
+  if (kind == "member") return ko_lspan_info_handle(nullptr, 0, record ? &member : nullptr);
+  if (kind == "group") return ko_lspan_outgrb_handle(nullptr, 0, record ? &group : nullptr);
+  if (kind == "result") return ko_lspan_mom_result_info_set(nullptr, 0, record ? &result : nullptr);
+  throw std::invalid_argument("no event: " + kind);
+}
+
+// Sends the event of the line and puts its status into the trace; false when the line is none.
+bool send_event(const words &line) {
+  const event what(line);
+  const bool is_del = line[0] == "del";
+  int32_t status = 0;
+  if (line[0] == "set" || is_del) {
+    status = line.at(1) == "member" ? driver::member_event(what.member, is_del)
+                                    : driver::group_event(what.ifx, what.group, is_del);
+  } else if (line[0] == "result") {
+    status = driver::result_event(what.member, what.user, what.result, what.msg_type);
+  } else if (line[0] == "null" || line[0] == "noindex") {
+    status = send_nothing(line.at(1), line[0] == "noindex");
+  } else {
+    return false;
+  }
+  recording::note("= " + std::to_string(status));
+  return true;
+}
+
+}  // namespace
+
+void run(const words &line) {
+  if (send_event(line)) return;
+  const std::string &what = line[0];
+  if (what == "level") {
+    lspan_zlog_level = number(line.at(1));
+  } else if (what == "fail") {
+    recording::fail(line.at(1), number(line.at(2)), static_cast<int32_t>(number(line.at(3))));
+  } else if (what == "phyid") {
+    recording::translate(number(line.at(1)), number(line.at(2)));
+  } else if (what == "untranslatable") {
+    recording::translation_fails(number(line.at(1)), static_cast<int32_t>(number(line.at(2))));
+  } else if (what == "lists") {
+    recording::record_lists(line.at(1) == "on");
+  } else if (what == "out") {
+    recording::alloc_fail_at(number(line.at(3)), line.size() > 4 && line[4] == "on");
+  } else if (what == "memory" || what == "store") {
+    for (const std::string &text : what == "memory" ? driver::memory_text() : recording::store_text())
+      recording::note(text);
+  } else {
+    throw std::invalid_argument("unknown command: " + what);
+  }
+}
+
+words split(const std::string &line) {
+  std::istringstream in(line.substr(1));
+  return {std::istream_iterator<std::string>(in), {}};
+}
+
+std::vector<std::filesystem::path> files() {
+  std::vector<std::filesystem::path> found;
+  for (const auto &entry : std::filesystem::directory_iterator(SCENARIO_DIR))
+    if (entry.path().extension() == ".scn") found.push_back(entry.path());
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+words shown(words trace, bool translations) {
+  std::erase_if(trace, [&](const std::string &line) {
+    return !translations && line.starts_with("libddm_get_phyid_by_ifx") && line.find(" -> ") != std::string::npos;
+  });
+  for (std::string &line : trace)
+    for (size_t at = line.find('='); at++ != std::string::npos; at = line.find('=', at)) {
+      const size_t end = std::min(line.find_first_not_of("0123456789", at), line.size());
+      const uint64_t value = end - at == 10 ? std::stoull(line.substr(at, end - at)) : 0;
+      if (value >> 32 == 0 && ko_span_is_group_ifx(static_cast<uint32_t>(value)))
+        line.replace(at, 10, "group:" + std::to_string(ko_span_group_id(static_cast<uint32_t>(value))));
+    }
+  return trace;
+}
+
+std::string text_of(const words &trace) {
+  std::string text;
+  for (const std::string &line : trace) text += line + '\n';
+  return text;
+}
+
+int run_tests(const char *suite, const std::function<void(const std::filesystem::path &file)> &body) {
+  struct test : testing::Test {
+    explicit test(std::function<void()> all) : body(std::move(all)) {}
+    void TestBody() override { body(); }
+    std::function<void()> body;
+  };
+  for (const auto &file : files())
+    testing::RegisterTest(suite, file.stem().c_str(), nullptr, nullptr, file.c_str(), 1,
+                          [=]() -> testing::Test * { return new test([=] { body(file); }); });
+  const int status = RUN_ALL_TESTS();
+  driver::reset();
+  return files().empty() ? 1 : status;
+}
+
+}  // namespace scenario
