@@ -40,7 +40,7 @@ bool is_right(const std::string &word) { return word != "(" && word != ")"; }
 
 // Whether a line of the log says that `right` is missing: the command, or the message of the key or channel.
 bool tells(const std::string &log, std::string right) {
-  const size_t name = right[0] == '+' ? 1 : right.find_first_of("~:") + 1;
+  const size_t name = right[0] == '+' ? 1 : right.find_last_of("~:&") + 1;
   right = right[0] == '+' ? "'" + right.substr(name) + "' command" : right.substr(name, right.find('*') - name);
   std::istringstream lines(log);
   for (std::string line; std::getline(lines, line);)
@@ -62,6 +62,7 @@ void play(const sandbox &box) {
   ko_store::append_announcement({{}, ko_store::change_kind::set, session(stays).key, "\xff"}, garbled);
   others.announce(4, "u_monitor.mirror_lspan_info", garbled);
   others.flush();
+  client(box.socket()).run({"PUBLISH", "ko_lspan.request", R"({"request":"status","reply":"ko_reply.1"})"});
 }
 
 bool read_or_refused(const std::string &log) {
@@ -144,7 +145,8 @@ TEST(acl, nothing_else_is_allowed) {
       "PUBLISH 8:u_monitor.foreign x;PUBLISH 6:u_monitor.mirror_result_info x;SUBSCRIBE __keyspace@0__:x;PSUBSCRIBE *;";
   const std::string daemon =
       "HSET u_monitor.mirror_lspan_info k v;HDEL u_monitor.mirror_lspan_info k;PUBLISH 4:u_monitor.mirror_lspan_info x;"
-      "HSET p_policy.data_intf_conf k v;HDEL p_policy.data_intf_conf k;SUBSCRIBE 8:u_monitor.span_dst_info";
+      "HSET p_policy.data_intf_conf k v;HDEL p_policy.data_intf_conf k;SUBSCRIBE 8:u_monitor.span_dst_info;"
+      "PUBLISH ko_lspan.request x;SUBSCRIBE ko_reply.1;CLIENT GETNAME";
   const std::string tool =
       "HSET u_monitor.span_dst_info k v;HDEL u_monitor.span_mtp_info k;HSET u_bridge.udp_pt_learn k v;"
       "HDEL u_bridge.udp_pt_learn k;PUBLISH 6:u_bridge.udp_flushdyn x;PUBLISH 8:u_monitor.span_dst_info x;"

@@ -26,6 +26,16 @@ class resync : public ::testing::Test {
     ASSERT_TRUE(box.settle());
   }
 
+  // Publishes a request as it is, or one of that name; gives the answer.
+  std::string ask(const std::string &request) {
+    const std::string reply = "ko_reply." + std::to_string(++asked_);
+    client listener(box.socket());
+    listener.run({"SUBSCRIBE", reply});
+    client(box.socket())
+        .run({"PUBLISH", "ko_lspan.request", R"({"request":")" + request + R"(","reply":")" + reply + "\"}"});
+    return listener.next();
+  }
+
   size_t reads() const { return count_of(box.log(), "lspan ds over."); }
 
   void hang_up() {
@@ -36,6 +46,9 @@ class resync : public ::testing::Test {
   }
 
   sandbox box;
+
+ private:
+  uint32_t asked_ = 0;
 };
 
 struct left_over {
@@ -167,6 +180,65 @@ TEST_F(resync, takes_everything_anew) {
   EXPECT_EQ(read_file(box.folder() + "/log.1"), before);
   const std::string words = read_file("/proc/" + std::to_string(box.daemon().pid()) + "/cmdline");
   EXPECT_EQ(words, program + '\0' + "an argument" + '\0');
+}
+
+// No order of the loop may let an answer overtake what came before the request.
+TEST_F(resync, an_answer_is_a_barrier) {
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  client reader(box.socket());
+  reader.run({"SELECT", "8"});
+  producer others(box.socket());
+  for (uint32_t i = 1; i <= 30; ++i) {
+    for (uint32_t k = 0; k < i * 20; ++k) others.set(session({.session = i, .s_ifx = 1 + k, .d_ifx = 7}));
+    others.flush();
+    const std::string state = ask("status");
+    const std::string records = reader.run({"HLEN", "u_monitor.span_port_src_info"});
+    EXPECT_EQ(records, std::to_string(10 * i * (i + 1))) << state;
+    EXPECT_NE(state.find(R"("state":"serving")"), std::string::npos) << state;
+  }
+}
+
+TEST_F(resync, answers_when_it_is_done) {
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  feed({{'+', session({1, 1, 5})}, {'+', session({2, 2, 5})}, {'-', session({1, 1, 5})}});
+  EXPECT_EQ(ask("resync"), R"({"done":true,"written":1,"deleted":0})");
+  EXPECT_EQ(difference(box.dump(), of_fresh_daemon(box.inputs())), "");
+  EXPECT_EQ(ask("resync"), R"({"done":true,"written":0,"deleted":0})");
+  box.platform_file("{,}");
+  EXPECT_EQ(ask("resync"), R"({"error":"/etc/ko_platform/platform.json:1:2: malformed JSON"})");
+  const std::string state = ask("status");
+  for (const char *part :
+       {R"({"program":"ko_lspan","pid":)", R"("connected":true,"connected_since":"2)", R"("reads":1,)",
+        R"("last_error":"no resync: /etc/ko_platform/platform.json:1:2: malformed JSON; all goes)"})
+    EXPECT_NE(state.find(part), std::string::npos) << state;
+}
+
+TEST_F(resync, garbage_is_no_request) {
+  box.start_daemon();
+  ASSERT_TRUE(box.settle());
+  client server(box.socket());
+  client listener(box.socket());
+  listener.run({"SUBSCRIBE", "ko_reply.x"});
+  listener.run({"SUBSCRIBE", "8:u_monitor.span_dst_info"});
+  const lines before = box.dump();
+  const std::string deep(3000, '[');
+  for (const std::string &request :
+       lines{"", "{", "[]", "7", "\"resync\"", std::string("\0\xff{", 3), deep, std::string(1 << 20, ' '), "{}",
+             R"({"request":"status"})", R"({"request":"status","reply":7})",
+             R"({"request":"status","reply":"foreign"})", R"({"request":"resync","reply":"8:u_monitor.span_dst_info"})",
+             R"({"request":"resync","reply":"ko_reply.a b"})", R"({"request":"resync","reply":"ko_reply.\u0000"})",
+             R"({"request":"resync","reply":"ko_reply.)" + std::string(300, 'x') + "\"}",
+             R"({"request":["resync"],"reply":"ko_reply.x"})", R"({"request":"Status","reply":"ko_reply.x"})"})
+    server.run({"PUBLISH", "ko_lspan.request", request});
+  EXPECT_EQ(listener.next(), R"({"error":"unknown request \"\""})");
+  EXPECT_EQ(listener.next(), R"({"error":"unknown request \"Status\""})");
+  const std::string state = ask("status");
+  EXPECT_NE(state.find(R"("rejected":16,)"), std::string::npos) << state;
+  EXPECT_EQ(count_of(box.log(), "a request cannot be answered"), 1U);
+  EXPECT_EQ(reads(), 1U);
+  EXPECT_EQ(difference(box.dump(), before), "");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "platform_log.h"
 #include "resync.h"
 #include "service_manager.h"
+#include "status.h"
 
 using ko_platform::context_of;
 using ko_platform::global_context;
@@ -43,6 +44,7 @@ void vx_global_run(vx_global *global) try {
   if (global == nullptr) return;
   event_base *base = context_of(global).base.get();
   ko_platform::resync resync(context_of(global));
+  const ko_platform::status status(context_of(global));
   const timeval at_once{0, 0};  // which is after the wake-up
   event_base_once(
       base, -1, EV_TIMEOUT, [](evutil_socket_t, short, void *) { ko_platform::tell_ready(); }, nullptr, &at_once);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "request_desk.h"
 #include "vx_global.h"
 
 namespace ko_platform {
@@ -33,6 +34,7 @@ class attachment {
 struct global_context final : vx_global {
   event_base_ptr base;
   std::string proc_name;
+  request_desk requests;
   std::unique_ptr<attachment> store;  // the registration with the record store, or null
   std::unique_ptr<attachment> redundancy;
 };

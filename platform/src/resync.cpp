@@ -10,13 +10,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <new>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
 
 #include "platform_config.h"
 #include "platform_log.h"
 #include "service_manager.h"
+#include "store/registration.h"
 
 namespace ko_platform {
 namespace {
@@ -25,6 +28,10 @@ using namespace std::chrono_literals;
 
 constexpr auto patience = 1s;              // with the answers to what was written
 constexpr timeval look_interval{0, 5000};  // meanwhile
+
+// Names the process and the channels of those who asked it for the resync; blanks between them.
+constexpr const char *replies_variable = "KO_PLATFORM_RESYNC";
+constexpr size_t most_replies = 16;
 
 std::string read_all(const std::string &path) {
   std::ostringstream text;
@@ -63,42 +70,54 @@ void close_the_rest_on_exec() {
 resync::resync(global_context &context) : context_(context), program_(std::filesystem::read_symlink("/proc/self/exe")) {
   event_base *base = context.base.get();
   signal_.reset(evsignal_new(
-      base, SIGHUP, [](evutil_socket_t, short, void *self) { static_cast<resync *>(self)->on_signal(); }, this));
+      base, SIGHUP, [](evutil_socket_t, short, void *self) { static_cast<resync *>(self)->ask({}); }, this));
   poll_.reset(event_new(
       base, -1, EV_PERSIST, [](evutil_socket_t, short, void *self) { static_cast<resync *>(self)->look(); }, this));
   if (signal_ == nullptr || poll_ == nullptr || event_add(signal_.get(), nullptr) != 0) throw std::bad_alloc();
+  context.requests.add("resync", [this](const std::string &reply) { ask(reply); });
+  take_over_replies();
   block_hangup(false);
 }
 
-void resync::on_signal() try { ask(); } catch (const std::bad_alloc &) {
-  PLATFORM_ERROR("no resync: memory is exhausted");
-}
+// ---- asked for ----
 
-std::string resync::ask() {
-  if (due_) return {};
-  std::string why;
+// What is against a resync; empty when nothing is.
+std::string resync::obstacle() const {
   try {
     load_config(default_config_path);
-    if (access(program_.c_str(), X_OK) != 0) why = program_ + ": " + std::strerror(errno);
   } catch (const config_error &error) {
-    why = error.what();
+    return error.what();
   }
-  if (!why.empty()) {
-    PLATFORM_ERROR("no resync: %s; all goes on as it was", why.c_str());
-    return why;
-  }
+  return access(program_.c_str(), X_OK) == 0 ? "" : program_ + ": " + std::strerror(errno);
+}
+
+void resync::ask(const std::string &reply) try {
+  if (replies_.size() == most_replies) return context_.requests.refuse(reply, "too many ask for a resync");
+  if (!reply.empty()) replies_.push_back(reply);
+  if (due_) return;
+  const std::string why = obstacle();
+  if (!why.empty()) return give_up(why);
   PLATFORM_INFO("resync: %s is executed again", program_.c_str());
   due_ = true;
   latest_ = clock::now() + patience;
   if (context_.store != nullptr) context_.store->pause();
   event_add(poll_.get(), &look_interval);
-  return {};
+} catch (const std::bad_alloc &) {
+  PLATFORM_ERROR("no resync: memory is exhausted; all goes on as it was");
+}
+
+void resync::give_up(const std::string &why) {
+  PLATFORM_ERROR("no resync: %s; all goes on as it was", why.c_str());
+  for (const std::string &reply : replies_) context_.requests.refuse(reply, why);
+  replies_.clear();
 }
 
 void resync::look() {
   const bool quiet = context_.store == nullptr || context_.store->quiet();
   if (quiet || clock::now() >= latest_) event_base_loopbreak(context_.base.get());
 }
+
+// ---- carried out ----
 
 bool resync::carry_out() {
   if (!due_) return false;
@@ -107,9 +126,11 @@ bool resync::carry_out() {
   tell_reloading();
   block_hangup(true);
   execute();
-  PLATFORM_ERROR("no resync: %s cannot be executed: %s; all goes on as it was", program_.c_str(), std::strerror(errno));
+  const int error = errno;
+  unsetenv(replies_variable);
   block_hangup(false);
   tell_ready();
+  give_up(program_ + " cannot be executed: " + std::strerror(error));
   if (context_.store != nullptr) context_.store->resume();
   return true;
 }
@@ -120,8 +141,35 @@ void resync::execute() {
   std::vector<char *> arguments;
   for (size_t at = 0; at < words.size(); at += std::strlen(&words[at]) + 1) arguments.push_back(&words[at]);
   arguments.push_back(nullptr);
+  std::string replies = std::to_string(getpid());
+  for (const std::string &reply : replies_) replies += ' ' + reply;
+  if (!replies_.empty()) setenv(replies_variable, replies.c_str(), 1);
   close_the_rest_on_exec();
   execve(program_.c_str(), arguments.data(), environ);
+}
+
+// ---- afterwards ----
+
+void resync::take_over_replies() {
+  const char *left = std::getenv(replies_variable);
+  if (left == nullptr) return;
+  std::istringstream words(left);
+  pid_t from = 0;
+  words >> from;
+  if (from == getpid()) replies_.assign(std::istream_iterator<std::string>(words), {});
+  unsetenv(replies_variable);
+  ko_store::registration *store = ko_store::registration_of(&context_);
+  if (store != nullptr && !replies_.empty()) store->on_live = [this] { answer_done(); };
+}
+
+void resync::answer_done() {
+  ko_store::registration &store = *ko_store::registration_of(&context_);
+  const ko_store::counters &counts = store.counts();
+  const nlohmann::ordered_json done{
+      {"done", true}, {"written", counts.writes - counts.deletes - counts.published}, {"deleted", counts.deletes}};
+  for (const std::string &reply : replies_) context_.requests.answer(reply, done.dump());
+  replies_.clear();
+  store.on_live = nullptr;
 }
 
 }  // namespace ko_platform

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "global_context.h"
 
@@ -12,13 +13,15 @@ namespace ko_platform {
 
 class resync {
  public:
-  // From now on SIGHUP asks for a resync; one that was sent while the process started counts. `context` is borrowed.
+  // From now on SIGHUP asks for a resync, one that was sent while the process started counts; and so does the request
+  // "resync". Who asked this process for it before it was executed again, gets the answer. `context` is borrowed.
   explicit resync(global_context &context);
   resync(const resync &) = delete;
   resync &operator=(const resync &) = delete;
 
-  // Ends the event loop as soon as nothing is under way any more. Returns why that cannot be, or an empty text.
-  std::string ask();
+  // Ends the event loop as soon as nothing is under way any more; the answer goes to the channel `reply`, unless that
+  // is empty.
+  void ask(const std::string &reply);
 
   // To be called when the loop has ended. Returns only when no resync was asked for (false), or when the program could
   // not be executed: everything goes on as it was, and the loop has to run again (true).
@@ -27,14 +30,18 @@ class resync {
  private:
   using clock = std::chrono::steady_clock;
 
-  void on_signal();
+  std::string obstacle() const;
+  void take_over_replies();
+  void answer_done();
   void look();
   void execute();
+  void give_up(const std::string &why);
 
   global_context &context_;
   std::string program_;  // path of the executable file, as it was when the process started
   bool due_ = false;
-  clock::time_point latest_;  // when what is under way is not waited for any more
+  std::vector<std::string> replies_;  // channels of those who asked
+  clock::time_point latest_;          // when what is under way is not waited for any more
   event_ptr signal_;
   event_ptr poll_;
 };

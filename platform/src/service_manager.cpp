@@ -2,6 +2,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -16,6 +17,13 @@ void check(int sent) {
 
 }  // namespace
 
+bool has_service_manager() { return std::getenv("NOTIFY_SOCKET") != nullptr; }
+
+std::chrono::microseconds watchdog_time() {
+  uint64_t us = 0;
+  return std::chrono::microseconds(sd_watchdog_enabled(0, &us) > 0 ? us : 0);
+}
+
 void tell_ready() noexcept { check(sd_notify(0, "READY=1")); }
 
 void tell_reloading() noexcept {
@@ -24,5 +32,9 @@ void tell_reloading() noexcept {
   const long long us = now.tv_sec * 1'000'000LL + now.tv_nsec / 1000;
   check(sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", us));
 }
+
+void tell_alive() noexcept { sd_notify(0, "WATCHDOG=1"); }
+
+void tell_status(const char *line) noexcept { sd_notifyf(0, "STATUS=%s", line); }
 
 }  // namespace ko_platform

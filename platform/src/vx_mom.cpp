@@ -61,6 +61,9 @@ vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_
   auto made = std::make_unique<registration>(*context, app_name == nullptr ? "" : app_name, make_engine(*context));
   registration *result = made.get();
   ko_platform::context_of(context).store = std::move(made);
+  ko_platform::context_of(context).requests.publish = [result](std::string_view channel, std::string_view text) {
+    result->publish(channel, text);
+  };
   (void)made_here.release();
   return result;
 } catch (const std::bad_alloc &) {

@@ -63,6 +63,7 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
   void not_written(const ko_store::change &what, std::string_view why) override;
   void relieved() override {}
+  void requested(std::string_view) override {}
   void must_be_up() const;
 
   engine_user *user_ = nullptr;

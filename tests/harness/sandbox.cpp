@@ -247,6 +247,15 @@ client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_s
 
 client::~client() { redisFree(context_); }
 
+std::string client::next() {
+  const timeval most{std::chrono::seconds(patience).count(), 0};
+  redisSetTimeout(context_, most);
+  void *reply = nullptr;
+  if (redisGetReply(context_, &reply) != REDIS_OK) return {};
+  const reply_ptr message(static_cast<redisReply *>(reply), &freeReplyObject);
+  return message->elements == 3 ? text_of(message->element[2]) : text_of(message.get());
+}
+
 std::string client::run(const std::vector<std::string> &words) { return text_of(ask(context_, words).get()); }
 
 // ---- sandbox ----

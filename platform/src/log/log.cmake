@@ -6,14 +6,14 @@ find_package(spdlog QUIET)
 
 set(log_dir ${CMAKE_CURRENT_LIST_DIR})
 if(spdlog_FOUND)
-  add_library(ko_log_spdlog OBJECT EXCLUDE_FROM_ALL ${log_dir}/at_snprintf.cpp ${log_dir}/line.cpp
-                                                    ${log_dir}/spdlog_backend.cpp)
+  add_library(ko_log_spdlog OBJECT EXCLUDE_FROM_ALL ${log_dir}/at_snprintf.cpp ${log_dir}/last_error.cpp
+                                                    ${log_dir}/line.cpp ${log_dir}/spdlog_backend.cpp)
   target_include_directories(ko_log_spdlog PRIVATE include src)
   target_link_libraries(ko_log_spdlog PUBLIC spdlog::spdlog)
 endif()
 if(ZLOG_INCLUDE_DIR AND ZLOG_LIBRARY)
   message(STATUS "Logging: zlog")
-  target_sources(ko_platform PRIVATE ${log_dir}/at_snprintf.cpp ${log_dir}/zlog_backend.cpp)
+  target_sources(ko_platform PRIVATE ${log_dir}/at_snprintf.cpp ${log_dir}/last_error.cpp ${log_dir}/zlog_backend.cpp)
   target_include_directories(ko_platform SYSTEM PRIVATE ${ZLOG_INCLUDE_DIR})
   target_link_libraries(ko_platform PRIVATE ${ZLOG_LIBRARY})
 elseif(spdlog_FOUND)

@@ -17,6 +17,7 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include "log/last_error.h"
 #include "log/line.h"
 #include "platform_config.h"
 #include "standard_files.h"
@@ -124,6 +125,7 @@ void vxdf_zlog(vx_zlog_category *category, const char *, size_t, const char *fun
   const int length = std::vsnprintf(text, sizeof(text), format, args);
   va_end(args);
   if (category == nullptr || length < 0) return;
+  if (level >= VX_ZLOG_ERROR) ko_platform::note_error(text);
   try {
     std::byte room[4096];  // longer lines go to the heap
     std::pmr::monotonic_buffer_resource memory(room, sizeof(room));

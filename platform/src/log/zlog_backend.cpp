@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "log/last_error.h"
 #include "platform_config.h"
 #include "standard_files.h"
 #include "vx_zlog.h"
@@ -37,6 +38,12 @@ void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, co
                long line, int level, const char *format, ...) {
   if (category == nullptr) return;
   va_list args;
+  if (level >= VX_ZLOG_ERROR) {
+    char text[1024];
+    va_start(args, format);
+    if (std::vsnprintf(text, sizeof(text), format, args) >= 0) ko_platform::note_error(text);
+    va_end(args);
+  }
   va_start(args, format);
   vzlog(reinterpret_cast<zlog_category_t *>(category), file, file_len, func, func_len, line, level, format, args);
   va_end(args);

@@ -39,6 +39,8 @@ class engine_user {
   virtual void not_written(const change &lost, std::string_view why) = 0;
   // The engine can take more after it was congested.
   virtual void relieved() = 0;
+  // A request of another process came; see engine::serve.
+  virtual void requested(std::string_view request) = 0;
 };
 
 class engine {
@@ -48,6 +50,12 @@ class engine {
   // Begins to serve `user` (borrowed for the engine's life). `hashes` are numbered from 0 in what follows; changes of
   // the first `n_inputs` are announced. Called again, it drops what it did before.
   virtual void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) = 0;
+
+  // To be called before start: connections carry the name of `program`, and what is published on the channel
+  // "<program>.request" are requests. A store that does not allow either is used all the same.
+  virtual void serve(const std::string &) {}
+  // Publishes a text that is no change, behind what was written before. Only while up.
+  virtual void publish(std::string_view, std::string_view) {}
 
   // Reads a whole hash; the answers are calls of page, or one of unreadable. Only while up.
   virtual void scan(size_t hash) = 0;

@@ -20,7 +20,9 @@ constexpr size_t most_unanswered = 8192;         // requests; above, long work w
 constexpr size_t few_unanswered = 2048;          // below, it goes on
 constexpr size_t most_unsent = size_t{1} << 20;  // bytes
 constexpr timeval at_once{0, 0};
-constexpr timeval patience{1, 0};  // without an answer, before that is said
+constexpr timeval patience{1, 0};   // without an answer, before that is said
+constexpr int most_late = 30;       // times that, before the connections are made anew
+constexpr timeval idle_time{5, 0};  // without a word, before the server is asked for one
 
 void append_command(std::string &out, std::initializer_list<std::string_view> words) {
   append_head(out, words.size());
@@ -35,7 +37,15 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
   watch_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->look(); }, this));
-  if (retry_ == nullptr || watch_ == nullptr) throw std::bad_alloc();
+  poke_.reset(event_new(
+      base_, -1, EV_PERSIST, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->poke(); },
+      this));
+  if (retry_ == nullptr || watch_ == nullptr || poke_ == nullptr) throw std::bad_alloc();
+}
+
+void redis_engine::serve(const std::string &program) {
+  program_ = program;
+  request_channel_ = program.empty() ? "" : program + ".request";
 }
 
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
@@ -49,6 +59,7 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
   for (size_t i = 0; i < n_inputs_; ++i) subscription_.append(i == 0 ? "" : ", ").append(channels_[i]);
   while (queued_ > 0) drop_oldest();
   event_add(retry_.get(), &at_once);
+  event_add(poke_.get(), &idle_time);
 }
 
 // ---- connections ----
@@ -70,6 +81,11 @@ void redis_engine::connect() try {
     ++answers;
   }
   ask({.kind = request::login, .answers = answers});
+  if (!program_.empty()) {
+    command_.clear();
+    append_name();
+    ask({.kind = request::name, .answers = 1});
+  }
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
 } catch (const std::bad_alloc &) {
@@ -87,40 +103,69 @@ unsigned redis_engine::log_in() {
   return known ? 2 : 1;
 }
 
+void redis_engine::append_name() { append_command(command_, {"CLIENT", "SETNAME", program_}); }
+
+// The channel of the requests has a command of its own: where it is refused, the inputs are not.
 void redis_engine::subscribe() {
   command_.clear();
   reader_logins_ = log_in();
+  reader_named_ = program_.empty();
+  reader_poked_ = false;
+  if (!reader_named_) append_name();
   if (n_inputs_ > 0) {
     append_head(command_, n_inputs_ + 1);
     append_word(command_, "SUBSCRIBE");
     for (size_t i = 0; i < n_inputs_; ++i) append_word(command_, channels_[i]);
   }
+  if (!request_channel_.empty()) append_command(command_, {"SUBSCRIBE", request_channel_});
   reader_->send(command_);
   watch();
 }
 
 void redis_engine::on_subscription(const redis_answer &answer) {
-  if (!answer.error.empty()) {
-    if (reader_logins_ == 0 && !told_.contains(answer.error))
-      PLATFORM_ERROR("the subscription to %s is refused", subscription_.c_str());
-    return broken(answer.error);
-  }
+  if (!answer.error.empty()) return on_subscription_error(answer.error);
+  const std::string_view what = answer.texts.empty() ? std::string_view() : answer.texts[0];
   if (reader_logins_ > 0) {
     --reader_logins_;
-  } else if (answer.texts.size() == 2 && answer.texts[0] == "subscribe") {
+  } else if (!reader_named_) {
+    reader_named_ = true;
+  } else if (answer.texts.size() == 2 && what == "pong") {
+    reader_poked_ = false;
+  } else if (answer.texts.size() == 2 && what == "subscribe" && answer.texts[1] != request_channel_) {
     ++subscriptions_;
     check_up();
-  } else if (answer.texts.size() == 3 && answer.texts[0] == "message" && up_) {
-    const auto channels_end = channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_);
-    const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
-    if (channel == channels_end) return;
-    const auto input = static_cast<size_t>(channel - channels_.begin());
-    const auto what = parse_announcement(hashes_[input], answer.texts[2]);
-    if (what.has_value())
-      user_->changed(input, *what);
-    else
-      user_->malformed(input);
+  } else if (answer.texts.size() == 3 && what == "message" && up_) {
+    on_message(answer);
   }
+}
+
+void redis_engine::on_subscription_error(std::string_view why) {
+  if (reader_logins_ == 0 && !std::exchange(reader_named_, true))
+    return tell_refusal("name its connections", program_, why);
+  if (reader_logins_ == 0 && subscriptions_ == n_inputs_) return tell_refusal("listen to", request_channel_, why);
+  if (reader_logins_ == 0 && !told_.contains(why))
+    PLATFORM_ERROR("the subscription to %s is refused", subscription_.c_str());
+  broken(why);
+}
+
+// The store serves without it.
+void redis_engine::tell_refusal(const char *what, std::string_view where, std::string_view why) {
+  if (!refused_.emplace(what).second) return;
+  PLATFORM_WARN("the store does not let this process %s %.*s: %.*s", what, static_cast<int>(where.size()), where.data(),
+                static_cast<int>(why.size()), why.data());
+}
+
+void redis_engine::on_message(const redis_answer &answer) {
+  if (answer.texts[1] == request_channel_) return user_->requested(answer.texts[2]);
+  const auto channels_end = channels_.begin() + static_cast<std::ptrdiff_t>(n_inputs_);
+  const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
+  if (channel == channels_end) return;
+  const auto input = static_cast<size_t>(channel - channels_.begin());
+  const auto what = parse_announcement(hashes_[input], answer.texts[2]);
+  if (what.has_value())
+    user_->changed(input, *what);
+  else
+    user_->malformed(input);
 }
 
 void redis_engine::check_up() {
@@ -143,6 +188,7 @@ void redis_engine::close() {
   writer_.reset();
   up_ = false;
   silent_ = false;
+  late_ = 0;
   was_congested_ = false;
   error_.clear();
 }
@@ -199,6 +245,17 @@ void redis_engine::on_request(const redis_answer &answer) {
       drop_oldest();
       ready_ = ready_ || asked.kind == request::login;
       return check_up();
+    case request::name:
+      if (!error_.empty()) tell_refusal("name its connections", program_, error_);
+      error_.clear();
+      return drop_oldest();
+    case request::publish:
+      if (!error_.empty()) tell_refusal("answer on", oldest_key(), error_);
+      error_.clear();
+      return drop_oldest();
+    case request::ping:
+      error_.clear();
+      return drop_oldest();
     case request::page:
       return on_page(answer);
     case request::fetch:
@@ -291,6 +348,12 @@ void redis_engine::write(const change &what) {
       what.record);
 }
 
+void redis_engine::publish(std::string_view channel, std::string_view text) {
+  command_.clear();
+  append_command(command_, {"PUBLISH", channel, text});
+  ask({.kind = request::publish, .answers = 1}, channel);
+}
+
 // The end of a transaction, or the answer to a lone PUBLISH.
 void redis_engine::on_outcome(const redis_answer &answer) {
   if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
@@ -363,10 +426,30 @@ void redis_engine::watch() {
 // Looks again while there is something to wait for; the next command starts it otherwise.
 void redis_engine::look() {
   watching_ = false;
-  if (queued_ == 0 && (reader_ == nullptr || subscriptions_ == n_inputs_)) return;
-  if (answers_ == seen_ && !std::exchange(silent_, true))
+  const bool awaits = queued_ > 0 || (reader_ != nullptr && (subscriptions_ < n_inputs_ || reader_poked_));
+  late_ = awaits && answers_ == seen_ ? late_ + 1 : 0;
+  if (!awaits) return;
+  if (late_ > 0 && !std::exchange(silent_, true))
     PLATFORM_ERROR("the store does not answer; its answers are waited for");
+  if (late_ >= most_late) return broken("it has not answered for half a minute");
   watch();
+}
+
+// A server that has nothing to say could be gone, and a connection that nobody uses could have been forgotten on its
+// way.
+void redis_engine::poke() {
+  const bool idle = up_ && queued_ == 0 && answers_ == poked_;
+  poked_ = answers_;
+  if (!idle) return;
+  try {
+    command_.clear();
+    append_command(command_, {"PING"});
+    reader_->send(command_);
+    reader_poked_ = true;
+    ask({.kind = request::ping, .answers = 1});
+  } catch (const std::bad_alloc &) {
+    broken("memory is exhausted");
+  }
 }
 
 }  // namespace ko_store

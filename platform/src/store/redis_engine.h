@@ -18,6 +18,8 @@ class redis_engine final : public engine, private redis_link_user {
  public:
   redis_engine(vx_global &global, ko_platform::store_address address);
 
+  void serve(const std::string &program) override;
+  void publish(std::string_view channel, std::string_view text) override;
   void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override;
   void fetch(size_t input, std::string_view key) override;
@@ -26,7 +28,7 @@ class redis_engine final : public engine, private redis_link_user {
   bool quiet() const override { return writes_ == 0; }
 
  private:
-  enum class request { login, select, page, fetch, write };
+  enum class request { login, name, select, page, fetch, write, publish, ping };
   struct awaited {  // a request that is not answered yet; its key and record stand behind it in the queue
     request kind{};
     change_kind change{};  // of a write
@@ -50,6 +52,8 @@ class redis_engine final : public engine, private redis_link_user {
   void check_up();
   void subscribe();
   unsigned log_in();
+  void append_name();
+  void tell_refusal(const char *what, std::string_view where, std::string_view why);
   void select(uint32_t db);
   void ask_page(size_t hash, std::string_view cursor);
   const hash_words &words_of(const hash_id &id);
@@ -59,6 +63,8 @@ class redis_engine final : public engine, private redis_link_user {
   void lost(redis_link &link, const std::string &why) override;
   void on_answer(const redis_link &link, const redis_answer &answer);
   void on_subscription(const redis_answer &answer);
+  void on_subscription_error(std::string_view why);
+  void on_message(const redis_answer &answer);
   void on_request(const redis_answer &answer);
   void on_page(const redis_answer &answer);
   void on_fetched(const redis_answer &answer);
@@ -72,6 +78,7 @@ class redis_engine final : public engine, private redis_link_user {
 
   void watch();
   void look();
+  void poke();
 
   event_base *base_;
   ko_platform::store_address address_;
@@ -81,12 +88,16 @@ class redis_engine final : public engine, private redis_link_user {
   std::vector<hash_words> words_;      // of every hash that was written
   size_t n_inputs_ = 0;
   std::string subscription_;  // channels of the inputs, for people
+  std::string program_;       // name of the connections; empty: they have none, and there are no requests
+  std::string request_channel_;
 
   std::unique_ptr<redis_link> reader_;  // the subscription
   std::unique_ptr<redis_link> writer_;
   bool up_ = false;
   bool ready_ = false;          // the writer answered
   unsigned reader_logins_ = 0;  // answers that the reader expects before those of its subscription
+  bool reader_named_ = false;   // the answer to its name came, or is not expected
+  bool reader_poked_ = false;   // it owes an answer to a ping
   size_t subscriptions_ = 0;    // confirmed
   int64_t selected_db_ = 0;     // of the writer
   std::string queue_;           // of the writer's requests
@@ -105,9 +116,13 @@ class redis_engine final : public engine, private redis_link_user {
 
   uint64_t answers_ = 0;  // that came
   uint64_t seen_ = 0;     // of these, when the watch last looked
+  uint64_t poked_ = 0;    // of these, when an idle server was last thought of
+  int late_ = 0;          // looks of the watch since something came that was awaited
   bool silent_ = false;   // the server does not answer, and that was said
   bool watching_ = false;
   ko_platform::event_ptr watch_;
+  ko_platform::event_ptr poke_;
+  std::set<std::string, std::less<>> refused_;  // what the server does not let this process do, and that was said
 };
 
 }  // namespace ko_store

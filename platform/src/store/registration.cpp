@@ -46,6 +46,7 @@ registration::registration(vx_global &context, std::string app_name, std::unique
   repair_event_.reset(event_new(
       base, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<registration *>(self)->repair_due(); }, this));
   if (slice_event_ == nullptr || repair_event_ == nullptr) throw std::bad_alloc();
+  engine_->serve(app_name_);
 }
 
 registration::~registration() = default;
@@ -131,8 +132,14 @@ int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_k
   return VX_MOM_OK;
 }
 
+void registration::publish(std::string_view channel, std::string_view text) {
+  if (up_) engine_->publish(channel, text);
+}
+
 void registration::send(const change &what) try {
   ++counters_.writes;
+  counters_.deletes += what.kind == change_kind::del ? 1 : 0;
+  counters_.published += what.kind == change_kind::publish ? 1 : 0;
   engine_->write(what);
 } catch (const std::bad_alloc &) {
   repair_later();
@@ -175,6 +182,7 @@ void registration::guard(const char *doing, auto &&work) try { work(); } catch (
 
 void registration::up() {
   up_ = true;
+  up_since_ = std::chrono::system_clock::now();
   if (!paused_) guard("reading the store", [this] { read_inputs(); });
 }
 
@@ -346,6 +354,16 @@ void registration::tell_refusal(std::string text) {
 
 void registration::relieved() { wake(); }
 
+// While changes wait, it waits behind them; while the store is read, the answer says so.
+void registration::requested(std::string_view request) {
+  guard("taking a request", [&] {
+    if (state_ == state::live && !waiting_.empty())
+      waiting_.push_back({0, false, {{}, change_kind::publish, {}, std::string(request)}, true});
+    else
+      ko_platform::context_of(global).requests.take(request);
+  });
+}
+
 void registration::repair_later() {
   if (evtimer_pending(repair_event_.get(), nullptr)) return;
   repair_pause_ms_ = std::clamp(2 * repair_pause_ms_, first_repair_pause_ms, longest_repair_pause_ms);
@@ -474,6 +492,24 @@ void registration::finish_repair() {
     refusals_told_.clear();
   }
   repair_pause_ms_ = 0;
+  if (const auto told = on_live) told();
+}
+
+const char *registration::state_name() const {
+  switch (state_) {
+    case state::reading:
+      return "reading";
+    case state::delivering:
+      return "delivering";
+    case state::comparing:
+      return "comparing";
+    case state::repairing:
+      return "repairing";
+    case state::live:
+      return "serving";
+    default:
+      return "starting";
+  }
 }
 
 // Returns whether nothing waits any more.
@@ -482,7 +518,10 @@ bool registration::drain_some(clock::time_point until) {
     if (state_ != state::live) return true;
     const waiting_change next = std::move(waiting_.front());
     waiting_.pop_front();
-    apply(next.input, next.what, next.stored);
+    if (next.is_request)
+      ko_platform::context_of(global).requests.take(next.what.record);
+    else
+      apply(next.input, next.what, next.stored);
     if (clock::now() >= until) return waiting_.empty();
   }
   return true;

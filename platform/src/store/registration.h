@@ -41,6 +41,8 @@ struct counters {
   uint64_t handler_failures = 0;  // of these, answered with a status other than 0
   uint64_t rejected = 0;          // records and announcements that cannot be used
   uint64_t writes = 0;            // handed to the engine
+  uint64_t deletes = 0;           // of these
+  uint64_t published = 0;         // of the writes, those that are not stored
   uint64_t refused = 0;           // of these, refused by it
   uint64_t reads = 0;             // times that the inputs were read
 };
@@ -88,6 +90,9 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void on_all_read(vx_mom_all_ds_cb handler, void *context);
   int32_t put(uint32_t db, const ProtobufCMessage &message, change_kind kind);
 
+  // Publishes a text that is no record; lost while the store is away.
+  void publish(std::string_view channel, std::string_view text);
+
   void pause() override;  // what is announced then is read after it
   bool quiet() const override { return !up_ || engine_->quiet(); }
   void resume() override;
@@ -95,7 +100,14 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   // Called after every event with its kind (VX_MOM_EVENT_...) and the handler's status; for dry runs and tests.
   std::function<void(uint32_t kind, const ProtobufCMessage &message, int32_t status)> on_event;
 
+  // Called when nothing is left to read, deliver or repair, after a start and after each break.
+  std::function<void()> on_live;
+
+  const std::string &app_name() const { return app_name_; }
   const counters &counts() const { return counters_; }
+  bool connected() const { return up_; }
+  std::chrono::system_clock::time_point connected_since() const { return up_since_; }  // meaningless when it is not
+  const char *state_name() const;                                                      // one word
   // Nothing is left to read, deliver or repair.
   bool settled() const { return state_ == state::live && waiting_.empty(); }
 
@@ -106,6 +118,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
     size_t input;
     bool stored;  // it was read from the store; else it was announced, and the store may know better
     owned_change what;
+    bool is_request = false;  // the record holds it, and nothing else counts
   };
 
   // engine_user
@@ -118,6 +131,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void fetched(size_t input, std::string_view key, std::optional<std::string_view> record) override;
   void not_written(const change &lost, std::string_view why) override;
   void relieved() override;
+  void requested(std::string_view request) override;
 
   void read_inputs();
   void forget_reads();
@@ -158,6 +172,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   state state_ = state::idle;
   uint32_t declaration_ = 0;
   bool up_ = false;  // the engine is
+  std::chrono::system_clock::time_point up_since_;
   bool paused_ = false;
   bool own_records_ = false;
   bool all_read_told_ = false;

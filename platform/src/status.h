@@ -1,0 +1,28 @@
+// What this process says of itself: to who asks with the request "status", and to the service manager.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "global_context.h"
+
+namespace ko_platform {
+
+// Lives while the event loop runs. Where a service manager watches, it is told every now and then that the loop turns.
+class status {
+ public:
+  explicit status(global_context &context);  // borrowed
+  status(const status &) = delete;
+  status &operator=(const status &) = delete;
+
+ private:
+  std::string answer() const;
+  void tell();
+
+  global_context &context_;
+  const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();
+  std::string told_;  // the last line for the service manager
+  event_ptr timer_;
+};
+
+}  // namespace ko_platform
