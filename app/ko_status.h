@@ -4,7 +4,7 @@
 #include <cstdint>
 
 inline constexpr int32_t ko_status_missing = -2;       // a record, its index or its session
-inline constexpr int32_t ko_status_no_memory = -2;     // the same number: a caller treats both alike
+inline constexpr int32_t ko_status_no_memory = -2;     // exhausted; callers do not tell the two apart
 inline constexpr int32_t ko_status_invalid = -4;       // an argument is missing, or holds more than there is room for
 inline constexpr int32_t ko_status_not_found = -7;     // an entry to remove or to copy; a file name in a path
 inline constexpr int32_t ko_status_unreadable = -8;    // the path of the process's executable file

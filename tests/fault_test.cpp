@@ -2,8 +2,8 @@
 // failure, the event's trace is what it is without; what follows is what one of the rules below allows. When the event
 // comes again, the scenario ends with the records and the memory that it has without failures.
 //
-// A new way to go on after a failure is a line in `rules`, which tells it by what the daemon says of the failure, and
-// if it is none of those that there are, a function beside theirs.
+// To add a rule, add a row to `rules`: the log text by which the failure is recognised, and the function that checks
+// what follows. Where none of the functions fits, write another.
 #include <gtest/gtest.h>
 
 #include <algorithm>

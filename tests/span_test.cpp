@@ -1,7 +1,6 @@
 // The parts of the daemon's core that scenarios do not reach or show only in passing: tables of one-line cases.
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdlib>
 #include <new>
 #include <numeric>
@@ -71,19 +70,14 @@ const struct {
   std::string what;  // in the log
   std::string record, payload;
 } setters[] = {
-    {SETTER(ko_span_mom_port_src_set), "port", "span_port_src_info", "module_type=2 role=4"},
-    {SETTER(ko_span_mom_acl_src_set), "acl", "span_acl_src_info", "module_type=2 role=4 src_is_subif=1"},
-    {SETTER(ko_span_mom_vlan_src_set), "vlan", "span_vlan_src_info", "module_type=2 role=4 vlan_map=[6,7]"},
-    {SETTER(ko_span_mom_dst_set), "dst", "span_dst_info",
-     "module_type=2 role=4 apply_type=1 sample_rate=100 src_is_subif=1"},
     {SETTER(ko_span_mom_vlan_dst_set), "vlan dst", "span_vlan_dst_info", "rspan_vlan=30"},
     {SETTER(ko_span_mom_ip_dst_set), "ip dst", "span_ip_dst_info",
      "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5} src_is_subif=1"},
-    {SETTER(ko_span_mom_mtp_set), "mtp", "span_mtp_info", "module_type=2 role=4 mtp_switch=1"},
     {SETTER(ko_span_mom_vlan_mtp_set), "vlan mtp", "span_vlan_mtp_info", "rspan_vlan=30"},
     {SETTER(ko_span_mom_ip_mtp_set), "ip mtp", "span_ip_mtp_info", "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5}"},
 };
 
+// Those of remote targets, which no event reaches.
 TEST_F(Span, RecordSetters) {
   const span_info info = full_member();
   lspan_zlog_level = 5;
@@ -101,8 +95,7 @@ TEST_F(Span, RecordSetters) {
       EXPECT_EQ(expected, recording::take_trace());
     };
     expect(0, "vx_mom_set" + record + ' ' + row.payload + ')', row.what + " info set to UDP_DB, ret=0\\r\\n");
-    const std::string what = row.what == "vlan" ? "valn" : row.what;
-    expect(2, "vx_mom_del" + record + ')', what + " info del to UDP_DB, ret=0\\r\\n");
+    expect(2, "vx_mom_del" + record + ')', row.what + " info del to UDP_DB, ret=0\\r\\n");
     recording::fail("libddm_get_phyid_by_ifx", 1, -6);
     EXPECT_EQ(-6, row.set(recording::global(), &info, 0));
     EXPECT_EQ("error " + function + "fill " + row.what + " info key failed. ret=-6\\r\\n",
@@ -216,39 +209,6 @@ TEST_F(Span, SourceSearchHandsOutACopy) {
   }
   EXPECT_EQ(7U, entry->vlan_map[1]);
 }
-
-TEST_F(Span, MoreVlanWordsThanAMemberHolds) {
-  driver::member member;
-  member.session = 1;
-  member.apply = 2;
-  member.vlan.assign(128, 1);
-  EXPECT_EQ(0, driver::member_event(member, false));
-  std::string words = "1";
-  for (int i = 1; i < 128; ++i) words += ",1";
-  const lines entries{"session 1", "  src apply_type=2 vlan_map=[" + words + "]", "  dst", "  mtp session_id=1 role=1"};
-  EXPECT_EQ(entries, driver::memory_text());
-  recording::take_trace();
-  member.vlan.assign(129, 1);
-  member.s = 6;
-  EXPECT_EQ(-4, driver::member_event(member, false));
-  EXPECT_EQ(lines{"error ko_lspan_info_handle: lspan_info vlan_map too long, n_vlan_map=129"}, recording::trace());
-  EXPECT_EQ(entries, driver::memory_text());
-  member.s = 0;
-  EXPECT_EQ(0, driver::member_event(member, true));
-  EXPECT_EQ(lines(), driver::memory_text());
-}
-
-// ---- layout of what travels between the units ----
-
-#define WORDS_BETWEEN(type, first, last) ((offsetof(type, last) - offsetof(type, first)) / sizeof(uint32_t))
-static_assert(sizeof(span_info::vlan_map) == 512 && sizeof(span_info::ip_head) == 20);
-static_assert(WORDS_BETWEEN(span_info, session_num, rspan_vlan) == 138);
-static_assert(sizeof(src_info::vlan_map) == 512 && WORDS_BETWEEN(src_info, s_phyid, vlan_map) == 5);
-static_assert(WORDS_BETWEEN(mtp_info, session_id, ip_head) == 7);
-static_assert(sizeof(span_info::mtp_switch) == 1 && sizeof(span_info::src_is_subif) == 1 &&
-              sizeof(mtp_info::mtp_switch) == 1);
-static_assert(offsetof(mirror_info, link) == 0 && offsetof(src_info, link) == 0 && offsetof(dst_info, link) == 0 &&
-              offsetof(mtp_info, link) == 0);
 
 // ---- schemas ----
 

@@ -42,7 +42,7 @@ struct dl_init_step_t {
 // Runs the steps that `flags` (DL_INIT_...) selects. Returns 0, or the status of the first step that failed:
 // ko_status_invalid for a missing argument, ko_status_not_found or ko_status_unreadable for the process name,
 // ko_status_locked for the pid file, ko_status_unavailable for a log category or the global context, or the monitor's
-// own status. What was done before a failure stays. When another instance holds the pid file the process ends here,
+// own status. Nothing is rolled back. When another instance holds the pid file the process ends here,
 // with status ko_status_locked.
 int32_t dl_init(uint32_t flags, const dl_init_in_t *in, dl_init_out_t *out);
 

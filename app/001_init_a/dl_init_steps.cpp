@@ -1,6 +1,6 @@
 // Start-up steps: process name, arguments, single instance, high-availability monitor, global context.
 //
-// Nothing here is undone: the caches and the pid file's lock last as long as the process.
+// Nothing is released: the caches and the pid file's lock last as long as the process.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -58,8 +58,7 @@ bool lock_file(int fd) {
   return fcntl(fd, F_SETLK, &lock) == 0;
 }
 
-// Replaces the file's contents with the process id and a NUL. The lock is what counts, so that a full disk is no reason
-// to stop.
+// Replaces the file's contents with the process id and a NUL. Only the lock matters: a full disk is no reason to stop.
 void write_pid(int fd) {
   char text[dl_name_size] = {};
   std::snprintf(text, sizeof(text), "%ld", static_cast<long>(getpid()));

@@ -1,7 +1,7 @@
 // SPAN record writer: turns a session member into records for the forwarding side and into entries of the session
 // list. The record setters never touch the list; the entry setters never call the store.
 //
-// Every operation returns 0 for success. A failure is logged where it is met; nothing is undone.
+// Every operation returns 0 for success. A failure is logged where it is met. Nothing is rolled back.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ inline constexpr uint32_t FWD_DB = 6;   // port learning
 inline constexpr uint32_t UDP_DB = 8;   // derived mirror records, and the forwarding side's results
 
 // An outflow group stands where an interface index is wanted, as a number of its own kind that is never translated: the
-// group's id with a tag. The same call would make and undo it; the names tell which is meant.
+// group's id with a tag.
 inline constexpr uint32_t ko_span_group_tag = 0xFD000000;
 constexpr uint32_t ko_span_group_ifx(uint32_t group_id) { return group_id ^ ko_span_group_tag; }
 constexpr uint32_t ko_span_group_id(uint32_t ifx) { return ifx ^ ko_span_group_tag; }

@@ -1,4 +1,4 @@
-// The table of mirror targets: a record an entry, found by the entry, and an order of the records by what they target.
+// The table of mirror targets: one record per entry, found by the entry's address, and an ordered set of the records.
 #include "proc/ko_span_target.h"
 
 #include <new>
@@ -16,9 +16,9 @@ namespace {
 
 struct target_record {
   mtp_info *entry;
-  bool to_group;              // what the entry targets: a group, or else an interface,
-  uint32_t number;            // of this number
-  uint64_t place;             // of its session in the list: smaller ones come first; 0: in another list
+  bool to_group;              // the entry targets a group, else an interface
+  uint32_t number;            // group id or interface index
+  uint64_t place;             // orders the sessions as the session list does; 0: the session is in another list
   outgrb_group_info *groups;  // first of the groups that name the entry, or null
 };
 
@@ -28,9 +28,9 @@ struct comes_before {
   }
 };
 
-std::unordered_map<const mtp_info *, target_record> records;  // of every entry
-std::set<target_record *, comes_before> by_target;            // those of the session list
-uint64_t last_place;                                          // that was given away
+std::unordered_map<const mtp_info *, target_record> records;  // of all entries
+std::set<target_record *, comes_before> by_target;            // records of entries in the session list
+uint64_t last_place;                                          // the highest place in use
 
 target_record *find_record(const mtp_info *target) {
   const auto found = records.find(target);
@@ -52,8 +52,8 @@ uint64_t number_sessions(const mirror_link *mtp_list) {
   return place;
 }
 
-// A session gets its target with its first member, when it is the last of the list. One that could not get it then may
-// have others behind it.
+// Usually a session gets its target with its first member, when it is the last of the list. If that failed, others may
+// have been added behind it.
 uint64_t place_of(const mirror_link *mtp_list) {
   mirror_link *last = lspan_global.session_list.prev;
   const bool is_last = last != &lspan_global.session_list && &ko_list_entry<mirror_info>(last)->mtp_list == mtp_list;

@@ -1,4 +1,4 @@
-// The daemon's process-wide state and its log channel: what all its units stand on.
+// The daemon's process-wide state and its log channel: used by all its units.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +21,8 @@ struct lspan_global_t {
 extern lspan_global_t lspan_global;
 extern uint32_t lspan_zlog_level;  // 1, errors only, until the level file was read
 
-// Makes the state ready for the store to be opened: a log channel, no store, no sessions. Sessions of before are
-// forgotten, not freed.
+// Makes the state ready for the store to be opened: a log channel, no store, no sessions. Sessions that it
+// held are not freed.
 void lspan_global_init(vx_zlog_category *zlog_category, uint32_t zlog_level);
 
 // Messages on the application's log channel, under the calling function's name.

@@ -24,7 +24,11 @@ uint32_t number(const std::string &text) {
 std::vector<uint32_t> numbers(const std::string &text) {
   std::vector<uint32_t> values;
   std::istringstream in(text);
-  for (std::string one; std::getline(in, one, ',');) values.push_back(number(one));
+  for (std::string one; std::getline(in, one, ',');) {
+    const size_t times = one.find('*');
+    const uint32_t count = times == std::string::npos ? 1 : number(one.substr(times + 1));
+    values.insert(values.end(), count, number(one.substr(0, times)));
+  }
   return values;
 }
 

@@ -1,5 +1,5 @@
-// Takes away what the add of a session member brought. Every key is derived from the delete event; the entries in
-// memory only tell how much there is to remove.
+// Removes what the add of a session member made. Every key is derived from the delete event; the entries in memory only
+// tell how much there is to remove.
 #include "proc/ko_span_public.h"
 #include "proc/lspan/ko_lspan.h"
 

@@ -40,7 +40,7 @@ int32_t ko_lspan_info_handle(void *, uint32_t is_del, const void *message) {
     return ko_status_missing;
   }
   ko_lspan_dump_info(lspan_info);
-  // A delete goes on with what there is room for, so that nothing can be left behind.
+  // A delete goes on with the words that fit, so that nothing is left behind.
   if (is_del == 0 && lspan_info->n_vlan_map > MIRROR_VLAN_WORDS) {
     LSPAN_ERROR("lspan_info vlan_map too long, n_vlan_map=%d", static_cast<uint32_t>(lspan_info->n_vlan_map));
     return ko_status_invalid;

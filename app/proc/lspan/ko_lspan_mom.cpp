@@ -80,7 +80,7 @@ void fill_template(const ds_source &source, ds_template *tmpl) {
   if (source.owner_field != nullptr) set_pointer(&tmpl->index.message, source.owner_field, ko_lspan_app_name);
 }
 
-// What one wake-up declares. The library copies what it keeps.
+// The declaration of one wake-up. The library copies what it keeps.
 struct ds_declaration {
   ds_template templates[n_sources];
   mom_ds_entry inputs[n_sources];
