@@ -2,6 +2,8 @@
 // reads, and gives nothing away: the process, its lock, its descriptors; and when it cannot be done, nothing at all.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <filesystem>
@@ -239,6 +241,42 @@ TEST_F(resync, garbage_is_no_request) {
   EXPECT_EQ(count_of(box.log(), "a request cannot be answered"), 1U);
   EXPECT_EQ(reads(), 1U);
   EXPECT_EQ(difference(box.dump(), before), "");
+}
+
+// The marker keeps the daemon from registering with a monitor, not from telling that it runs.
+TEST_F(resync, the_service_manager_is_told) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  const std::string path = box.folder() + "/notify";
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+  std::string told;
+  const auto hears = [&](const std::string &what, size_t times) {
+    return eventually(
+        [&] {
+          char text[400];
+          for (ssize_t n = 0; (n = recv(manager, text, sizeof(text), 0)) > 0;)
+            told.append(text, static_cast<size_t>(n)).append("\n");
+          return count_of(told, what) >= times;
+        },
+        what + " in " + told);
+  };
+  write_file(box.folder() + "/tmp/ko_lspan.ham", "");
+  const lines start{"env", "NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=100000", KO_LSPAN_PROGRAM};
+  box.platform_file("{,}");
+  box.start(box.daemon(), start);
+  EXPECT_EQ(box.daemon().wait(), 0);
+  EXPECT_EQ(recv(manager, nullptr, 0, 0), -1) << "a daemon that cannot work is not ready";
+  box.use_socket(box.socket());
+  box.start(box.daemon(), start);
+  ASSERT_TRUE(hears("STATUS=serving; ", 1) && hears("WATCHDOG=1", 3));
+  EXPECT_TRUE(told.starts_with("READY=1\n")) << told;
+  told.clear();
+  box.daemon().signal(SIGHUP);
+  ASSERT_TRUE(hears("STATUS=serving; ", 1) && hears("WATCHDOG=1", 3));
+  const size_t reloading = told.find("RELOADING=1\nMONOTONIC_USEC=");
+  EXPECT_LT(reloading, told.find("READY=1\n")) << told;
+  close(manager);
 }
 
 }  // namespace

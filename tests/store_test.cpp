@@ -146,6 +146,14 @@ const std::vector<outage> outages{
      .begin = stop_server,
      .end = [](sandbox &box) { box.server().signal(SIGCONT); },
      .log = {{cannot, 0}}},
+    {.name = "the server is stopped while nothing is to be done",
+     .begin =
+         [](sandbox &box) {
+           stop_server(box);
+           eventually([&] { return count_of(box.log(), "does not answer") == 1; }, "that it does not answer");
+         },
+     .end = [](sandbox &box) { box.server().signal(SIGCONT); },
+     .log = {{"answers again", 1}, {cannot, 0}}},
     {.name = "the subscriber is too slow",
      .options = {"--client-output-buffer-limit", "pubsub 32kb 32kb 0"},
      .begin = outrun_daemon,
