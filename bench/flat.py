@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Instructions per session add and delete, and per group membership, at growing populations.
+"""Instructions per session add and delete, and per join, move and leave of a group's member, at growing populations.
 
 usage: flat.py BENCH_FLAT [--csv FILE] [POPULATION...]
 
@@ -14,7 +14,7 @@ import sys
 import tempfile
 
 KINDS = ("members", "sessions")
-STEPS = ("add", "delete", "join")
+STEPS = ("add", "delete", "join", "move", "leave")
 
 
 def count(program, kind, population, events):

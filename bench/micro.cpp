@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <ctime>
-#include <numeric>
 #include <random>
 #include <unordered_map>
 
@@ -136,9 +135,13 @@ struct map_table {
   void erase(uint32_t key) { map.erase(key); }
 };
 
+// The same n different numbers for each seed, spread over all 32 bits, in an order of the seed's.
 std::vector<uint32_t> shuffled(size_t n, uint32_t seed) {
   std::vector<uint32_t> keys(n);
-  std::iota(keys.begin(), keys.end(), 1);
+  for (uint32_t i = 0; i < n; ++i) {
+    const uint32_t mixed = (i + 1) * 0x9E3779B1U;
+    keys[i] = (mixed ^ mixed >> 15) * 0x85EBCA6BU;
+  }
   std::shuffle(keys.begin(), keys.end(), std::mt19937(seed));
   return keys;
 }

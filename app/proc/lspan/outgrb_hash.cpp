@@ -15,13 +15,18 @@ namespace {
 constexpr uint32_t smallest_table = 4;  // buckets; every table has a power of two
 constexpr double fullest = 0.77;        // part of the buckets that may be occupied
 
-// A bucket is empty (null), deleted (points at deleted_mark) or holds a live entry.
+// Empty (entry null), deleted (entry deleted_mark) or live.
+struct bucket {
+  void *entry;
+  uint32_t key;  // of a live entry, so that a search need not look at the entries that it passes
+};
+
 struct table {
   uint32_t n_buckets;  // 0 until the first entry
   uint32_t n_live;
   uint32_t n_occupied;  // live entries and deleted marks
   uint32_t bound;       // occupied buckets at which an insert rebuilds the table first
-  void **buckets;       // owned
+  bucket *buckets;      // owned
 };
 
 table *outgrb_mbr_hash;
@@ -34,7 +39,7 @@ uint32_t key_of(const void *record) {
   return key;
 }
 
-bool is_live(const void *bucket) { return bucket != nullptr && bucket != &deleted_mark; }
+bool is_live(const bucket &at) { return at.entry != nullptr && at.entry != &deleted_mark; }
 
 int32_t create(table **made) {
   if (*made == nullptr) *made = static_cast<table *>(calloc(1, sizeof(table)));
@@ -42,14 +47,14 @@ int32_t create(table **made) {
 }
 
 // The bucket of the live entry with that key, or null.
-void **find(const table *in, uint32_t key) {
+bucket *find(const table *in, uint32_t key) {
   if (in == nullptr || in->n_buckets == 0) return nullptr;
   const uint32_t mask = in->n_buckets - 1;
   const uint32_t start = outgrb_key_hash(key) & mask;
   uint32_t at = start;
   uint32_t step = 0;
-  while (in->buckets[at] != nullptr) {
-    if (in->buckets[at] != &deleted_mark && key_of(in->buckets[at]) == key) return &in->buckets[at];
+  while (in->buckets[at].entry != nullptr) {
+    if (in->buckets[at].key == key && is_live(in->buckets[at])) return &in->buckets[at];
     at = (at + ++step) & mask;
     if (at == start) break;
   }
@@ -58,22 +63,23 @@ void **find(const table *in, uint32_t key) {
 
 void *get(const table *in, const void *key) {
   if (key == nullptr) return nullptr;
-  void **bucket = find(in, key_of(key));
-  return bucket != nullptr ? *bucket : nullptr;
+  const bucket *found = find(in, key_of(key));
+  return found != nullptr ? found->entry : nullptr;
 }
 
 // Puts an entry whose key is absent into a table that has an empty bucket: on the last deleted bucket of its path, else
 // on the empty one that ends it.
 void place(table *in, void *entry) {
   const uint32_t mask = in->n_buckets - 1;
-  uint32_t at = outgrb_key_hash(key_of(entry)) & mask;
-  void **deleted = nullptr;
-  for (uint32_t step = 1; in->buckets[at] != nullptr; ++step) {
-    if (in->buckets[at] == &deleted_mark) deleted = &in->buckets[at];
+  const uint32_t key = key_of(entry);
+  uint32_t at = outgrb_key_hash(key) & mask;
+  bucket *deleted = nullptr;
+  for (uint32_t step = 1; in->buckets[at].entry != nullptr; ++step) {
+    if (in->buckets[at].entry == &deleted_mark) deleted = &in->buckets[at];
     at = (at + step) & mask;
   }
   if (deleted == nullptr) ++in->n_occupied;
-  *(deleted != nullptr ? deleted : &in->buckets[at]) = entry;
+  *(deleted != nullptr ? deleted : &in->buckets[at]) = {entry, key};
   ++in->n_live;
 }
 
@@ -85,10 +91,10 @@ bool rebuild(table *in) {
   if (in->n_live >= in->n_buckets / 2) next.n_buckets = in->n_buckets != 0 ? in->n_buckets * 2 : smallest_table;
   if (next.n_buckets < in->n_buckets) return false;
   next.bound = static_cast<uint32_t>(std::lround(next.n_buckets * fullest));
-  next.buckets = static_cast<void **>(calloc(next.n_buckets, sizeof(void *)));
+  next.buckets = static_cast<bucket *>(calloc(next.n_buckets, sizeof(bucket)));
   if (next.buckets == nullptr) return false;
   for (uint32_t i = 0; i < in->n_buckets; ++i)
-    if (is_live(in->buckets[i])) place(&next, in->buckets[i]);
+    if (is_live(in->buckets[i])) place(&next, in->buckets[i].entry);
   std::swap(*in, next);
   free(next.buckets);
   return true;
@@ -105,9 +111,9 @@ void *insert(table *in, void *entry) {
 }
 
 void remove(table *in, void *entry) {
-  void **bucket = find(in, key_of(entry));
-  if (bucket != nullptr) {
-    *bucket = &deleted_mark;
+  bucket *found = find(in, key_of(entry));
+  if (found != nullptr) {
+    found->entry = &deleted_mark;
     --in->n_live;
   }
   free(entry);
