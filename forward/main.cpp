@@ -1,0 +1,99 @@
+// The forwarding side of local port mirroring on Linux: the daemon's records in, filters in the kernel out.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <system_error>
+
+#include "agent.h"
+#include "forward_log.h"
+#include "standard_files.h"
+
+namespace {
+
+using ko_forward::agent;
+
+constexpr int already_running = 3;
+constexpr int no_kernel = 1;
+
+struct global_finisher {
+  void operator()(vx_global *global) const { vx_global_finish(global); }
+};
+
+// One program for each network namespace: an abstract socket is known in its namespace only, and goes with the process.
+// Returns -1 when another has it.
+int take_namespace() {
+  const int lock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path + 1, ko_forward::app_name, sizeof(address.sun_path) - 2);
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + std::strlen(ko_forward::app_name));
+  if (lock >= 0 && bind(lock, reinterpret_cast<const sockaddr *>(&address), length) == 0) return lock;
+  if (lock >= 0) close(lock);
+  return -1;
+}
+
+// Ends the loop, and with it the process; what is in the kernel stays.
+ko_platform::event_ptr on_signal(event_base *base, int number) {
+  ko_platform::event_ptr made(event_new(
+      base, number, EV_SIGNAL | EV_PERSIST,
+      [](evutil_socket_t, short, void *loop) { event_base_loopbreak(static_cast<event_base *>(loop)); }, base));
+  if (made == nullptr || event_add(made.get(), nullptr) != 0) throw std::bad_alloc();
+  return made;
+}
+
+int serve() {
+  const std::unique_ptr<vx_global, global_finisher> global(vx_global_init(ko_forward::app_name));
+  if (global == nullptr) return no_kernel;
+  event_base *base = ko_platform::context_of(global.get()).base.get();
+  const auto on_terminate = on_signal(base, SIGTERM);
+  const auto on_interrupt = on_signal(base, SIGINT);
+  agent forwarding(*global, ko_platform::process_config());
+  if (!forwarding.start()) return no_kernel;
+  vx_global_run(global.get());
+  return 0;
+}
+
+int clear() {
+  ko_forward::reconciler(ko_platform::process_config()).clear();
+  return 0;
+}
+
+int run(bool is_clearing) try {
+  const int lock = take_namespace();
+  if (lock < 0) {
+    FORWARD_ERROR("another ko_lspan_fwd runs in this network namespace");
+    return already_running;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  return is_clearing ? clear() : serve();
+} catch (const std::exception &error) {
+  FORWARD_ERROR("%s", error.what());
+  return no_kernel;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  ko_platform::hold_standard_files();
+  CLI::App app("Copies packets as the records of ko_lspan say, with filters of the Linux kernel.",
+               ko_forward::app_name);
+  std::string platform_file = ko_platform::default_config_path;
+  bool is_clearing = false;
+  app.add_option("--platform-file", platform_file, "The platform file")->type_name("FILE")->capture_default_str();
+  app.add_flag("--clear", is_clearing, "Take everything of this program's out of the kernel, and end");
+  app.set_version_flag("--version", KO_VERSION);
+  CLI11_PARSE(app, argc, argv);
+  try {
+    ko_platform::use_config(ko_platform::load_config(platform_file));
+  } catch (const std::exception &error) {
+    FORWARD_ERROR("%s", error.what());
+    return no_kernel;
+  }
+  return run(is_clearing);
+}
