@@ -1,4 +1,4 @@
-// The program, but for its process: tests run it in theirs.
+// The program without its process: tests run it in theirs.
 #pragma once
 
 #include <iosfwd>

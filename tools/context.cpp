@@ -1,62 +1,37 @@
 #include "context.h"
 
-#include <algorithm>
 #include <ostream>
-
-#include "render.h"
-#include "text.h"
 
 namespace lspanctl {
 
-const ko_platform::port *interfaces::find(uint32_t ifx) const {
-  const auto found = std::find_if(settings_.ports.begin(), settings_.ports.end(),
-                                  [ifx](const ko_platform::port &port) { return port.ifx == ifx; });
-  return found == settings_.ports.end() ? nullptr : &*found;
-}
-
-uint32_t interfaces::parse(const std::string &text, bool any_number) const {
-  if (text == "none" || text == "0") return 0;
-  if (is_number(text)) {
-    const uint32_t ifx = parse_number(text, "interface");
-    if (settings_.has_ports && !any_number && find(ifx) == nullptr)
-      throw refused("interface " + text + " is not in the platform file's ports; give one of them or add it there");
-    return ifx;
-  }
-  for (const ko_platform::port &port : settings_.ports)
-    if (port.name == text) return port.ifx;
-  throw refused("interface " + printable(text) + " is unknown; give a number" +
-                (settings_.has_ports ? " or a name of the platform file's ports" : ""));
-}
-
-std::string interfaces::text(uint32_t ifx) const {
-  if (ifx == 0) return "none";
-  const ko_platform::port *port = find(ifx);
-  const bool clear = port != nullptr && !is_number(port->name) && port->name != "none" &&
-                     !port->name.starts_with("group:") && printable(port->name) == port->name;
-  return clear ? port->name : std::to_string(ifx);
-}
-
-std::string interfaces::target_text(uint32_t d_ifx, bool is_group) const {
-  return is_group ? group_text(d_ifx) : text(d_ifx);
-}
-
-progress_line::~progress_line() {
-  if (out_ != nullptr) *out_ << "\r\033[K" << std::flush;
-}
-
-void progress_line::show(size_t done) {
-  if (out_ != nullptr) *out_ << '\r' << what_ << ' ' << done << " of " << total_ << std::flush;
-}
-
 const ko_platform::config &context::settings() {
-  if (!settings_) settings_ = ko_platform::load_config(platform_file);
+  if (!settings_) settings_ = ko_platform::load_config(platform_file.value_or(ko_platform::default_config_path));
   return *settings_;
 }
 
-store_client context::connect() { return store_client(store.empty() ? settings().store : parse_store(store)); }
+store_client context::connect() { return store_client(store ? parse_store(*store) : settings().store); }
 
 progress_line context::progress(const std::string &what, size_t total) {
   return {on_terminal ? &err : nullptr, what, total};
+}
+
+void context::line(const std::string &text, const json &value) {
+  out << (json_output ? dump(value) : text) << '\n' << std::flush;
+}
+
+void context::report(const std::string &done, const std::string &sentence, const json &details) {
+  json object = {{"done", done}};
+  object.update(details);
+  line(sentence, object);
+}
+
+void context::list(const table &rows, const json &list, const std::string &none) {
+  if (json_output)
+    out << dump(list, 2) << '\n';
+  else if (list.empty())
+    out << none << '\n';
+  else
+    rows.print(out);
 }
 
 }  // namespace lspanctl

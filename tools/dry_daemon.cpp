@@ -5,13 +5,11 @@
 #include <set>
 
 #include "catalog.h"
+#include "errors.h"
 #include "global_context.h"
-#include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
 #include "store/registration.h"
 #include "store/store.h"
-#include "text.h"
-#include "u_monitor.pb-c.h"
 #include "vx_zlog.h"
 
 struct vx_zlog_category {
@@ -61,10 +59,10 @@ dry_daemon::~dry_daemon() {
 }
 
 void dry_daemon::empty_inputs() {
-  for (const auto *type : {&u_monitor__mirror_lspan_info__descriptor, &p_policy__data_intf_conf__descriptor}) {
+  for (const ko_store::hash_id &hash : {session_members, group_memberships}) {
     std::vector<std::string> keys;
-    for (const auto &[key, record] : records(CONF_DB, type->name)) keys.push_back(key);
-    for (const std::string &key : keys) put({{CONF_DB, type}, ko_store::change_kind::del, key, {}});
+    for (const auto &[key, record] : records(hash)) keys.push_back(key);
+    for (const std::string &key : keys) put({hash, ko_store::change_kind::del, key, {}});
   }
 }
 

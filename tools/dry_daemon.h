@@ -45,8 +45,8 @@ class dry_daemon {
   void put(const ko_store::change &what);
 
   // The records of a hash, packed key to packed record.
-  const std::map<std::string, std::string, std::less<>> &records(uint32_t db, std::string_view message) const {
-    return engine_->records(db, message);
+  const std::map<std::string, std::string, std::less<>> &records(const ko_store::hash_id &hash) const {
+    return engine_->records(hash.db, hash.type->name);
   }
 
  private:

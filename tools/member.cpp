@@ -1,12 +1,17 @@
 #include "member.h"
 
+#include <algorithm>
+
 #include "proc/ko_span_public.h"
+#include "records.h"
+#include "values.h"
 
 namespace lspanctl {
 
-std::string to_text(const member_key &key, bool is_group, const interfaces &ports) {
+std::string to_text(const member &what, const interfaces &ports) {
+  const member_key &key = what.key;
   std::string text = "session " + std::to_string(key.session) + ", " + ports.text(key.s_ifx) + " -> " +
-                     ports.target_text(key.d_ifx, is_group) + ", " + dir_text(key.dir);
+                     ports.target_text(key.d_ifx, what.targets_group()) + ", " + direction_text(key.dir);
   if (key.acl_id != 0) text += ", acl " + std::to_string(key.acl_id);
   return text;
 }
@@ -23,13 +28,7 @@ UMonitor__MirrorIndex index_of(const member_key &key) {
   return index;
 }
 
-member_key key_from(const UMonitor__MirrorIndex &index) {
-  return {index.session_num, index.s_ifx, index.d_ifx, index.dir, index.acl_id, index.t_user};
-}
-
-uint32_t result_target(uint32_t d_ifx) { return ko_span_is_group_ifx(d_ifx) ? ko_span_group_id(d_ifx) : d_ifx; }
-
-change make_change(const member &what, ko_store::change_kind kind) {
+ko_store::owned_change make_change(const member &what, ko_store::change_kind kind) {
   UMonitor__MirrorIndex index = index_of(what.key);
   UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
   record.index = &index;
@@ -40,12 +39,13 @@ change make_change(const member &what, ko_store::change_kind kind) {
   record.n_vlan_map = what.vlan_map.size();
   record.vlan_map = const_cast<uint32_t *>(what.vlan_map.data());
   record.sample_rate = what.sample_rate;
-  return make_change(CONF_DB, kind, record.base);
+  return ko_store::make_change(CONF_DB, kind, record.base);
 }
 
 member from_record(const UMonitor__MirrorLspanInfo &record) {
+  const UMonitor__MirrorIndex &index = *record.index;
   member what;
-  what.key = key_from(*record.index);
+  what.key = {index.session_num, index.s_ifx, index.d_ifx, index.dir, index.acl_id, index.t_user};
   what.module_type = ko_span_enum_number(record.module_type);
   what.role = ko_span_enum_number(record.role);
   what.apply_type = ko_span_enum_number(record.apply_type);
@@ -53,6 +53,14 @@ member from_record(const UMonitor__MirrorLspanInfo &record) {
   what.vlan_map.assign(record.vlan_map, record.vlan_map + record.n_vlan_map);
   what.sample_rate = record.sample_rate;
   return what;
+}
+
+std::vector<member> load_members(context &ctx, store_client &store) {
+  std::vector<member> members;
+  for (const decoded_record &record : load_records(ctx, store, session_members))
+    members.push_back(from_record(record.as<UMonitor__MirrorLspanInfo>()));
+  std::sort(members.begin(), members.end(), [](const member &a, const member &b) { return a.key < b.key; });
+  return members;
 }
 
 }  // namespace lspanctl

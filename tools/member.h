@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "context.h"
-#include "render.h"
+#include "store/change.h"
 #include "store_client.h"
 #include "u_monitor.pb-c.h"
 
@@ -39,18 +39,17 @@ struct member {
 };
 
 // "session 3, ge5 -> ge9, rx, acl 7"
-std::string to_text(const member_key &key, bool is_group, const interfaces &ports);
+std::string to_text(const member &what, const interfaces &ports);
 
 // The key message of a member or result; borrows from `key`.
 UMonitor__MirrorIndex index_of(const member_key &key);
-member_key key_from(const UMonitor__MirrorIndex &index);
-
-// How the forwarding side names the target in a result: a group by its bare id.
-uint32_t result_target(uint32_t d_ifx);
 
 // The change that writes or deletes the member's record.
-change make_change(const member &what, ko_store::change_kind kind);
+ko_store::owned_change make_change(const member &what, ko_store::change_kind kind);
 
 member from_record(const UMonitor__MirrorLspanInfo &record);
+
+// The stored members, in the order of their keys.
+std::vector<member> load_members(context &ctx, store_client &store);
 
 }  // namespace lspanctl

@@ -1,40 +1,48 @@
-// A session member as people write it: the options of the command line and the members of a session file, both texts.
+// A session member as people write it: each field is an option of the command line and a JSON key in a session file.
 #pragma once
 
+#include <array>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
+#include "command.h"
 #include "member.h"
 
 namespace lspanctl {
 
-// Empty: left out.
-struct member_fields {
-  std::string session, source, target, direction, acl, vlans, vlan_map, rate, learning, apply_type, role, module_type,
-      owner;
-};
-
 struct member_field {
-  const char *name;  // in a file; on the command line with dashes
-  std::string member_fields::*text;
+  const char *name;  // the JSON key; on the command line with dashes
   bool in_key;       // needed to name a member; the others belong to its contents
   const char *type;  // shown in the help
   const char *help;
-  const char *values;  // that completion offers, separated by blanks
+  const char *offers;  // see argument
+  // Sets the field of a member. Throws usage_error for a text that is malformed, and refused for an interface that is
+  // unknown; with `any_number` interfaces that the platform file does not have are taken by number.
+  void (*read)(member &what, const std::string &text, const interfaces &ports, bool any_number);
 };
 
-// "--apply-type"
-std::string option_name(const member_field &field);
+inline constexpr size_t n_member_fields = 12;
+std::span<const member_field, n_member_fields> member_field_table();
 
-// All but `vlan_map`, which only files have.
-std::span<const member_field> member_field_table();
+// The texts given for one member, by the place of the field in the table.
+using member_texts = std::array<std::optional<std::string>, n_member_fields>;
 
-// Throw usage_error for a text that is malformed and refused for an interface that is unknown. With `any_number`
-// interfaces that the platform file does not have are taken by number.
-member_key key_from(const member_fields &fields, const interfaces &ports, bool any_number, bool *is_group);
-member member_from(const member_fields &fields, const interfaces &ports);
+// The arguments of a command that names a member: the session by its place, options for the rest.
+std::vector<argument> member_arguments(member_texts &texts, bool key_only);
 
-// The member in the form of a session file. What it holds can be read back without loss.
+// The place of the owner's field, which several commands fill in themselves.
+std::optional<std::string> &owner_in(member_texts &texts);
+
+// The member's key, for a command that needs no more. Throw as member_field::read.
+member key_from(const member_texts &texts, const interfaces &ports, bool any_number);
+member member_from(const member_texts &texts, const interfaces &ports);
+
+// The member that a JSON object describes, in the form of to_json. `owner` is used where it names none. Throws
+// usage_error and refused.
+member from_json(const json &object, const std::string &owner, const interfaces &ports);
+// What it holds can be read back without loss.
 json to_json(const member &what, const interfaces &ports);
 
 std::string learning_text(uint32_t mtp_switch);

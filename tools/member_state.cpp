@@ -4,6 +4,7 @@
 
 #include "libddm.h"
 #include "proc/lspan/ko_lspan.h"
+#include "values.h"
 
 namespace lspanctl {
 namespace {
@@ -19,20 +20,6 @@ std::string refusal(const member_outcome &outcome, const interfaces &ports) {
   return outcome.status == 0 ? "" : "the daemon refuses it with status " + std::to_string(outcome.status);
 }
 
-const char *to_text(finding what) {
-  switch (what) {
-    case finding::missing:
-      return "missing";
-    case finding::different:
-      return "different";
-    case finding::left_over:
-      return "left over";
-    case finding::right:
-      break;
-  }
-  return "right";
-}
-
 // "span_dst_info missing, udp_pt_learn left over"; empty when all are right.
 std::string wrong_records(const wanted_state &all, const member_outcome &outcome) {
   std::set<std::string> findings;
@@ -42,8 +29,7 @@ std::string wrong_records(const wanted_state &all, const member_outcome &outcome
     const finding what = compare(all, place);
     none_there = none_there && !all.stored.contains(place);
     if (what == finding::right) continue;
-    const std::string name(short_name(*find_kind(place.db, place.message)->type));
-    const std::string one = name + " " + to_text(what);
+    const std::string one = std::string(short_name(*place.hash.type)) + " " + to_text(what);
     if (findings.insert(one).second) text += (text.empty() ? "" : ", ") + one;
   }
   return none_there && !text.empty() ? "all derived records missing" : text;
@@ -55,7 +41,7 @@ record_place relayed_result(const member &what) {
   key.owner = ko_lspan_app_name;
   if (what.targets_group()) key.d_ifx = result_target(key.d_ifx);
   const UMonitor__MirrorIndex index = index_of(key);
-  record_place place{CONF_DB, u_monitor__mirror_result_info__descriptor.name, {}};
+  record_place place{relayed_results, {}};
   ko_store::append_packed(index.base, place.key);
   return place;
 }

@@ -1,7 +1,6 @@
 // Reading records with all the checks that a reader owes.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "catalog.h"
@@ -11,18 +10,19 @@
 
 namespace lspanctl {
 
-struct loaded_record {
-  std::string key;  // packed
-  std::string bytes;
+struct decoded_record {
+  ko_store::owned_change stored;
   ko_store::message_ptr message;
+
+  // The message; `Message` is the structure of its type.
+  template <class Message>
+  const Message &as() const {
+    return *reinterpret_cast<const Message *>(message.get());
+  }
 };
 
-// The sound records of a kind, in the order of their keys. Each other one is a line on standard error and counted in
-// `bad`.
-std::vector<loaded_record> load_records(context &ctx, store_client &store, uint32_t db,
-                                        const ProtobufCMessageDescriptor &type, size_t &bad);
-
-// "CONF_DB u_monitor.mirror_lspan_info"
-std::string place_text(uint32_t db, const ProtobufCMessageDescriptor &type);
+// The sound records of a hash, in the order of their keys. Each other one is a line on standard error and counted in
+// the context.
+std::vector<decoded_record> load_records(context &ctx, store_client &store, const ko_store::hash_id &hash);
 
 }  // namespace lspanctl

@@ -7,7 +7,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "errors.h"
+#include "store/layout.h"
 #include "text.h"
+#include "values.h"
 
 namespace lspanctl {
 namespace {
@@ -91,26 +94,26 @@ void store_client::select(uint32_t db) {
   selected_ = db;
 }
 
-std::vector<stored_record> store_client::read_all(uint32_t db, const std::string &message) {
-  select(db);
-  const reply_ptr reply = call({"HGETALL", message});
-  std::vector<stored_record> records;
+std::vector<ko_store::owned_change> store_client::read_all(const ko_store::hash_id &hash) {
+  select(hash.db);
+  const reply_ptr reply = call({"HGETALL", hash.type->name});
+  std::vector<ko_store::owned_change> records;
   records.reserve(reply->elements / 2);
   for (size_t i = 0; i + 1 < reply->elements; i += 2)
-    records.push_back({text_of(*reply->element[i]), text_of(*reply->element[i + 1])});
+    records.push_back({hash, ko_store::change_kind::set, text_of(*reply->element[i]), text_of(*reply->element[i + 1])});
   return records;
 }
 
-std::optional<std::string> store_client::read(uint32_t db, const std::string &message, std::string_view key) {
-  select(db);
-  const reply_ptr reply = call({"HGET", message, key});
+std::optional<std::string> store_client::read(const ko_store::hash_id &hash, std::string_view key) {
+  select(hash.db);
+  const reply_ptr reply = call({"HGET", hash.type->name, key});
   if (reply->type != REDIS_REPLY_STRING) return std::nullopt;
   return text_of(*reply);
 }
 
 // Returns how many replies will come. The database is selected. The first transaction waits for its MULTI: where that
 // is refused, each command behind it would be carried out by itself.
-size_t store_client::append_change(const change &what) {
+size_t store_client::append_change(const ko_store::change &what) {
   const std::string hash = what.hash.type->name;
   const std::string channel = ko_store::channel_name(what.hash.db, hash);
   std::string announcement;
@@ -130,7 +133,7 @@ size_t store_client::append_change(const change &what) {
 }
 
 // Whether a record was there before the change. Every reply is taken before a refusal is thrown.
-bool store_client::take_change(const change &what, size_t replies) {
+bool store_client::take_change(const ko_store::change &what, size_t replies) {
   std::string refusal;
   const auto note = [&refusal](const redisReply &reply) {
     if (reply.type == REDIS_REPLY_ERROR && refusal.empty()) refusal = text_of(reply);
@@ -149,19 +152,19 @@ bool store_client::take_change(const change &what, size_t replies) {
   return last->element[0]->integer == 0;
 }
 
-bool store_client::write(const change &what) {
+bool store_client::write(const ko_store::change &what) {
   select(what.hash.db);
   const bool none_added = take_change(what, append_change(what));
   return what.kind == ko_store::change_kind::del ? !none_added : none_added;
 }
 
-void store_client::write_all(std::span<const change> changes, const progress_call &progress) {
+void store_client::write_all(std::span<const ko_store::owned_change> changes, const progress_call &progress) {
   if (!changes.empty()) select(changes.front().hash.db);
   size_t made = 0;
   std::string refusal;
   for (size_t first = 0; first < changes.size() && refusal.empty(); first += changes_per_flush) {
     std::vector<size_t> replies;
-    for (const change &what : changes.subspan(first, std::min(changes_per_flush, changes.size() - first)))
+    for (const ko_store::owned_change &what : changes.subspan(first, std::min(changes_per_flush, changes.size() - first)))
       replies.push_back(append_change(what));
     for (size_t i = 0; i < replies.size() && context_->err == 0; ++i) {
       try {

@@ -16,7 +16,7 @@
 #include <hiredis/hiredis.h>
 
 #include "platform_config.h"
-#include "store/layout.h"
+#include "store/change.h"
 
 namespace lspanctl {
 
@@ -35,14 +35,6 @@ struct reply_deleter {
 using context_ptr = std::unique_ptr<redisContext, context_deleter>;
 using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
 
-struct stored_record {
-  std::string key;  // packed, as are records
-  std::string record;
-};
-
-using change = ko_store::owned_change;
-using ko_store::make_change;
-
 // Called after each batch of many writes with how many are done.
 using progress_call = std::function<void(size_t done)>;
 
@@ -51,15 +43,16 @@ class store_client {
   // Connects and logs in. Throws store_error, as does every call.
   explicit store_client(const ko_platform::store_address &address);
 
-  // Every record of `message` in database `db`, in no order.
-  std::vector<stored_record> read_all(uint32_t db, const std::string &message);
-  std::optional<std::string> read(uint32_t db, const std::string &message, std::string_view key);
+  // Every record of the hash, as sets in no order.
+  std::vector<ko_store::owned_change> read_all(const ko_store::hash_id &hash);
+  // The packed record with that key, or nothing.
+  std::optional<std::string> read(const ko_store::hash_id &hash, std::string_view key);
 
   // Writes and announces one change. Returns whether a record with that key was there before.
-  bool write(const change &what);
+  bool write(const ko_store::change &what);
   // Writes many to one database, in their order, a transaction each. What was written stays when another is refused;
   // the error then says how many were.
-  void write_all(std::span<const change> changes, const progress_call &progress);
+  void write_all(std::span<const ko_store::owned_change> changes, const progress_call &progress);
 
   // From now on the connection only hands out announcements, of every channel that was subscribed to. What is
   // announced before the last one is may get lost.
@@ -77,8 +70,8 @@ class store_client {
   reply_ptr take();
   reply_ptr call(std::initializer_list<std::string_view> words);
   void select(uint32_t db);
-  size_t append_change(const change &what);
-  bool take_change(const change &what, size_t replies);
+  size_t append_change(const ko_store::change &what);
+  bool take_change(const ko_store::change &what, size_t replies);
   [[noreturn]] void refuse(const std::string &what, const redisReply &error) const;
   [[noreturn]] void fail_connection() const;
 

@@ -1,39 +1,28 @@
 #include "wanted.h"
 
 #include <algorithm>
-#include <set>
+#include <array>
+#include <iterator>
+#include <tuple>
 
 #include "dry_daemon.h"
 #include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
+#include "values.h"
 
 namespace lspanctl {
 namespace {
 
-struct input {
-  uint32_t db;
-  const ProtobufCMessageDescriptor *type;
-};
-
 // What the daemon reads, in the order in which it is given to it.
-const input inputs[] = {
-    {CONF_DB, &u_monitor__mirror_lspan_info__descriptor},
-    {CONF_DB, &p_policy__data_intf_conf__descriptor},
-    {UDP_DB, &u_monitor__mirror_result_info__descriptor},
-};
+const std::array inputs = {session_members, group_memberships, results};
 
-bool is_input(const record_kind &kind) {
-  return std::any_of(std::begin(inputs), std::end(inputs),
-                     [&](const input &in) { return in.db == kind.db && in.type == kind.type; });
-}
-
-// The records of every kind that the daemon writes, and of those that it reads.
+// The daemon's own records among all that it may write.
 void load_stored(context &ctx, store_client &store, wanted_state &state) {
   for (const record_kind &kind : record_kinds()) {
-    if (!kind.stored || is_input(kind)) continue;
-    for (loaded_record &record : load_records(ctx, store, kind.db, *kind.type, state.bad))
+    if (!kind.stored || std::find(inputs.begin(), inputs.end(), kind.hash) != inputs.end()) continue;
+    for (decoded_record &record : load_records(ctx, store, kind.hash))
       if (ko_store::owner_of(*ko_store::key_of(*record.message)) == ko_lspan_app_name)
-        state.stored[{kind.db, kind.type->name, std::move(record.key)}] = std::move(record.bytes);
+        state.stored[{kind.hash, std::move(record.stored.key)}] = std::move(record.stored.record);
   }
 }
 
@@ -46,16 +35,14 @@ class computation {
                  .write = [this](const ko_store::change &what) { note(what); },
                  .event = [this](int32_t status) { status_ = status; }}) {}
 
-  void give(const input &in, const loaded_record &record) {
+  void give(const decoded_record &record) {
     touched_.clear();
     status_ = 0;
-    daemon_.put({{in.db, in.type}, ko_store::change_kind::set, record.key, record.bytes});
-    if (in.type == &u_monitor__mirror_lspan_info__descriptor) {
-      const auto &message = *reinterpret_cast<const UMonitor__MirrorLspanInfo *>(record.message.get());
-      state_.members.push_back({from_record(message), touched_, status_, false});
-    } else if (in.type == &p_policy__data_intf_conf__descriptor) {
-      const uint32_t group = reinterpret_cast<const PPolicy__DataIntfConf *>(record.message.get())->group_id;
-      auto &of_group = groups_[group];
+    daemon_.put(record.stored);
+    if (record.stored.hash == session_members) {
+      state_.members.push_back({from_record(record.as<UMonitor__MirrorLspanInfo>()), touched_, status_, false});
+    } else if (record.stored.hash == group_memberships) {
+      auto &of_group = groups_[record.as<PPolicy__DataIntfConf>().group_id];
       of_group.insert(of_group.end(), touched_.begin(), touched_.end());
     }
   }
@@ -64,11 +51,10 @@ class computation {
   void finish() {
     for (const record_kind &kind : record_kinds())
       if (kind.stored)
-        for (const auto &[key, record] : daemon_.records(kind.db, kind.type->name))
-          state_.wanted[{kind.db, kind.type->name, key}] = record;
+        for (const auto &[key, record] : daemon_.records(kind.hash)) state_.wanted[{kind.hash, key}] = record;
     for (member_outcome &outcome : state_.members) {
       if (!outcome.what.targets_group()) continue;
-      const auto group = groups_.find(ko_span_group_id(outcome.what.key.d_ifx));
+      const auto group = groups_.find(group_id_of(outcome.what.key.d_ifx));
       outcome.group_is_empty = group == groups_.end();
       if (!outcome.group_is_empty)
         outcome.touched.insert(outcome.touched.end(), group->second.begin(), group->second.end());
@@ -80,7 +66,7 @@ class computation {
  private:
   void note(const ko_store::change &what) {
     if (what.kind == ko_store::change_kind::publish) return;
-    touched_.push_back({what.hash.db, what.hash.type->name, std::string(what.key)});
+    touched_.push_back({what.hash, std::string(what.key)});
   }
 
   wanted_state &state_;
@@ -92,33 +78,41 @@ class computation {
 
 }  // namespace
 
+std::strong_ordering record_place::operator<=>(const record_place &other) const {
+  const auto ordered = [](const record_place &place) {
+    return std::tuple(place.hash.db, std::string_view(place.hash.type->name), std::string_view(place.key));
+  };
+  return ordered(*this) <=> ordered(other);
+}
+
 wanted_state load_wanted(context &ctx) {
   wanted_state state;
   store_client store = ctx.connect();
-  std::vector<std::vector<loaded_record>> read;
-  size_t total = 0;
-  for (const input &in : inputs) {
-    read.push_back(load_records(ctx, store, in.db, *in.type, state.bad));
-    auto &records = read.back();
+  std::vector<decoded_record> read;
+  for (const ko_store::hash_id &input : inputs) {
+    std::vector<decoded_record> records = load_records(ctx, store, input);
     // The order in which the daemon's store hands them over.
     std::sort(records.begin(), records.end(),
-              [](const loaded_record &a, const loaded_record &b) { return a.key < b.key; });
-    for (const loaded_record &record : records) state.stored[{in.db, in.type->name, record.key}] = record.bytes;
-    total += records.size();
+              [](const decoded_record &a, const decoded_record &b) { return a.stored.key < b.stored.key; });
+    for (const decoded_record &record : records) state.stored[{input, record.stored.key}] = record.stored.record;
+    std::move(records.begin(), records.end(), std::back_inserter(read));
   }
   load_stored(ctx, store, state);
 
-  progress_line progress = ctx.progress("computing", total);
+  progress_line progress = ctx.progress("computing", read.size());
   computation compute(ctx, state);
   size_t done = 0;
-  for (size_t i = 0; i < read.size(); ++i) {
-    for (const loaded_record &record : read[i]) {
-      compute.give(inputs[i], record);
-      if (++done % 1000 == 0) progress.show(done);
-    }
+  for (const decoded_record &record : read) {
+    progress.show(done++);
+    compute.give(record);
   }
   compute.finish();
   return state;
+}
+
+const char *to_text(finding what) {
+  constexpr std::array<const char *, n_findings> words = {"right", "missing", "different", "left over"};
+  return words[static_cast<size_t>(what)];
 }
 
 finding compare(const wanted_state &state, const record_place &place) {

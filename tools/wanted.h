@@ -1,6 +1,7 @@
 // What the stored configuration asks for, as the daemon's code works it out, and how that compares with the store.
 #pragma once
 
+#include <compare>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,12 +12,12 @@
 
 namespace lspanctl {
 
-// Database, full name of the message, packed key.
+// Where a record stands. Places are ordered by database, name of the message and packed key.
 struct record_place {
-  uint32_t db;
-  std::string message;
+  ko_store::hash_id hash;
   std::string key;
-  auto operator<=>(const record_place &) const = default;
+  bool operator==(const record_place &) const = default;
+  std::strong_ordering operator<=>(const record_place &other) const;
 };
 
 using record_set = std::map<record_place, std::string>;  // to packed records
@@ -33,13 +34,14 @@ struct wanted_state {
   std::vector<member_outcome> members;  // in the order of their keys
   record_set wanted;                    // all records that a daemon started on this configuration leaves
   record_set stored;                    // those that there are: the daemon's, and the results written for it
-  size_t bad = 0;                       // records that could not be used, each said on standard error
 };
 
 // Reads the store and computes. Progress is shown.
 wanted_state load_wanted(context &ctx);
 
 enum class finding { right, missing, different, left_over };
+inline constexpr size_t n_findings = 4;
+const char *to_text(finding what);
 
 // How `place` stands.
 finding compare(const wanted_state &state, const record_place &place);

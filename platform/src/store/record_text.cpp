@@ -15,16 +15,6 @@ Value at(const ProtobufCMessage &message, size_t offset) {
   return *static_cast<const Value *>(field);
 }
 
-std::string hex_digits(std::string_view bytes) {
-  static constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  for (const char byte : bytes) {
-    text.push_back(digits[static_cast<unsigned char>(byte) >> 4]);
-    text.push_back(digits[static_cast<unsigned char>(byte) & 15]);
-  }
-  return text;
-}
-
 std::string list_text(const uint32_t *word, size_t count) {
   std::string text = "[";
   for (size_t i = 0; i < count; ++i) text.append(i == 0 ? "" : ",").append(std::to_string(word[i]));
@@ -92,6 +82,16 @@ std::string escaped(std::string_view text) {
     }
   }
   return out;
+}
+
+std::string hex_digits(std::string_view bytes) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (const char byte : bytes) {
+    text.push_back(digits[static_cast<unsigned char>(byte) >> 4]);
+    text.push_back(digits[static_cast<unsigned char>(byte) & 15]);
+  }
+  return text;
 }
 
 std::string to_hex(std::string_view bytes) {

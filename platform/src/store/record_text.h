@@ -15,7 +15,8 @@ std::string to_text(const ProtobufCMessage &message);
 // `text` with quotes, backslashes and everything that is not printable ASCII escaped: \r, \n, else \ooo.
 std::string escaped(std::string_view text);
 
-// `bytes` as hexadecimal digits, cut after a few dozen.
+// `bytes` as hexadecimal digits: all of them, or for a log line cut after a few dozen.
+std::string hex_digits(std::string_view bytes);
 std::string to_hex(std::string_view bytes);
 
 }  // namespace ko_store

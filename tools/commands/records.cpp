@@ -1,16 +1,17 @@
 // lspanctl records: what stands in the databases.
-#include <memory>
+#include "records.h"
+
 #include <ostream>
 
 #include "commands.h"
-#include "records.h"
-#include "render.h"
-#include "text.h"
+#include "record_filter.h"
+#include "record_json.h"
+#include "record_line.h"
 
 namespace lspanctl {
 namespace {
 
-// Payload columns that say nothing are left out and named below the table.
+// Columns of the contents that say nothing are left out and named below the table.
 std::string print_columns(std::ostream &out, const std::vector<std::vector<cell>> &rows) {
   std::vector<bool> shown(rows.front().size());
   std::vector<std::string> heading;
@@ -34,8 +35,8 @@ std::string print_columns(std::ostream &out, const std::vector<std::vector<cell>
   return left_out;
 }
 
-void print_kind(std::ostream &out, const record_kind &kind, const std::vector<loaded_record> &records) {
-  out << db_name(kind.db) << " (" << kind.db << ") " << kind.type->name << ": " << kind.meaning << " ("
+void print_kind(std::ostream &out, const record_kind &kind, const std::vector<decoded_record> &records) {
+  out << db_name(kind.hash.db) << " (" << kind.hash.db << ") " << kind.hash.type->name << ": " << kind.meaning << " ("
       << records.size() << ")\n";
   // A message with an absent part has fewer cells; such records get a table of their own.
   for (size_t first = 0; first < records.size();) {
@@ -52,38 +53,32 @@ void print_kind(std::ostream &out, const record_kind &kind, const std::vector<lo
 }
 
 int show_records(context &ctx, const record_filter &filter) {
-  const uint32_t db = filter.wanted_db();
-  const std::string message = filter.wanted_message();
+  const std::vector<const record_kind *> kinds = wanted_kinds(filter);
   store_client store = ctx.connect();
-  size_t bad = 0;
   bool any = false;
   json list = json::array();
-  for (const record_kind &kind : record_kinds()) {
-    if (!kind.stored || (db != 0 && db != kind.db) || (!message.empty() && message != kind.type->name)) continue;
-    const std::vector<loaded_record> records = load_records(ctx, store, kind.db, *kind.type, bad);
+  for (const record_kind *kind : kinds) {
+    if (!kind->stored) continue;
+    const std::vector<decoded_record> records = load_records(ctx, store, kind->hash);
     any = any || !records.empty();
-    if (!ctx.json && !records.empty()) print_kind(ctx.out, kind, records);
-    for (const loaded_record &record : records)
-      if (ctx.json)
-        list.push_back({{"db", kind.db}, {"message", kind.type->name}, {"record", to_json(*record.message)}});
+    if (!ctx.json_output && !records.empty()) print_kind(ctx.out, *kind, records);
+    for (const decoded_record &record : records)
+      if (ctx.json_output)
+        list.push_back(
+            {{"db", kind->hash.db}, {"message", kind->hash.type->name}, {"record", to_json(*record.message)}});
   }
-  if (ctx.json)
-    ctx.out << dump(list, 2) << '\n';
-  else if (!any)
-    ctx.out << "no records\n";
-  return bad == 0 ? 0 : 1;
+  if (ctx.json_output || !any) ctx.list(table({}), list, "no records");
+  return 0;
 }
 
 }  // namespace
 
-void add_records_command(CLI::App &root, context &ctx) {
-  CLI::App *command = add_command(root, "records", "Show the records of the databases",
-                                  "  lspanctl records\n"
-                                  "  lspanctl records --db 8\n"
-                                  "  lspanctl records --message span_dst_info --json");
-  auto filter = std::make_shared<record_filter>();
-  add_filter_options(*command, *filter);
-  command->callback([&ctx, filter] { ctx.action = [&ctx, filter] { return show_records(ctx, *filter); }; });
+void add_records(command &root, context &ctx) {
+  add_command(root, ctx, "records", "Show the records of the databases",
+              "  lspanctl records\n"
+              "  lspanctl records --db 8\n"
+              "  lspanctl records --message span_dst_info --json",
+              show_records, filter_arguments);
 }
 
 }  // namespace lspanctl

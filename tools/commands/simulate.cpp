@@ -1,13 +1,11 @@
 // lspanctl simulate: events from a file through the daemon's code, with no server.
-#include <iomanip>
-#include <memory>
-#include <ostream>
-
+#include "catalog.h"
 #include "commands.h"
 #include "dry_daemon.h"
-#include "json_file.h"
-#include "records.h"
-#include "text.h"
+#include "errors.h"
+#include "record_json.h"
+#include "record_line.h"
+#include "values.h"
 #include "vx_zlog.h"
 
 namespace lspanctl {
@@ -16,8 +14,7 @@ namespace {
 using ko_store::change_kind;
 
 struct simulate_options {
-  std::string file;
-  std::string level = "5";
+  std::optional<std::string> file, level;
 };
 
 // One event of the file, ready to be played.
@@ -46,7 +43,7 @@ const record_kind *parse_place(const json &event) {
   const record_kind *found = nullptr;
   // The result record stands in two databases; the daemon reads it in the latter.
   for (const record_kind &kind : record_kinds())
-    if (kind.stored && message == kind.type->name && (any || db == kind.db)) found = &kind;
+    if (kind.stored && message == kind.hash.type->name && (any || db == kind.hash.db)) found = &kind;
   if (found == nullptr) throw refused("message: " + message + " is not stored in that database");
   return found;
 }
@@ -60,7 +57,7 @@ scripted_event parse_event(const json &event, const interfaces &ports) {
   scripted_event parsed{parse_kind(event), parse_place(event), nullptr};
   const auto lookup = [&ports](const std::string &text) { return ports.parse(text, true); };
   try {
-    parsed.message = from_json(*parsed.record->type, event["record"], lookup);
+    parsed.message = from_json(*parsed.record->hash.type, event["record"], lookup);
   } catch (const refused &error) {
     throw refused("record: " + std::string(error.what()));
   }
@@ -71,17 +68,16 @@ scripted_event parse_event(const json &event, const interfaces &ports) {
 std::vector<scripted_event> read_events(const std::string &path, const interfaces &ports) {
   json root = read_json_file(path);
   if (root.is_object() && root.contains("events")) root = root["events"];
-  const std::string name = path == "-" ? "standard input" : path;
   if (!root.is_array())
     throw refused(
-        name +
+        name_of_file(path) +
         ": give an array of events, each {\"change\": \"set\" or \"del\", \"message\": NAME, \"record\": {...}}");
   std::vector<scripted_event> events;
   for (size_t i = 0; i < root.size(); ++i) {
     try {
       events.push_back(parse_event(root[i], ports));
     } catch (const std::runtime_error &error) {
-      throw refused(name + ": [" + std::to_string(i) + "]: " + error.what());
+      throw refused(name_of_file(path) + ": [" + std::to_string(i) + "]: " + error.what());
     }
   }
   return events;
@@ -109,79 +105,49 @@ class trace {
             .event = [this](int32_t status) { returned(status); }};
   }
 
-  void start() {
-    if (!ctx_.json) ctx_.out << "start\n";
-  }
-
   void event(size_t number, const scripted_event &next) {
     handled_ = false;
-    if (ctx_.json)
-      line({{"event", number},
-            {"change", kind_name(next.kind)},
-            {"db", next.record->db},
-            {"message", next.record->type->name},
-            {"record", to_json(*next.message)}});
-    else
-      ctx_.out << "\nevent " << number << ": " << kind_name(next.kind) << ' '
-               << place_text(next.record->db, *next.record->type) << "  " << to_line(*next.message) << '\n';
+    const ko_store::hash_id &hash = next.record->hash;
+    ctx_.line("\nevent " + std::to_string(number) + ": " + kind_name(next.kind) + " " + place_text(hash) + "  " +
+                  to_line(*next.message),
+              {{"event", number},
+               {"change", kind_name(next.kind)},
+               {"db", hash.db},
+               {"message", hash.type->name},
+               {"record", to_json(*next.message)}});
   }
 
   void end_event(const scripted_event &next) {
     if (handled_) return;
-    const char *why = next.kind == change_kind::del
-                          ? "no event: there is no such record, or the daemon does not ask for its deletes"
-                          : "no event: the daemon does not read this record";
-    if (ctx_.json)
-      line({{"note", why}});
-    else
-      ctx_.out << "  " << why << '\n';
+    const std::string why = next.kind == change_kind::del
+                                ? "no event: there is no such record, or the daemon does not ask for its deletes"
+                                : "no event: the daemon does not read this record";
+    ctx_.line("  " + why, {{"note", why}});
   }
 
  private:
-  void line(const json &value) { ctx_.out << dump(value) << '\n'; }
-
   void log(const log_line &what) {
     if (what.category != "ko_lspan") return;  // the platform's own view of the same
     std::string text = what.text;
     while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
-    if (ctx_.json)
-      line({{"log", level_name(what.level)}, {"function", what.function}, {"text", text}});
-    else
-      ctx_.out << "  log      " << std::left << std::setw(5) << level_name(what.level) << "  " << what.function << ": "
-               << text << '\n';
+    ctx_.line("  log      " + column(level_name(what.level), 5) + what.function + ": " + text,
+              {{"log", level_name(what.level)}, {"function", what.function}, {"text", text}});
   }
 
+  // A delete carries the key alone: it is shown as a record that has nothing else.
   void write(const ko_store::change &what) {
-    // A delete carries the key alone: it is shown as a record that has nothing else.
-    std::string record(what.record);
-    if (what.kind == change_kind::del) record = keyed_record(*what.hash.type, what.key);
-    const ko_store::message_ptr message = ko_store::unpack(*what.hash.type, record);
-    if (ctx_.json)
-      line({{"write", kind_name(what.kind)},
-            {"db", what.hash.db},
-            {"message", what.hash.type->name},
-            {"record", to_json(*message)}});
-    else
-      ctx_.out << "  " << std::left << std::setw(7) << kind_name(what.kind) << "  " << std::setw(7)
-               << db_name(what.hash.db) << "  " << short_name(*what.hash.type) << "  " << to_line(*message) << '\n';
-  }
-
-  // The encoding of a record with that key and nothing else: its key field, length and key.
-  static std::string keyed_record(const ProtobufCMessageDescriptor &type, std::string_view key) {
-    constexpr unsigned length_delimited = 2;
-    std::string bytes(1, static_cast<char>(ko_store::key_field(type)->id << 3 | length_delimited));
-    size_t length = key.size();
-    for (; length > 127; length >>= 7) bytes += static_cast<char>(length | 128);
-    bytes += static_cast<char>(length);
-    return bytes.append(key);
+    const ProtobufCMessageDescriptor &type = *what.hash.type;
+    const ko_store::message_ptr message =
+        what.kind == change_kind::del ? record_of_key(type, what.key) : ko_store::unpack(type, what.record);
+    ctx_.line(
+        "  " + column(kind_name(what.kind), 7) + column(db_name(what.hash.db), 7) + std::string(short_name(type)) +
+            "  " + to_line(*message),
+        {{"write", kind_name(what.kind)}, {"db", what.hash.db}, {"message", type.name}, {"record", to_json(*message)}});
   }
 
   void returned(int32_t status) {
     handled_ = true;
-    if (ctx_.json)
-      line({{"status", status}});
-    else
-      ctx_.out << "  status   " << status << '\n';
+    ctx_.line("  status   " + std::to_string(status), {{"status", status}});
   }
 
   context &ctx_;
@@ -189,38 +155,39 @@ class trace {
 };
 
 int simulate(context &ctx, const simulate_options &options) {
-  const uint32_t level = parse_number(options.level, "level", 0, 5);
-  const std::vector<scripted_event> events = read_events(options.file, ctx.ports());
+  const uint32_t level = parse_number(options.level.value_or("5"), "level", 0, 5);
+  const std::vector<scripted_event> events = read_events(*options.file, ctx.ports());
   trace shown(ctx);
-  shown.start();
+  if (!ctx.json_output) ctx.out << "start\n";
   dry_daemon daemon(ctx.settings(), level, shown.observer());
   for (size_t i = 0; i < events.size(); ++i) {
     const scripted_event &next = events[i];
     shown.event(i + 1, next);
-    daemon.put(make_change(next.record->db, next.kind, *next.message));
+    daemon.put(ko_store::make_change(next.record->hash.db, next.kind, *next.message));
     shown.end_event(next);
   }
   return 0;
 }
 
+std::vector<argument> arguments(simulate_options &options) {
+  return {{"file", &options.file, "FILE", "The file, - for standard input", "<file>", true},
+          {"--level", &options.level, "N", "Level of the daemon's log, 0 (nothing) to 5 (debug) (5)", "0 1 2 3 4 5"}};
+}
+
 }  // namespace
 
-void add_simulate_command(CLI::App &root, context &ctx) {
-  CLI::App *command = add_command(
-      root, "simulate", "Play events through the daemon's own code, with no server; shows all it would do",
+void add_simulate(command &root, context &ctx) {
+  add_command(
+      root, ctx, "simulate", "Play events through the daemon's own code, with no server; shows all it would do",
       "  lspanctl simulate events.json\n"
       "  lspanctl records --message mirror_lspan_info --json | lspanctl simulate -\n"
       "\nThe file is an array of events:\n"
-      "  [{\"change\": \"set\", \"message\": \"data_intf_conf\", \"record\": {\"index\": {\"index\": 7}, \"group_id\": "
-      "2}},\n"
-      "   {\"change\": \"set\", \"message\": \"mirror_lspan_info\", \"record\": {\"index\": {\"session_num\": 4, "
-      "\"s_ifx\": 5,\n"
-      "    \"d_ifx\": \"group:2\", \"dir\": \"rx\"}, \"module_type\": \"GROUP\", \"role\": \"LOCALSPAN_DST\"}}]");
-  auto options = std::make_shared<simulate_options>();
-  command->add_option("file", options->file, "The file, - for standard input")->type_name("FILE")->required();
-  command->add_option("--level", options->level, "Level of the daemon's log, 0 (nothing) to 5 (debug) (5)")
-      ->type_name("N");
-  command->callback([&ctx, options] { ctx.action = [&ctx, options] { return simulate(ctx, *options); }; });
+      "  [{\"change\": \"set\", \"message\": \"data_intf_conf\", \"record\": {\"index\": {\"index\": 7},\n"
+      "    \"group_id\": 2}},\n"
+      "   {\"change\": \"set\", \"message\": \"mirror_lspan_info\", \"record\": {\"index\": {\"session_num\": 4,\n"
+      "    \"s_ifx\": 5, \"d_ifx\": \"group:2\", \"dir\": \"rx\"}, \"module_type\": \"GROUP\",\n"
+      "    \"role\": \"LOCALSPAN_DST\"}}]",
+      simulate, arguments);
 }
 
 }  // namespace lspanctl

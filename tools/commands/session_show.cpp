@@ -1,0 +1,67 @@
+// lspanctl session show: the members of sessions, and how far each has come.
+#include "commands.h"
+#include "member_fields.h"
+#include "member_state.h"
+#include "values.h"
+
+namespace lspanctl {
+namespace {
+
+struct show_options {
+  std::optional<std::string> session;
+};
+
+std::vector<std::string> row_of(const member &what, const member_state &state, const interfaces &ports) {
+  const std::string vlans = vlans_text(what.vlan_map.data(), what.vlan_map.size());
+  return {std::to_string(what.key.session),
+          ports.text(what.key.s_ifx),
+          ports.target_text(what.key.d_ifx, what.targets_group()),
+          direction_text(what.key.dir),
+          what.key.acl_id == 0 ? "-" : std::to_string(what.key.acl_id),
+          vlans.empty() ? "-" : vlans,
+          what.sample_rate == 0 ? "-" : std::to_string(what.sample_rate),
+          learning_text(what.mtp_switch),
+          enum_text(u_monitor__mirror_type__descriptor, what.apply_type),
+          printable(what.key.owner),
+          to_text(state)};
+}
+
+json entry_of(const member &what, const member_state &state, const interfaces &ports) {
+  json entry = to_json(what, ports);
+  entry.update(
+      {{"state", state.state}, {"reason", state.reason}, {"result", state.result ? json(*state.result) : json()}});
+  return entry;
+}
+
+int show_members(context &ctx, const show_options &options) {
+  const interfaces ports = ctx.ports();
+  const bool all = !options.session;
+  const uint32_t only = all ? 0 : parse_number(*options.session, "session");
+  const wanted_state state = load_wanted(ctx);
+  json list = json::array();
+  table rows(
+      {"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "VLANS", "RATE", "LEARNING", "TYPE", "OWNER", "STATE"});
+  for (const member_outcome &outcome : state.members) {
+    if (!all && outcome.what.key.session != only) continue;
+    const member_state now = state_of(state, outcome, ports);
+    list.push_back(entry_of(outcome.what, now, ports));
+    rows.add(row_of(outcome.what, now, ports));
+  }
+  ctx.list(rows, list, all ? "no session members" : "session " + std::to_string(only) + " has no members");
+  return 0;
+}
+
+std::vector<argument> arguments(show_options &options) {
+  return {{"session", &options.session, "SESSION", "Only this session", "<session>"}};
+}
+
+}  // namespace
+
+void add_session_show(command &session, context &ctx) {
+  add_command(session, ctx, "show", "Show the members of all sessions, or of one",
+              "  lspanctl session show\n"
+              "  lspanctl session show 3 --json",
+              show_members, arguments);
+}
+
+}  // namespace lspanctl

@@ -1,0 +1,150 @@
+// lspanctl watch: changes as they happen. It holds a copy of what it watches, which tells what a change changed.
+#include <map>
+#include <ostream>
+
+#include "clock_text.h"
+#include "commands.h"
+#include "record_filter.h"
+#include "record_json.h"
+#include "record_line.h"
+#include "stop_signals.h"
+#include "store/layout.h"
+#include "store/record_text.h"
+#include "values.h"
+
+namespace lspanctl {
+namespace {
+
+using ko_store::change_kind;
+using clock = std::chrono::steady_clock;
+
+struct watch_options {
+  record_filter filter;
+  std::optional<std::string> count, seconds;
+};
+
+// One line of the output.
+struct event {
+  const char *change;               // added, changed, same, deleted, request, unreadable
+  const ProtobufCMessage *message;  // null when unreadable; of what was deleted and is not known, the key alone
+  std::string text;
+};
+
+class watcher {
+ public:
+  watcher(context &ctx, const std::vector<const record_kind *> &kinds) : ctx_(ctx) {
+    for (const record_kind *kind : kinds)
+      channels_[ko_store::channel_name(kind->hash.db, kind->hash.type->name)] = kind;
+  }
+
+  // Subscribes before it reads, so that nothing is missed in between.
+  void start(store_client &announcements, store_client &store) {
+    for (const auto &[channel, kind] : channels_) announcements.subscribe(channel);
+    for (const auto &[channel, kind] : channels_) {
+      if (!kind->stored) continue;
+      for (ko_store::owned_change &record : store.read_all(kind->hash))
+        copy_[channel][record.key] = std::move(record.record);
+    }
+  }
+
+  void show(const store_client::announced &announced) {
+    const record_kind &kind = *channels_.at(announced.channel);
+    const auto parsed = ko_store::parse_announcement(kind.hash, announced.bytes);
+    if (parsed)
+      take(kind, *parsed, copy_[announced.channel]);
+    else
+      print(kind, {"unreadable", nullptr, "announcement 0x" + ko_store::hex_digits(announced.bytes)});
+  }
+
+ private:
+  using records = std::map<std::string, std::string, std::less<>>;
+
+  void take(const record_kind &kind, const ko_store::change &announced, records &copy) {
+    const auto held = copy.find(announced.key);
+    const bool known = held != copy.end();
+    if (announced.kind == change_kind::del && !known)
+      print_unknown_delete(kind, announced.key);
+    else
+      print_change(kind, announced, known ? std::optional<std::string_view>(held->second) : std::nullopt);
+    if (announced.kind == change_kind::set) copy[std::string(announced.key)] = announced.record;
+    if (announced.kind == change_kind::del && known) copy.erase(held);
+  }
+
+  void print_unknown_delete(const record_kind &kind, std::string_view key) {
+    const ko_store::message_ptr message = record_of_key(*kind.hash.type, key);
+    const std::string text = message == nullptr ? "key 0x" + ko_store::hex_digits(key) : to_line(*message);
+    print(kind, {"deleted", message.get(), text + ", not seen before"});
+  }
+
+  void print_change(const record_kind &kind, const ko_store::change &announced, std::optional<std::string_view> held) {
+    const std::string_view now = announced.kind == change_kind::del ? *held : announced.record;
+    const ko_store::message_ptr message = ko_store::unpack(*kind.hash.type, now);
+    const ko_store::message_ptr before = held ? ko_store::unpack(*kind.hash.type, *held) : nullptr;
+    if (message == nullptr) {
+      print(kind, {"unreadable", nullptr,
+                   "key 0x" + ko_store::hex_digits(announced.key) + " record 0x" + ko_store::hex_digits(now)});
+    } else if (announced.kind != change_kind::set || before == nullptr) {
+      const char *change = announced.kind == change_kind::publish ? "request" : "deleted";
+      print(kind, {announced.kind == change_kind::set ? "added" : change, message.get(), to_line(*message)});
+    } else {
+      const std::string changes = difference(*before, *message);
+      print(kind, {changes.empty() ? "same" : "changed", message.get(),
+                   key_line(*message) + (changes.empty() ? "" : ": " + changes)});
+    }
+  }
+
+  void print(const record_kind &kind, const event &what) {
+    json value = {
+        {"time", now_text(true)}, {"db", kind.hash.db}, {"message", kind.hash.type->name}, {"change", what.change}};
+    if (what.message != nullptr)
+      value["record"] = to_json(*what.message);
+    else
+      value["text"] = what.text;
+    ctx_.line(column(now_text(false), 0) + column(db_name(kind.hash.db), 7) + column(what.change, 7) +
+                  column(std::string(short_name(*kind.hash.type)), 18) + what.text,
+              value);
+  }
+
+  context &ctx_;
+  std::map<std::string, const record_kind *> channels_;
+  std::map<std::string, records> copy_;
+};
+
+int watch(context &ctx, const watch_options &options) {
+  watcher seen(ctx, wanted_kinds(options.filter));
+  const uint32_t count = options.count ? parse_number(*options.count, "count", 1) : 0;
+  std::optional<clock::time_point> deadline;
+  if (options.seconds) deadline = clock::now() + std::chrono::seconds(parse_number(*options.seconds, "seconds", 1));
+  store_client store = ctx.connect();
+  store_client announcements = ctx.connect();
+  const stop_signals signals;
+  seen.start(announcements, store);
+  ctx.err << "lspanctl: watching; end it with Ctrl-C" << std::endl;
+  for (uint32_t shown = 0; (count == 0 || shown < count) && !signals.requested() && ctx.out;) {
+    const auto announced = announcements.next(deadline, signals.mask());
+    if (!announced && deadline && clock::now() >= *deadline) break;
+    if (!announced) continue;
+    seen.show(*announced);
+    ++shown;
+  }
+  return 0;
+}
+
+std::vector<argument> arguments(watch_options &options) {
+  std::vector<argument> all = filter_arguments(options.filter);
+  all.push_back({"--count", &options.count, "N", "End after so many changes", ""});
+  all.push_back({"--for", &options.seconds, "SECONDS", "End after so many seconds", ""});
+  return all;
+}
+
+}  // namespace
+
+void add_watch(command &root, context &ctx) {
+  add_command(root, ctx, "watch", "Show changes of records as they happen, until Ctrl-C",
+              "  lspanctl watch\n"
+              "  lspanctl watch --db 8 --count 3\n"
+              "  lspanctl watch --message udp_flushdyn --for 60 --json",
+              watch, arguments);
+}
+
+}  // namespace lspanctl

@@ -1,0 +1,43 @@
+#include "interfaces.h"
+
+#include <algorithm>
+
+#include "errors.h"
+#include "text.h"
+#include "values.h"
+
+namespace lspanctl {
+
+const ko_platform::port *interfaces::find(uint32_t ifx) const {
+  const auto found = std::find_if(settings_.ports.begin(), settings_.ports.end(),
+                                  [ifx](const ko_platform::port &port) { return port.ifx == ifx; });
+  return found == settings_.ports.end() ? nullptr : &*found;
+}
+
+uint32_t interfaces::parse(const std::string &text, bool any_number) const {
+  if (text == "none" || text == "0") return 0;
+  if (is_number(text)) {
+    const uint32_t ifx = parse_number(text, "interface");
+    if (settings_.has_ports && !any_number && find(ifx) == nullptr)
+      throw refused("interface " + text + " is not in the platform file's ports; give one of them or add it there");
+    return ifx;
+  }
+  for (const ko_platform::port &port : settings_.ports)
+    if (port.name == text) return port.ifx;
+  throw refused("interface " + printable(text) + " is unknown; give a number" +
+                (settings_.has_ports ? " or a name of the platform file's ports" : ""));
+}
+
+std::string interfaces::text(uint32_t ifx) const {
+  if (ifx == 0) return "none";
+  const ko_platform::port *port = find(ifx);
+  const bool clear = port != nullptr && !is_number(port->name) && port->name != "none" &&
+                     !port->name.starts_with("group:") && printable(port->name) == port->name;
+  return clear ? port->name : std::to_string(ifx);
+}
+
+std::string interfaces::target_text(uint32_t d_ifx, bool is_group) const {
+  return is_group ? group_text(d_ifx) : text(d_ifx);
+}
+
+}  // namespace lspanctl

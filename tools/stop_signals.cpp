@@ -1,0 +1,33 @@
+#include "stop_signals.h"
+
+namespace lspanctl {
+namespace {
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+void request_stop(int) { stop_requested = 1; }
+
+}  // namespace
+
+stop_signals::stop_signals() {
+  stop_requested = 0;
+  sigset_t held;
+  sigemptyset(&held);
+  sigaddset(&held, SIGINT);
+  sigaddset(&held, SIGTERM);
+  sigprocmask(SIG_BLOCK, &held, &before_);
+  struct sigaction action = {};
+  action.sa_handler = request_stop;
+  sigaction(SIGINT, &action, &interrupt_);
+  sigaction(SIGTERM, &action, &terminate_);
+}
+
+stop_signals::~stop_signals() {
+  sigaction(SIGINT, &interrupt_, nullptr);
+  sigaction(SIGTERM, &terminate_, nullptr);
+  sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
+
+bool stop_signals::requested() const { return stop_requested != 0; }
+
+}  // namespace lspanctl
