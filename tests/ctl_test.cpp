@@ -51,13 +51,13 @@ class ctl : public testing::Test {
     box_.start_server();
   }
 
-  ran tool(const std::string &line, bool on_terminal = false) const {
+  ran tool(const std::string &line) const {
     std::istringstream words(replaced(line, "DIR", box_.folder()));
-    std::vector<std::string> arguments{"--platform-file", box_.folder() + "/etc/ko_platform/platform.json"};
+    std::vector<std::string> arguments{"--platform-file=" + platform_file_};
     for (std::string word; words >> word;) arguments.push_back(word == "''" ? "" : word);
     std::ostringstream out;
     std::ostringstream err;
-    const int status = lspanctl::run(arguments, out, err, on_terminal);
+    const int status = lspanctl::run(arguments, out, err, false);
     return {status, replaced(out.str() + err.str(), box_.folder(), "DIR")};
   }
 
@@ -98,6 +98,7 @@ class ctl : public testing::Test {
   void file(const std::string &name, const std::string &text) const { write_file(box_.folder() + "/" + name, text); }
 
   harness::sandbox box_;
+  std::string platform_file_ = box_.folder() + "/etc/ko_platform/platform.json";
 };
 
 // ---- bad input ----
@@ -146,6 +147,23 @@ TEST_F(ctl, wrong_use_and_refusals_change_nothing) {
       {"watch --db 8 --message data_intf_conf", 2,
        "lspanctl: UDP_DB has no p_policy.data_intf_conf; leave one of --db and --message out; see lspanctl watch "
        "--help\n"},
+      {"records --db 8 --message mirror_lspan_info", 2,
+       "lspanctl: UDP_DB has no u_monitor.mirror_lspan_info; leave one of --db and --message out; see lspanctl records "
+       "--help\n"},
+      {"records --message udp_flushdyn", 2,
+       "lspanctl: u_bridge.udp_flushdyn is announced and never stored; lspanctl watch shows it; see lspanctl records "
+       "--help\n"},
+      {"group show 77", 0, "group 77 has no interfaces, and no session targets it\n"},
+      {"session set 1 --rate x", 2, numbers("rate x") + "0 to 4294967295; see lspanctl session set --help\n"},
+      {"session set 7 --rate 4", 1,
+       "lspanctl: there is no member session 7 of owner lspanctl; lspanctl session show lists them\n"},
+      {"session del 7", 1,
+       "lspanctl: there is no member session 7 of owner lspanctl; lspanctl session show lists them\n"},
+      {"session del 7 --if-exists", 0, "there is no member session 7 of owner lspanctl\n"},
+      {"session show --store ''", 2,
+       "lspanctl: --store \"\": give the path of a socket, unix:PATH or HOST:PORT; see lspanctl session show "
+       "--help\n"},
+      {"session show --timeout 0", 2, numbers("--timeout 0") + "1 to 3600; see lspanctl session show --help\n"},
       {"session show --store nowhere", 2,
        "lspanctl: --store nowhere: give the path of a socket, unix:PATH or HOST:PORT; see lspanctl session show "
        "--help\n"},
@@ -171,7 +189,12 @@ TEST_F(ctl, files_that_cannot_be_used) {
            {apply, "1e999", " holds a number that is too large for anything; correct it there\n"},
            {apply, R"({"sessions":[{"session":7,"target":5},{"session":8,"target":9,"vlans":"1,4095"}]})",
             ": sessions[1]: VLAN 4095: give a number from 1 to 4094\n"},
-           {apply, "[]", ": give an object with the one key \"sessions\", an array; session export shows the form\n"},
+           {apply, "[]", ": give an object with the key \"sessions\", an array, and, "},
+           {apply, R"({"sessions":[{"session":-1,"target":5}]})", ": sessions[0]: session -1: give a number from 0"},
+           {apply, R"({"sessions":[{"session":7,"target":5},{"session":8,"target":9,"rate":1,"rate":2}]})",
+            ": sessions[1]: rate: stands twice in one object"},
+           {apply, R"({"groups":[{"group":2,"interfaces":["ge7",7]}],"sessions":[]})",
+            ": groups[0]: interface ge7: stands in a group already"},
            {apply, R"({"sessions":[{"session":7,"target":5},{"session":7,"target":"ge5"}]})",
             ": sessions[1]: is the same member as sessions[0]\n"},
            {apply, R"({"sessions":[{"session":7,"target":5,"owner":"cli"}]})",
@@ -201,7 +224,7 @@ TEST_F(ctl, files_that_cannot_be_used) {
     file("bad.json", each.text);
     const ran answer = tool(each.command + std::string(" DIR/bad.json"));
     EXPECT_EQ(answer.status, 1) << each.text;
-    EXPECT_TRUE(answer.says.starts_with(std::string("lspanctl: DIR/bad.json") + each.why)) << answer.says;
+    EXPECT_TRUE(answer.says.starts_with(std::string("lspanctl: DIR/bad.json") + each.why)) << each.text << answer.says;
   }
   EXPECT_TRUE(box_.dump().empty());
 }
@@ -212,9 +235,14 @@ TEST_F(ctl, records_that_cannot_be_used) {
   store.run({"SELECT", "4"});
   store.run({"HSET", "u_monitor.mirror_lspan_info", "k1", "\xff\xff", "k2", ""});
   file("none.json", R"({"sessions":[]})");
-  for (const char *line : {"session show", "session export", "records", "check", "session apply DIR/none.json"}) {
+  for (const auto &[line, status] : std::vector<std::pair<const char *, int>>{{"session show", 1},
+                                                                              {"session show 1", 0},
+                                                                              {"session export", 1},
+                                                                              {"records", 1},
+                                                                              {"check", 1},
+                                                                              {"session apply DIR/none.json", 1}}) {
     const ran answer = tool(line);
-    EXPECT_EQ(answer.status, 1) << line;
+    EXPECT_EQ(answer.status, status) << line;
     for (const char *why : {"0x6b31 is left out: it does not decode", "0x6b32 is left out: it has no index"})
       EXPECT_NE(answer.says.find("lspanctl: CONF_DB u_monitor.mirror_lspan_info: the record with key " +
                                  std::string(why) + "; have its writer write it again, or delete it\n"),
@@ -227,23 +255,136 @@ TEST_F(ctl, records_that_cannot_be_used) {
 TEST_F(ctl, a_server_that_refuses_writes) {
   std::string many = R"({"sessions":[)";
   for (int i = 0; i < 1200; ++i)
-    many += (i == 0 ? "" : ",") + replaced(R"({"session":N,"target":5})", "N", std::to_string(i));
+    many += (i == 0 ? "" : ",") + replaced(R"({"session":N,"source":5,"target":9})", "N", std::to_string(i));
   file("many.json", many + "]}");
   client store(box_.socket());
   store.run({"CONFIG", "SET", "maxmemory", "1"});
   const std::string why =
       "lspanctl: the store at DIR/redis.sock refuses the write to 4:u_monitor.mirror_lspan_info: OOM command not "
       "allowed when used memory > "
-      "'maxmemory'.";
-  expect({{"session add 3 --target 9", 1, why + "\n"},
+      "'maxmemory'; give the server more memory, or empty it of what is not needed";
+  expect({{"session add 3 --source 5 --target 9", 1, why + "\n"},
           {"session apply DIR/many.json", 1,
            why + " (0 of 1200 changes are known to be made; run it again for the rest)\n"}});
   EXPECT_TRUE(box_.dump().empty());
   store.run({"CONFIG", "SET", "maxmemory", "0"});
-  expect({{"session apply DIR/many.json", 0, "1200 added, 0 changed, 0 deleted, 0 unchanged\n"}});
+  const ran applied = tool("session apply DIR/many.json");
+  EXPECT_EQ(applied.status, 0);
+  EXPECT_EQ(harness::count_of(applied.says, "add     session "), 1200U);
+  EXPECT_TRUE(applied.says.ends_with("\n1200 added, 0 changed, 0 deleted, 0 unchanged\n")) << applied.says;
+}
+
+// Whatever stands in the way is said in words that name the next step.
+TEST_F(ctl, a_store_that_cannot_be_used) {
+  client admin(box_.socket());
+  for (const auto &[command, why] : std::vector<std::pair<texts, const char *>>{
+           {{"ACL", "SETUSER", "lspanctl", "on", ">secret", "~*", "&*", "+@all", "-hgetall"},
+            "refuses HGETALL u_monitor.mirror_lspan_info to user lspanctl: NOPERM this user has no permissions to run "
+            "the 'hgetall' command; log in as a user who may, or have it allowed by ACL SETUSER at the server\n"},
+           {{"ACL", "SETUSER", "lspanctl", "+hgetall", "<secret", ">other"},
+            "refuses AUTH to user lspanctl: WRONGPASS invalid username-password pair or user is disabled; correct "
+            "user "
+            "and password in the platform file that the tool reads (lspanctl --help)\n"},
+           {{"ACL", "SETUSER", "lspanctl", ">secret"}, ""},
+           {{"SET", "u_monitor.mirror_lspan_info", "x"},
+            "refuses HGETALL u_monitor.mirror_lspan_info to user lspanctl: WRONGTYPE Operation against a key holding "
+            "the "
+            "wrong kind of value; something else has that name there; look at it with redis-cli and take it away\n"}}) {
+    admin.run({"SELECT", "4"});
+    admin.run(command);
+    platform_file_ = box_.folder() + "/own.json";
+    write_file(platform_file_,
+               R"({"store":{"socket":")" + box_.socket() + R"(","user":"lspanctl","password":"secret"}})");
+    const ran answer = tool("session export");
+    EXPECT_EQ(answer.status, *why == '\0' ? 0 : 1);
+    EXPECT_TRUE(answer.says.ends_with(why)) << answer.says;
+  }
+  admin.run({"ACL", "SETUSER", "default", ">needed"});
+  write_file(platform_file_, R"({"store":{"socket":")" + box_.socket() + R"("}})");
+  EXPECT_EQ(tool("session export").says,
+            "lspanctl: the store at DIR/redis.sock refuses SELECT 4: NOAUTH Authentication required; give a user and "
+            "password in the platform file, best in the tool's own (lspanctl --help)\n");
+  box_.server().signal(SIGSTOP);
+  EXPECT_EQ(tool("session export --timeout 1").says,
+            "lspanctl: the store at DIR/redis.sock gives no answer within 1 s; see that it is not stopped, or give it "
+            "longer with --timeout\n");
+  box_.server().signal(SIGCONT);
+  platform_file_ = "/nope";
+  EXPECT_EQ(tool("session export").says,
+            "lspanctl: --platform-file /nope: there is no such file; correct the name or leave it out\n");
 }
 
 // ---- members, groups, results ----
+
+// What the daemon would not act on as it says. Each row comes to what the rows before have written.
+TEST_F(ctl, objections_and_their_override) {
+  for (const auto &[line, why] : std::vector<std::pair<std::string, std::string>>{
+           {"session add 1 --source ge5 --target ge9 --direction tx", ""},
+           {"session add 1 --source ge7 --target ge8",
+            "session 1 has the target ge9 already and can have only one; give this member another session"},
+           {"session add 1 --source ge5 --target ge9 --direction tx --owner cli",
+            "owner lspanctl has the same member, and the daemon cannot tell them apart; give this one another session"},
+           {"session add 2 --source ge9 --target ge8 --direction both", ""},
+           {"session add 3 --source ge8 --target ge5 --direction rx", ""},
+           {"session add 3 --source ge8 --target ge5 --direction tx",
+            "session 1 brings the copies back to ge8, and they go round for ever; mirror only rx"},
+           {"session add 4 --source ge5 --target ge5", "source and target are the same interface; give another target"},
+           {"session add 4 --source ge5 --target none", "nothing gets the copies; give a target that exists"},
+           {"session add 4 --source ge5 --target ge7 --direction 9", "direction 9 is not known; give rx, tx or both"},
+           {"session add 4 --target ge7", "it mirrors nothing; give a source or VLANs"},
+           {"session add 4 --target ge7 --apply-type POLICY",
+            "it mirrors what an ACL matches, and there is none; give an ACL"},
+           {"session add 4 --source ge5 --target ge7 --apply-type VLAN",
+            "it mirrors VLANs, and there are none; give VLANs"},
+           {"group join 2 ge7 ge8", ""},
+           {"session add 4 --source ge7 --target group:2",
+            "the source ge7 is in the target group:2; take it out with lspanctl group leave ge7"},
+           {"session add 4 --source ge5 --target group:2 --direction rx", ""},
+           {"group join 2 ge5", "the source ge5 is in the target group:2; take it out with lspanctl group leave ge5"},
+           {"session set 4 --vlans 7 --apply-type PORT", ""},
+           {"session set 2 --apply-type POLICY", "it mirrors what an ACL matches, and there is none; give an ACL"}}) {
+    const texts before = box_.dump();
+    const ran answer = tool(line);
+    EXPECT_EQ(answer.status, why.empty() ? 0 : 1) << line << answer.says;
+    if (why.empty()) continue;
+    EXPECT_TRUE(answer.says.ends_with(": " + why + ", or --force it\n")) << answer.says;
+    EXPECT_EQ(box_.dump(), before);
+    EXPECT_EQ(tool(line + " --force").status, 0) << line;
+    box_.restore(before);
+  }
+  file("both.json",
+       R"({"sessions":[{"session":1,"source":5,"target":9},{"session":1,"source":5,"target":8,"rate":1}]})");
+  EXPECT_EQ(tool("session apply DIR/both.json").says,
+            "lspanctl: session 1, ge5 -> ge8, both: session 1 has the target ge9 already and can have only one; give "
+            "this member another session\n"
+            "lspanctl: session 1, ge5 -> ge9, both: session 1 has the target ge8 already and can have only one; give "
+            "this member another session\n"
+            "lspanctl: nothing was changed, as the daemon would not act on 2 member(s) as they say; correct them, or "
+            "--force them\n");
+  EXPECT_EQ(tool("session apply DIR/both.json --force").status, 0);
+}
+
+TEST_F(ctl, several_members_at_once) {
+  expect({
+      {"session add 3 --source ge5,ge7 --source 8 --target ge9", 0,
+       "added session 3, ge5 -> ge9, both\nadded session 3, ge7 -> ge9, both\nadded session 3, ge8 -> ge9, both\n"},
+      {"session add 3 --source ge5,nope --target ge9 --rate 5", 1,
+       "lspanctl: interface nope is unknown; give a number or a name of the platform file's ports\n"},
+      {"session add 3 --source ge5 --target ge9 --rate 5 --may-exist", 0,
+       "session 3, ge5 -> ge9, both is there already\n"},
+      {"session set 3 --source ge5 --rate 64 --learning keep", 0,
+       "changed session 3, ge5 -> ge9, both: mtp_switch: 0 -> 1, sample_rate: 0 -> 64\n"},
+      {"session set 3 --source 5 --vlans 7", 0,
+       "changed session 3, ge5 -> ge9, both: apply_type: PORT -> VLAN, vlan_map: - -> 7\n"},
+      {"session set 3 --rate 64", 0,
+       "session 3, ge5 -> ge9, both is so already\nchanged session 3, ge7 -> ge9, both: sample_rate: 0 -> 64\n"
+       "changed session 3, ge8 -> ge9, both: sample_rate: 0 -> 64\n"},
+      {"session add 3 --source ge5 --target ge9 --owner cli --force", 0, "added session 3, ge5 -> ge9, both\n"},
+      {"session del 3 --source ge7", 0, "deleted session 3, ge7 -> ge9, both\n"},
+      {"session del 3", 0, "deleted session 3, ge5 -> ge9, both\ndeleted session 3, ge8 -> ge9, both\n"},
+      {"session del 3", 1, "lspanctl: there is no member session 3 of owner lspanctl; --owner cli has one\n"},
+  });
+}
 
 TEST_F(ctl, members_and_groups) {
   expect({
@@ -258,7 +399,7 @@ TEST_F(ctl, members_and_groups) {
        "\n"},
       {"session add 4 --target group:2 --vlans 10,20-29 --learning keep --owner cli", 0,
        "added session 4, none -> group:2, both\n"},
-      {"session add 5 --source 7 --target 8 --acl 7 --direction 9 --role erspan_src", 0,
+      {"session add 5 --source 7 --target 8 --acl 7 --direction 9 --role erspan_src --force", 0,
        "added session 5, ge7 -> ge8, 9, acl 7\n"},
       {"group join 2 ge7 8", 0, "ge7 joined group 2\n8 joined group 2\n"},
       {"group join 3 ge8", 0, "ge8 moved from group 2 to group 3\n"},
@@ -307,38 +448,50 @@ TEST_F(ctl, members_and_groups) {
 TEST_F(ctl, files_bring_the_store_to_what_they_say) {
   for (const char *line :
        {"session add 1 --source ge5 --target ge9 --rate 64", "session add 2 --target group:2 --vlans 7",
-        "session add 9 --source 8 --target 9 --owner cli"})
+        "session add 9 --source 8 --target 9 --owner cli", "group join 2 ge7"})
     ASSERT_EQ(tool(line).status, 0);
   const texts before = box_.dump();
   const ran exported = tool("session export");
+  const std::string group = R"({"group":2,"interfaces":["ge7"]})";
   const std::string one = R"({"session":1,"source":"ge5","target":"ge9","direction":"both","acl":0,"owner":"lspanctl",)"
                           R"("vlans":"","rate":64,"learning":"off","apply_type":"PORT","role":"LOCALSPAN_DST",)"
                           R"("module_type":"USER"})";
-  EXPECT_EQ(exported.says.substr(0, exported.says.find("},") + 1), "{\n  \"sessions\": [\n    " + one);
+  EXPECT_EQ(exported.says.substr(0, exported.says.rfind("},") + 1),
+            "{\n  \"groups\": [\n    " + group + "\n  ],\n  \"sessions\": [\n    " + one);
   file("same.json", exported.says);
   file("all.json", tool("session export --all-owners").says);
-  file("next.json", R"({"sessions":[{"session":1,"source":5,"target":9,"vlan_map":[2,0,0]},)"
-                    R"({"session":3,"target":"group:2","direction":7,"learning":5,"role":9}]})");
+  file("next.json", R"({"groups":[{"group":3,"interfaces":["ge7",8]}],)"
+                    R"("sessions":[{"session":1,"source":5,"target":9,"vlan_map":[2,0,0]},)"
+                    R"({"session":3,"source":5,"target":"group:2","direction":"tx","learning":5,"role":9}]})");
   const std::string plan =
       "delete  session 2, none -> group:2, both\n"
+      "move    ge7 from group 2 to group 3\n"
+      "join    ge8 to group 3\n"
       "change  session 1, ge5 -> ge9, both: apply_type: PORT -> VLAN, vlan_map: - -> [2,0,0], sample_rate: 64 -> 0\n"
-      "add     session 3, none -> group:2, 7\n";
+      "add     session 3, ge5 -> group:2, tx\n";
+  const std::string sums =
+      "1 added, 1 changed, 1 deleted, 0 unchanged; of groups 1 joined, 1 moved, 0 left (1 of other owners left "
+      "alone)\n";
   expect({
       {"session apply DIR/same.json", 0, "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
       {"session apply DIR/all.json --all-owners", 0, "0 added, 0 changed, 0 deleted, 3 unchanged\n"},
-      {"session apply DIR/next.json --dry-run", 0,
-       plan + "would be: 1 added, 1 changed, 1 deleted, 0 unchanged (1 of other owners left alone)\n"},
+      {"session apply DIR/next.json --dry-run", 3, plan + "would be: " + sums},
+      {"session apply DIR/same.json --dry-run", 0,
+       "would be: 0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
   });
   EXPECT_EQ(box_.dump(), before);
-  expect({{"session apply DIR/next.json", 0,
-           "1 added, 1 changed, 1 deleted, 0 unchanged (1 of other owners left alone)\n"}});
+  expect({{"session apply DIR/next.json", 0, plan + sums}});
   expect_whole_json();
   file("again.json", tool("session export").says);  // also what no list of VLANs and no name says
-  expect({{"session apply DIR/again.json", 0,
-           "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
-          {"session apply DIR/all.json --all-owners --json", 0,
-           R"({"dry_run":false,"added":1,"changed":1,"deleted":1,"unchanged":1,"of_other_owners":0})"
-           "\n"}});
+  expect({
+      {"session apply DIR/again.json", 0,
+       "0 added, 0 changed, 0 deleted, 2 unchanged (1 of other owners left alone)\n"},
+  });
+  const ran back = tool("session apply DIR/all.json --all-owners --json");
+  EXPECT_TRUE(back.says.ends_with(R"({"dry_run":false,"added":1,"changed":1,"deleted":1,"unchanged":1,"joined":0,)"
+                                  R"("moved":1,"left":1,"of_other_owners":0})"
+                                  "\n"))
+      << back.says;
   EXPECT_EQ(box_.dump(), before);
 }
 
@@ -354,15 +507,17 @@ TEST_F(ctl, random_members_survive_a_file) {
       line += one_of({"", " --acl 4294967295"}) + one_of({"", " --vlans 1,4094", " --vlans 31-33,64"});
       line += one_of({"", " --learning keep"}) + one_of({"", " --apply-type VLAN_FILTER", " --apply-type 9"});
       line += one_of({"", " --role 3", " --rate 4294967295"}) + one_of({"", " --owner a\"\\b\x01"});
-      ASSERT_EQ(tool(line).status, 0) << line;
+      ASSERT_EQ(tool(line + " --force").status, 0) << line;
     }
+    for (const char *port : {"ge5", "ge7"})
+      ASSERT_EQ(tool("group join " + std::to_string(1 + random() % 3) + " " + port + " --force").status, 0);
     expect_whole_json();
     dumps.push_back(tool("records --json").says);
     file("round" + std::to_string(round) + ".json", tool("session export --all-owners").says);
   }
   for (int round = 0; round < 40; ++round) {
     const size_t which = random() % dumps.size();
-    ASSERT_EQ(tool("session apply --all-owners DIR/round" + std::to_string(which) + ".json").status, 0);
+    ASSERT_EQ(tool("session apply --force --all-owners DIR/round" + std::to_string(which) + ".json").status, 0);
     ASSERT_EQ(tool("records --json").says, dumps[which]);
   }
 }
@@ -376,22 +531,36 @@ TEST_F(ctl, states_and_check) {
   udp.run({"SELECT", "8"});
   for (const auto &[line, expected] : std::vector<std::pair<const char *, const char *>>{
            {"session add 3 --source ge5 --target ge9 --direction rx", "written: no answer\n"},
-           {"result 3 --source ge5 --target ge9 --direction rx", "answered\n"},
-           {"result 3 --source ge5 --target ge9 --direction rx --code 7", "answered with code 7\n"},
+           {"result 3 --source ge5 --target ge9 --direction rx", "accepted\n"},
+           {"result 3 --source ge5 --target ge9 --direction rx --code 7", "refused: argument list too long\n"},
            {"session add 4 --source ge5 --target group:2",
-            "answered with code 7\nwritten: no answer, target group empty\n"},
-           {"group join 2 ge7", "answered with code 7\nwritten: no answer\n"},
-           {"result 4 --source ge5 --target group:2", "answered with code 7\nanswered\n"}}) {
+            "refused: argument list too long\nwritten: no answer, target group empty\n"},
+           {"group join 2 ge7", "refused: argument list too long\nwritten: no answer\n"},
+           {"result 4 --source ge5 --target group:2", "refused: argument list too long\naccepted\n"}}) {
     EXPECT_EQ(tool(line).status, 0) << line;
     ASSERT_TRUE(box_.settle());
     EXPECT_EQ(states(), expected) << line;
+  }
+  // Other contents are not answered yet; another kind leaves nothing of the former one.
+  for (const auto &[line, expected] : std::vector<std::pair<const char *, const char *>>{
+           {"session set 3 --vlans 7", "written: no answer\naccepted\n"},
+           {"session set 3 --vlans none", "written: no answer\naccepted\n"},
+           {"result 3 --source ge5 --target ge9 --direction rx --code 16",
+            "refused: device or resource busy (ge5)\naccepted\n"},
+           {"session set 3 --rate 4", "written: no answer\naccepted\n"},
+           {"session set 3 --rate 0", "written: no answer\naccepted\n"},
+           {"result 3 --source ge5 --target ge9 --direction rx", "accepted\naccepted\n"}}) {
+    EXPECT_EQ(tool(line).status, 0) << line;
+    ASSERT_TRUE(box_.settle());
+    EXPECT_EQ(states(), expected) << line;
+    EXPECT_EQ(tool("check").status, 0) << line << tool("check").says;
   }
   expect({{"check", 0, "all is right: 15 right, 0 missing, 0 different, 0 left over\n"}});
   expect_whole_json();
 
   udp.run({"DEL", "u_monitor.span_dst_info"});
   EXPECT_EQ(states(), "configured: span_dst_info missing\nconfigured: span_dst_info missing\n");
-  lspanctl::store_client store(lspanctl::parse_store(box_.socket()));
+  harness::producer other(box_.socket());
   UBridge__UdpPtLearnIndex port = U_BRIDGE__UDP_PT_LEARN_INDEX__INIT;
   UBridge__UdpPtLearn learning = U_BRIDGE__UDP_PT_LEARN__INIT;
   char owner[] = "ko_lspan";
@@ -399,8 +568,9 @@ TEST_F(ctl, states_and_check) {
   learning.index = &port;
   for (const uint32_t ifx : {7, 9}) {
     port.t_ifx = ifx;
-    store.write(ko_store::make_change(6, ko_store::change_kind::set, learning.base));
+    other.set(harness::any(6, learning.base));
   }
+  other.flush();
   const ran found = tool("check");
   EXPECT_EQ(found.status, 1);
   EXPECT_EQ(
@@ -415,9 +585,10 @@ TEST_F(ctl, states_and_check) {
       "acl_id=0 module_type=GROUP role=LOCALSPAN_DST\n"
       "11 right, 2 missing, 2 different, 0 left over\n");
 
-  const ran as_json = tool("check --json");
-  const lspanctl::json last = lspanctl::json::parse(as_json.says.substr(as_json.says.rfind("\n{") + 1));
-  EXPECT_EQ(lspanctl::dump(last), R"({"right":11,"missing":2,"different":2,"left over":0})");
+  const lspanctl::json as_json = lspanctl::json::parse(tool("check --json").says);
+  EXPECT_EQ(lspanctl::dump(as_json).substr(0, 70),
+            R"({"right":11,"missing":2,"different":2,"left_over":0,"findings":[{"find)");
+  EXPECT_EQ(as_json["findings"][2]["finding"], "missing");
   const lspanctl::json shown = lspanctl::json::parse(tool("session show 3 --json").says);
   EXPECT_EQ(shown[0]["state"], "configured");
   EXPECT_EQ(shown[0]["reason"], "span_dst_info missing, udp_pt_learn different");
@@ -430,14 +601,14 @@ TEST_F(ctl, states_and_check) {
   EXPECT_EQ(states(),
             "configured: span_dst_info missing, udp_pt_learn different\nconfigured: "
             "span_dst_info missing, span_port_src_info missing, udp_pt_learn different, span_mtp_info missing\n");
-  EXPECT_NE(tool("check").says.find("7 right, 4 missing, 2 different, 4 left over\n"), std::string::npos);
+  EXPECT_NE(tool("check").says.find("7 right, 4 missing, 2 different, 3 left over\n"), std::string::npos);
   box_.start_daemon();
   ASSERT_TRUE(box_.settle());
   expect({{"check", 0, "all is right: 13 right, 0 missing, 0 different, 0 left over\n"}});
 
   // A platform file that has lost a port; records in the store stay as they are.
   box_.platform_file(R"({"store":{"socket":")" + box_.socket() + R"("},"ports":{"ge5":{"ifx":5,"phyid":105}}})");
-  EXPECT_EQ(states(), "answered\nconfigured: no translation for interface 8\n");
+  EXPECT_EQ(states(), "accepted\nconfigured: no translation for interface 8\n");
 }
 
 // ---- dry run ----
@@ -562,13 +733,13 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
                 " role=LOCALSPAN_DST sample_rate=64\n"
                 "FWD_DB   request  udp_flushdyn        ifx=9 flag=4\n"
                 "FWD_DB   unreadable  udp_flushdyn        announcement 0x3f\n"
-                "UDP_DB   deleted  mirror_result_info  t_user=du_span session_num=3 s_ifx=0 d_ifx=group:2 dir=rx "
-                "acl_id=0, not seen before\n"
-                "UDP_DB   deleted  span_mtp_info       key 0x6b, not seen before\n");
+                "UDP_DB   absent   mirror_result_info  t_user=du_span session_num=3 s_ifx=0 d_ifx=group:2 dir=rx "
+                "acl_id=0: deleted, and was not there\n"
+                "UDP_DB   unreadable  span_mtp_info       key 0x6b of what is deleted\n");
 
   harness::process some;
   ASSERT_TRUE(watch(some, {"--json", "--message", "data_intf_conf", "--count", "1", "--for", "60"}));
-  ASSERT_EQ(tool("session add 1 --target ge9").status, 0);
+  ASSERT_EQ(tool("session add 1 --source ge5 --target ge9").status, 0);
   ASSERT_EQ(tool("group join 3 ge7").status, 0);
   EXPECT_EQ(some.wait(), 0);
   EXPECT_NE(read_file(output).find(R"("db":4,"message":"p_policy.data_intf_conf","change":"changed","record":)"
@@ -625,8 +796,8 @@ TEST_F(ctl, completion_in_bash) {
 
 TEST_F(ctl, help_of_every_command_has_examples) {
   for (const char *line :
-       {"", "session add", "session del", "session show", "session export", "session apply", "group join",
-        "group leave", "group show", "result", "records", "watch", "check", "simulate", "completion"}) {
+       {"", "session add", "session set", "session del", "session show", "session export", "session apply",
+        "group join", "group leave", "group show", "result", "records", "watch", "check", "simulate", "completion"}) {
     const ran answer = tool(line + std::string(" --help"));
     EXPECT_EQ(answer.status, 0) << line;
     EXPECT_NE(answer.says.find("Examples:\n"), std::string::npos) << line;

@@ -7,13 +7,10 @@
 
 #include "command_line.h"
 #include "errors.h"
+#include "exit_status.h"
 
 namespace lspanctl {
 namespace {
-
-constexpr int exit_done = 0;
-constexpr int exit_refused = 1;
-constexpr int exit_wrong_use = 2;
 
 std::string one_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
@@ -30,7 +27,7 @@ int parse_and_run(const command &root, context &ctx, const std::vector<std::stri
     }
     if (!given.asked->run) throw usage_error("give a command");
     const int status = given.asked->run();
-    return status == exit_done && ctx.unusable != 0 ? exit_refused : status;
+    return status == exit_done && !ctx.unusable.empty() ? exit_refused : status;
   } catch (const usage_error &error) {
     ctx.err << "lspanctl: " << one_line(error.what()) << "; see " << given.path << " --help\n";
     return exit_wrong_use;

@@ -10,10 +10,13 @@ std::string now_text(bool full) {
   clock_gettime(CLOCK_REALTIME, &now);
   tm local;
   localtime_r(&now.tv_sec, &local);
-  char text[32];
-  const size_t length = std::strftime(text, sizeof text, full ? "%FT%T" : "%T", &local);
-  std::snprintf(text + length, sizeof text - length, ".%03ld", now.tv_nsec / 1000000);
-  return text;
+  char text[32], milliseconds[24], offset[8];
+  std::strftime(text, sizeof text, full ? "%FT%T" : "%T", &local);
+  std::snprintf(milliseconds, sizeof milliseconds, ".%03ld", now.tv_nsec / 1000000);
+  std::string all = std::string(text) + milliseconds;
+  if (!full) return all;
+  std::strftime(offset, sizeof offset, "%z", &local);  // +0200
+  return all + std::string(offset, 3) + ":" + (offset + 3);
 }
 
 }  // namespace lspanctl

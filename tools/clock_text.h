@@ -5,7 +5,8 @@
 
 namespace lspanctl {
 
-// Now, in local time with milliseconds: the time of day, or with `full` date and time as ISO 8601 has them.
+// Now, in local time with milliseconds: the time of day, or with `full` as ISO 8601 has it: date, time, offset from
+// UTC.
 std::string now_text(bool full);
 
 }  // namespace lspanctl

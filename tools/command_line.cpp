@@ -24,7 +24,8 @@ void add_argument(CLI::App &app, const argument &arg) {
     option = app.add_option_function<std::string>(
         arg.name, [to = *value](const std::string &given) { *to = given; }, arg.help);
   else
-    option = app.add_option(arg.name, *std::get<std::vector<std::string> *>(arg.to), arg.help);
+    option = app.add_option(arg.name, *std::get<std::vector<std::string> *>(arg.to), arg.help)
+                 ->allow_extra_args(!arg.is_option());
   option->type_name(arg.type)->required(arg.required);
 }
 
@@ -64,7 +65,10 @@ void make_command_line(command &root, context &ctx) {
       {"--store", &ctx.store, "ADDRESS",
        "Where the store is: a socket's path, unix:PATH or HOST:PORT (as the platform file says)", "<file>"},
       {"--platform-file", &ctx.platform_file, "PATH",
-       std::string("Names the store and the ports (") + ko_platform::default_config_path + ")", "<file>"},
+       std::string("Names the store, the login and the ports (LSPANCTL_PLATFORM_FILE of the environment, else ") +
+           tool_config_path + ", else " + ko_platform::default_config_path + ")",
+       "<file>"},
+      {"--timeout", &ctx.timeout, "SECONDS", "How long an answer is waited for (5)", ""},
       {"--json", &ctx.json_output, "", "Output for programs", ""},
   };
   root.examples =
@@ -73,6 +77,7 @@ void make_command_line(command &root, context &ctx) {
       "  lspanctl watch --json";
   command &session = add_commands(root, "session", "The members of mirror sessions");
   add_session_add(session, ctx);
+  add_session_set(session, ctx);
   add_session_del(session, ctx);
   add_session_show(session, ctx);
   add_session_export(session, ctx);

@@ -1,15 +1,55 @@
 #include "context.h"
 
+#include <cstdlib>
+#include <filesystem>
 #include <ostream>
 
+#include "errors.h"
+#include "values.h"
+
 namespace lspanctl {
+namespace {
+
+// One that was named has to be there.
+ko_platform::config load_named(const std::string &path, const std::string &by) {
+  std::error_code why;
+  if (!std::filesystem::exists(path, why))
+    throw refused(by + " " + printable(path) + ": there is no such file; correct the name or leave it out");
+  return ko_platform::load_config(path);
+}
+
+// The tool's own login, and the ports that all programs share.
+ko_platform::config load_own_and_shared() {
+  std::error_code why;
+  if (!std::filesystem::exists(tool_config_path, why))
+    return ko_platform::load_config(ko_platform::default_config_path);
+  ko_platform::config own = ko_platform::load_config(tool_config_path);
+  if (own.has_ports) return own;
+  ko_platform::config both = ko_platform::load_config(ko_platform::default_config_path);
+  both.store = own.store;
+  return both;
+}
+
+}  // namespace
 
 const ko_platform::config &context::settings() {
-  if (!settings_) settings_ = ko_platform::load_config(platform_file.value_or(ko_platform::default_config_path));
+  if (settings_) return *settings_;
+  const char *named = std::getenv("LSPANCTL_PLATFORM_FILE");
+  if (platform_file)
+    settings_ = load_named(*platform_file, "--platform-file");
+  else if (named != nullptr && *named != '\0')
+    settings_ = load_named(named, "LSPANCTL_PLATFORM_FILE");
+  else
+    settings_ = load_own_and_shared();
   return *settings_;
 }
 
-store_client context::connect() { return store_client(store ? parse_store(*store) : settings().store); }
+std::chrono::seconds context::patience() {
+  constexpr uint32_t usual = 5, most = 3600;
+  return std::chrono::seconds(timeout ? parse_number(*timeout, "--timeout", 1, most) : usual);
+}
+
+store_client context::connect() { return {store ? parse_store(*store) : settings().store, patience()}; }
 
 progress_line context::progress(const std::string &what, size_t total) {
   return {on_terminal ? &err : nullptr, what, total};

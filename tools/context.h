@@ -1,9 +1,11 @@
 // What every command is given: the options that all share, what they open, and where they write to.
 #pragma once
 
+#include <chrono>
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "interfaces.h"
 #include "json.h"
@@ -14,6 +16,9 @@
 
 namespace lspanctl {
 
+// The tool's own platform file. What it leaves out of the ports is in the one that all programs share.
+inline constexpr const char *tool_config_path = "/etc/ko_platform/lspanctl.json";
+
 struct context {
   context(std::ostream &to, std::ostream &errors, bool terminal) : out(to), err(errors), on_terminal(terminal) {}
 
@@ -23,10 +28,14 @@ struct context {
 
   std::optional<std::string> store;          // --store; without: as the platform file says
   std::optional<std::string> platform_file;  // --platform-file
+  std::optional<std::string> timeout;        // --timeout
   bool json_output = false;                  // --json
-  size_t unusable = 0;                       // records that could not be used; each was a line on `err`
+
+  // Stored records that could not be used; each was a line on `err`, and a command that is left with one is not done.
+  std::vector<ko_store::owned_change> unusable;
 
   const ko_platform::config &settings();  // of the platform file; throws config_error
+  std::chrono::seconds patience();        // how long an answer is waited for
   interfaces ports() { return interfaces(settings()); }
   store_client connect();
   progress_line progress(const std::string &what, size_t total);

@@ -28,6 +28,24 @@ uint32_t interfaces::parse(const std::string &text, bool any_number) const {
                 (settings_.has_ports ? " or a name of the platform file's ports" : ""));
 }
 
+bool interfaces::knows(const std::string &name) const {
+  return std::any_of(settings_.ports.begin(), settings_.ports.end(),
+                     [&name](const ko_platform::port &port) { return port.name == name; });
+}
+
+std::string interfaces::twin_of(uint32_t ifx) const {
+  const ko_platform::port *port = find(ifx);
+  for (const ko_platform::port &other : settings_.ports)
+    if (port != nullptr && &other != port && other.phyid == port->phyid) return other.name;
+  return "";
+}
+
+std::string interfaces::device(uint32_t ifx) const {
+  const ko_platform::port *port = find(ifx);
+  if (port == nullptr) return std::to_string(ifx);
+  return port->device.empty() ? port->name : port->device;
+}
+
 std::string interfaces::text(uint32_t ifx) const {
   if (ifx == 0) return "none";
   const ko_platform::port *port = find(ifx);

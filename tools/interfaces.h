@@ -17,6 +17,15 @@ class interfaces {
   // have; with `any_number`, which serves to take away what is configured already, numbers are not looked up.
   uint32_t parse(const std::string &text, bool any_number = false) const;
 
+  // Whether a port has that name.
+  bool knows(const std::string &name) const;
+
+  // Another port with the physical id of this one, by name; empty: there is none.
+  std::string twin_of(uint32_t ifx) const;
+
+  // The name of its network device: what the platform file says, else its name, else its number.
+  std::string device(uint32_t ifx) const;
+
   // The name where the map has one that cannot be taken for something else, else the number; "none" for 0.
   std::string text(uint32_t ifx) const;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "proc/ko_span_public.h"
+#include "record_line.h"
 #include "records.h"
 #include "values.h"
 
@@ -14,6 +15,14 @@ std::string to_text(const member &what, const interfaces &ports) {
                      ports.target_text(key.d_ifx, what.targets_group()) + ", " + direction_text(key.dir);
   if (key.acl_id != 0) text += ", acl " + std::to_string(key.acl_id);
   return text;
+}
+
+std::string difference(const member &before, const member &now) {
+  const auto unpacked = [](const member &what) {
+    const ko_store::owned_change write = make_change(what, ko_store::change_kind::set);
+    return ko_store::unpack(*write.hash.type, write.record);
+  };
+  return difference(*unpacked(before), *unpacked(now));
 }
 
 UMonitor__MirrorIndex index_of(const member_key &key) {
@@ -42,6 +51,16 @@ ko_store::owned_change make_change(const member &what, ko_store::change_kind kin
   return ko_store::make_change(CONF_DB, kind, record.base);
 }
 
+ko_store::owned_change result_removal(const ko_store::hash_id &hash, const member &what, const char *owner) {
+  member_key key = what.key;
+  key.owner = owner;
+  if (what.targets_group()) key.d_ifx = result_target(key.d_ifx);
+  UMonitor__MirrorIndex index = index_of(key);
+  UMonitor__MirrorResultInfo result = U_MONITOR__MIRROR_RESULT_INFO__INIT;
+  result.index = &index;
+  return ko_store::make_change(hash.db, ko_store::change_kind::del, result.base);
+}
+
 member from_record(const UMonitor__MirrorLspanInfo &record) {
   const UMonitor__MirrorIndex &index = *record.index;
   member what;
@@ -53,6 +72,12 @@ member from_record(const UMonitor__MirrorLspanInfo &record) {
   what.vlan_map.assign(record.vlan_map, record.vlan_map + record.n_vlan_map);
   what.sample_rate = record.sample_rate;
   return what;
+}
+
+const member *find_member(const std::vector<member> &members, const member_key &key) {
+  const auto found =
+      std::find_if(members.begin(), members.end(), [&key](const member &each) { return each.key == key; });
+  return found == members.end() ? nullptr : &*found;
 }
 
 std::vector<member> load_members(context &ctx, store_client &store) {

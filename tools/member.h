@@ -13,7 +13,8 @@
 
 namespace lspanctl {
 
-inline constexpr const char *tool_owner = "lspanctl";  // owner of what the tool configures
+inline constexpr const char *tool_owner = "lspanctl";       // owner of what the tool configures
+inline constexpr const char *forwarding_owner = "du_span";  // owner of the forwarding side's answers
 
 // What tells members apart, in the order in which they are listed.
 struct member_key {
@@ -41,13 +42,22 @@ struct member {
 // "session 3, ge5 -> ge9, rx, acl 7"
 std::string to_text(const member &what, const interfaces &ports);
 
+// "sample_rate: 0 -> 64": the fields of the records that differ.
+std::string difference(const member &before, const member &now);
+
 // The key message of a member or result; borrows from `key`.
 UMonitor__MirrorIndex index_of(const member_key &key);
 
 // The change that writes or deletes the member's record.
 ko_store::owned_change make_change(const member &what, ko_store::change_kind kind);
 
+// The change that deletes the answer to the member that `owner` gave or, as the daemon, relayed.
+ko_store::owned_change result_removal(const ko_store::hash_id &hash, const member &what, const char *owner);
+
 member from_record(const UMonitor__MirrorLspanInfo &record);
+
+// The one with that key, or null.
+const member *find_member(const std::vector<member> &members, const member_key &key);
 
 // The stored members, in the order of their keys.
 std::vector<member> load_members(context &ctx, store_client &store);

@@ -86,7 +86,6 @@ const member_field fields_table[] = {
 static_assert(std::size(fields_table) == n_member_fields);
 
 constexpr size_t session_field = 0;
-constexpr size_t owner_field = 5;
 constexpr size_t apply_type_field = 9;
 
 uint32_t default_apply_type(const member &what) {
@@ -108,11 +107,19 @@ void need_key(const member_texts &texts) {
   if (!texts[session_field + 2]) throw usage_error("target: give an interface or group:ID");
 }
 
+size_t field_named(const std::string &name) {
+  for (size_t i = 0; i < n_member_fields; ++i)
+    if (name == fields_table[i].name) return i;
+  std::string known;
+  for (const member_field &field : fields_table) known += std::string(field.name) + " ";
+  throw usage_error("a session member has no such key; there are " + known + "vlan_map");
+}
+
 // ---- JSON ----
 
 std::string text_of(const json &value) {
   if (value.is_string()) return value.get<std::string>();
-  if (value.is_number_unsigned()) return dump(value);
+  if (value.is_number()) return dump(value);
   throw usage_error("give a text or a number");
 }
 
@@ -122,14 +129,6 @@ std::vector<uint32_t> parse_words(const json &words) {
   std::vector<uint32_t> out;
   for (const json &word : words) out.push_back(parse_number(dump(word), "word"));
   return out;
-}
-
-size_t field_named(const std::string &name) {
-  for (size_t i = 0; i < n_member_fields; ++i)
-    if (name == fields_table[i].name) return i;
-  std::string known;
-  for (const member_field &field : fields_table) known += std::string(field.name) + " ";
-  throw usage_error("a session member has no such key; there are " + known + "vlan_map");
 }
 
 }  // namespace
@@ -148,7 +147,7 @@ std::vector<argument> member_arguments(member_texts &texts, bool key_only) {
   return arguments;
 }
 
-std::optional<std::string> &owner_in(member_texts &texts) { return texts[owner_field]; }
+std::optional<std::string> &text_in(member_texts &texts, const std::string &name) { return texts[field_named(name)]; }
 
 member key_from(const member_texts &texts, const interfaces &ports, bool any_number) {
   need_key(texts);
@@ -161,10 +160,44 @@ member member_from(const member_texts &texts, const interfaces &ports) {
   return what;
 }
 
+member_filter::member_filter(const member_texts &texts, const interfaces &ports)
+    : texts_(texts), pattern_(read_fields(texts, ports, true)) {}
+
+bool member_filter::given(const char *name) const { return texts_[field_named(name)].has_value(); }
+
+bool member_filter::includes(const member &what) const {
+  const auto agrees = [this](const char *name, const auto &wanted, const auto &has) {
+    return !given(name) || wanted == has;
+  };
+  const member_key &wanted = pattern_.key;
+  return wanted.session == what.key.session && wanted.owner == what.key.owner &&
+         agrees("source", wanted.s_ifx, what.key.s_ifx) && agrees("target", wanted.d_ifx, what.key.d_ifx) &&
+         agrees("direction", wanted.dir, what.key.dir) && agrees("acl", wanted.acl_id, what.key.acl_id);
+}
+
+std::string member_filter::text(const interfaces &ports) const {
+  if (given("source") && given("target") && given("direction") && given("acl")) return to_text(pattern_, ports);
+  std::string text = "session " + std::to_string(pattern_.key.session);
+  if (given("source")) text += ", from " + ports.text(pattern_.key.s_ifx);
+  if (given("target")) text += ", to " + ports.target_text(pattern_.key.d_ifx, pattern_.targets_group());
+  if (given("direction")) text += ", " + direction_text(pattern_.key.dir);
+  if (given("acl")) text += ", acl " + std::to_string(pattern_.key.acl_id);
+  return text;
+}
+
+member with_contents(const member &before, const member_texts &texts, const interfaces &ports) {
+  member now = before;
+  for (size_t i = 0; i < n_member_fields; ++i)
+    if (texts[i] && !fields_table[i].in_key) fields_table[i].read(now, *texts[i], ports, false);
+  if (!texts[apply_type_field] && before.apply_type == default_apply_type(before))
+    now.apply_type = default_apply_type(now);
+  return now;
+}
+
 member from_json(const json &object, const std::string &owner, const interfaces &ports) {
   if (!object.is_object()) throw usage_error("give an object");
   member_texts texts;
-  owner_in(texts) = owner;
+  text_in(texts, "owner") = owner;
   std::optional<std::vector<uint32_t>> words;
   for (const auto &[name, value] : object.items()) {
     try {

@@ -32,12 +32,33 @@ using member_texts = std::array<std::optional<std::string>, n_member_fields>;
 // The arguments of a command that names a member: the session by its place, options for the rest.
 std::vector<argument> member_arguments(member_texts &texts, bool key_only);
 
-// The place of the owner's field, which several commands fill in themselves.
-std::optional<std::string> &owner_in(member_texts &texts);
+// The text of a field, which commands may fill in themselves; `name` is that of the table.
+std::optional<std::string> &text_in(member_texts &texts, const std::string &name);
 
 // The member's key, for a command that needs no more. Throw as member_field::read.
 member key_from(const member_texts &texts, const interfaces &ports, bool any_number);
 member member_from(const member_texts &texts, const interfaces &ports);
+
+// The members of a session that the key fields given speak of: a source, direction or ACL that is left out may be any,
+// the owner is the tool. Throw as member_field::read; interfaces that the platform file does not have are taken.
+class member_filter {
+ public:
+  member_filter(const member_texts &texts, const interfaces &ports);
+  bool includes(const member &what) const;
+  std::string owner() const { return pattern_.key.owner; }
+  // "session 3", with what else was given.
+  std::string text(const interfaces &ports) const;
+
+ private:
+  bool given(const char *name) const;
+
+  member_texts texts_;
+  member pattern_;
+};
+
+// The member with the contents that were given in place of its own. A kind that follows from its contents follows from
+// the new ones.
+member with_contents(const member &before, const member_texts &texts, const interfaces &ports);
 
 // The member that a JSON object describes, in the form of to_json. `owner` is used where it names none. Throws
 // usage_error and refused.

@@ -4,6 +4,7 @@
 
 #include "libddm.h"
 #include "proc/lspan/ko_lspan.h"
+#include "result_text.h"
 #include "values.h"
 
 namespace lspanctl {
@@ -35,15 +36,15 @@ std::string wrong_records(const wanted_state &all, const member_outcome &outcome
   return none_there && !text.empty() ? "all derived records missing" : text;
 }
 
-// Where the daemon relays the member's result to.
-record_place relayed_result(const member &what) {
-  member_key key = what.key;
-  key.owner = ko_lspan_app_name;
-  if (what.targets_group()) key.d_ifx = result_target(key.d_ifx);
-  const UMonitor__MirrorIndex index = index_of(key);
-  record_place place{relayed_results, {}};
-  ko_store::append_packed(index.base, place.key);
-  return place;
+// An answer to a group stands under the group's bare id; one under the id that a session has is found by nobody.
+std::string no_answer(const wanted_state &all, const member &what) {
+  if (!what.targets_group()) return "no answer";
+  member tagged = what;
+  tagged.module_type = U_MONITOR__MIRROR_MODULE__USER;
+  const record_place misplaced{results, result_removal(results, tagged, forwarding_owner).key};
+  if (!all.stored.contains(misplaced)) return "no answer";
+  return "no answer, but one to " + std::to_string(what.key.d_ifx) + " that belongs to " +
+         std::to_string(result_target(what.key.d_ifx));
 }
 
 }  // namespace
@@ -56,20 +57,21 @@ member_state state_of(const wanted_state &all, const member_outcome &outcome, co
     if (!outcome.group_is_empty) return why;
     return why.empty() ? "target group empty" : why + ", target group empty";
   };
-  const record_place relayed = relayed_result(outcome.what);
+  const record_place relayed{relayed_results, result_removal(relayed_results, outcome.what, ko_lspan_app_name).key};
   const auto answer = all.stored.find(relayed);
   const bool answer_wanted = all.wanted.contains(relayed);
   if (answer == all.stored.end())
-    return {"written", with_group(answer_wanted ? "answer not relayed" : "no answer"), {}};
+    return {"written", with_group(answer_wanted ? "answer not relayed" : no_answer(all, outcome.what)), {}};
   if (!answer_wanted) return {"written", with_group("no answer, but one left over"), {}};
-  const ko_store::message_ptr message = ko_store::unpack(u_monitor__mirror_result_info__descriptor, answer->second);
+  const ko_store::message_ptr message = ko_store::unpack(*relayed_results.type, answer->second);
   const uint32_t code = reinterpret_cast<const UMonitor__MirrorResultInfo *>(message.get())->result;
-  return {"answered", with_group(code == 0 ? "" : "answered with code " + std::to_string(code)), code};
+  if (code == 0) return {"accepted", with_group(""), code};
+  return {"refused", with_group(result_text(code, outcome.what, ports)), code};
 }
 
 std::string to_text(const member_state &state) {
   if (state.reason.empty()) return state.state;
-  return state.reason.starts_with(state.state) ? state.reason : state.state + ": " + state.reason;
+  return state.state + ": " + state.reason;
 }
 
 }  // namespace lspanctl

@@ -9,7 +9,7 @@
 namespace lspanctl {
 
 struct member_state {
-  std::string state;               // configured, written, answered
+  std::string state;               // configured, written, accepted, refused
   std::string reason;              // what keeps it from the next state, or is wrong; empty: nothing
   std::optional<uint32_t> result;  // the relayed answer
 };

@@ -48,9 +48,9 @@ std::vector<decoded_record> load_records(context &ctx, store_client &store, cons
       sound.push_back(std::move(record));
       continue;
     }
-    ++ctx.unusable;
     ctx.err << "lspanctl: " << place_text(hash) << ": the record with key 0x" << ko_store::hex_digits(record.stored.key)
             << " is left out: " << to_string(why) << "; have its writer write it again, or delete it\n";
+    ctx.unusable.push_back(std::move(record.stored));
   }
   std::sort(sound.begin(), sound.end(), [](const decoded_record &a, const decoded_record &b) {
     return compare(*ko_store::key_of(*a.message), *ko_store::key_of(*b.message)) < 0;

@@ -2,6 +2,8 @@
 
 #include "errors.h"
 #include "member_fields.h"
+#include "membership.h"
+#include "values.h"
 
 namespace lspanctl {
 namespace {
@@ -14,6 +16,39 @@ member parse_entry(const json &entry, const owner_choice &whose, const interface
   return what;
 }
 
+// Calls `parse` for each element of the array `name`; what it throws gets the place in front.
+template <class Parse>
+void for_each_entry(const json &root, const std::string &file, const char *name, const Parse &parse) {
+  for (size_t i = 0; i < root[name].size(); ++i) {
+    try {
+      parse(root[name][i], i);
+    } catch (const std::runtime_error &error) {
+      throw refused(file + ": " + name + "[" + std::to_string(i) + "]: " + error.what());
+    }
+  }
+}
+
+void parse_group(const json &entry, const interfaces &ports, std::map<uint32_t, uint32_t> &groups) {
+  if (!entry.is_object() || entry.size() != 2 || !entry.contains("group") || !entry.contains("interfaces") ||
+      !entry["interfaces"].is_array())
+    throw usage_error("give an object with the keys \"group\", a number, and \"interfaces\", an array");
+  const uint32_t group = parse_number(dump(entry["group"]), "group", 1);
+  for (const json &name : entry["interfaces"]) {
+    const uint32_t ifx = parse_group_interface(ports, name.is_string() ? name.get<std::string>() : dump(name), false);
+    if (!groups.try_emplace(ifx, group).second)
+      throw usage_error("interface " + ports.text(ifx) + ": stands in a group already; an interface is in one");
+  }
+}
+
+void check_form(const json &root, const std::string &file) {
+  const bool groups = root.is_object() && root.contains("groups");
+  if (!root.is_object() || root.size() != (groups ? 2 : 1) || !root.contains("sessions") ||
+      !root["sessions"].is_array() || (groups && !root["groups"].is_array()))
+    throw refused(file +
+                  ": give an object with the key \"sessions\", an array, and, if groups are meant too, the key "
+                  "\"groups\", an array; session export shows the form");
+}
+
 }  // namespace
 
 std::vector<argument> owner_arguments(owner_choice &whose) {
@@ -21,35 +56,34 @@ std::vector<argument> owner_arguments(owner_choice &whose) {
           {"--all-owners", &whose.all, "", "Members of every owner", ""}};
 }
 
-member_map load_members_of(context &ctx, store_client &store, const owner_choice &whose, size_t &others) {
-  member_map members;
+configuration load_configuration(context &ctx, store_client &store, const owner_choice &whose) {
+  configuration all;
   for (member &what : load_members(ctx, store)) {
-    if (!whose.includes(what.key))
-      ++others;
+    if (whose.includes(what.key))
+      all.members[what.key] = std::move(what);
     else
-      members[what.key] = std::move(what);
+      all.others.push_back(std::move(what));
   }
-  return members;
+  all.groups = load_memberships(ctx, store);
+  return all;
 }
 
-member_map read_session_file(const std::string &path, const owner_choice &whose, const interfaces &ports) {
+configuration read_session_file(const std::string &path, const owner_choice &whose, const interfaces &ports) {
   const json root = read_json_file(path);
-  if (!root.is_object() || root.size() != 1 || !root.contains("sessions") || !root["sessions"].is_array())
-    throw refused(name_of_file(path) +
-                  ": give an object with the one key \"sessions\", an array; session export shows the form");
-  member_map members;
-  std::map<member_key, size_t> place;
-  for (size_t i = 0; i < root["sessions"].size(); ++i) {
-    try {
-      member what = parse_entry(root["sessions"][i], whose, ports);
-      const auto [first, fresh] = place.try_emplace(what.key, i);
-      if (!fresh) throw usage_error("is the same member as sessions[" + std::to_string(first->second) + "]");
-      members[what.key] = std::move(what);
-    } catch (const std::runtime_error &error) {
-      throw refused(name_of_file(path) + ": sessions[" + std::to_string(i) + "]: " + error.what());
-    }
-  }
-  return members;
+  const std::string file = name_of_file(path);
+  check_form(root, file);
+  configuration all;
+  std::map<member_key, size_t> places;
+  for_each_entry(root, file, "sessions", [&](const json &entry, size_t place) {
+    member what = parse_entry(entry, whose, ports);
+    const auto [first, fresh] = places.try_emplace(what.key, place);
+    if (!fresh) throw usage_error("is the same member as sessions[" + std::to_string(first->second) + "]");
+    all.members[what.key] = std::move(what);
+  });
+  if (!root.contains("groups")) return all;
+  all.groups.emplace();
+  for_each_entry(root, file, "groups", [&](const json &entry, size_t) { parse_group(entry, ports, *all.groups); });
+  return all;
 }
 
 }  // namespace lspanctl

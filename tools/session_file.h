@@ -21,12 +21,15 @@ struct owner_choice {
 };
 std::vector<argument> owner_arguments(owner_choice &whose);
 
-using member_map = std::map<member_key, member>;
+struct configuration {
+  std::map<member_key, member> members;                // of the owners chosen
+  std::vector<member> others;                          // of all others; not in a file
+  std::optional<std::map<uint32_t, uint32_t>> groups;  // the group of each interface; a file may say nothing of them
+};
 
-// The stored members of those owners; `others` counts the rest.
-member_map load_members_of(context &ctx, store_client &store, const owner_choice &whose, size_t &others);
+configuration load_configuration(context &ctx, store_client &store, const owner_choice &whose);
 
-// The members in the file `path`. Throws refused, with the place in the file.
-member_map read_session_file(const std::string &path, const owner_choice &whose, const interfaces &ports);
+// What the file `path` says. Throws refused, with the place in the file.
+configuration read_session_file(const std::string &path, const owner_choice &whose, const interfaces &ports);
 
 }  // namespace lspanctl

@@ -15,18 +15,45 @@
 namespace lspanctl {
 namespace {
 
-constexpr timeval connect_timeout{5, 0};
-constexpr timeval answer_timeout{60, 0};
-constexpr size_t changes_per_flush = 500;
+constexpr size_t transactions_per_flush = 500;
+constexpr size_t commands_per_change = 3;  // of a stored record
 
 std::string text_of(const redisReply &reply) { return {reply.str, reply.len}; }
 
-context_ptr connect(const ko_platform::store_address &address) {
-  redisContext *context = address.socket.empty()
-                              ? redisConnectWithTimeout(address.host.c_str(), address.port, connect_timeout)
-                              : redisConnectUnixWithTimeout(address.socket.c_str(), connect_timeout);
+context_ptr connect(const ko_platform::store_address &address, timeval patience) {
+  redisContext *context = address.socket.empty() ? redisConnectWithTimeout(address.host.c_str(), address.port, patience)
+                                                 : redisConnectUnixWithTimeout(address.socket.c_str(), patience);
   if (context == nullptr) throw std::bad_alloc();
   return context_ptr(context);
+}
+
+struct advice {
+  const char *error;  // how the server's text begins
+  const char *step;   // what the operator can do about it
+};
+constexpr advice all_advice[] = {
+    {"NOAUTH", "give a user and password in the platform file, best in the tool's own (lspanctl --help)"},
+    {"WRONGPASS", "correct user and password in the platform file that the tool reads (lspanctl --help)"},
+    {"NOPERM", "log in as a user who may, or have it allowed by ACL SETUSER at the server"},
+    {"WRONGTYPE", "something else has that name there; look at it with redis-cli and take it away"},
+    {"OOM", "give the server more memory, or empty it of what is not needed"},
+    {"LOADING", "the server is still reading its file; try again in a moment"},
+    {"MISCONF", "the server cannot save; see its log"},
+    {"READONLY", "this is a replica; name the server that it follows"},
+};
+
+// The server's text, and what to do.
+std::string with_advice(const std::string &error) {
+  for (const advice &each : all_advice)
+    if (error.starts_with(each.error)) return error.substr(0, error.find_last_not_of('.') + 1) + "; " + each.step;
+  return error;
+}
+
+std::string unreachable_advice(int error) {
+  if (error == EACCES) return "become a member of the socket's group, or root";
+  if (error == ETIMEDOUT || error == EAGAIN || error == EINPROGRESS)
+    return "see that it is not stopped, or name another with --store";
+  return "start it, or name another with --store";
 }
 
 // Time left for poll: negative for ever.
@@ -38,12 +65,16 @@ int milliseconds_to(const std::optional<std::chrono::steady_clock::time_point> &
 
 }  // namespace
 
-store_client::store_client(const ko_platform::store_address &address)
-    : where_(ko_platform::to_string(address)), context_(connect(address)) {
-  if (context_->err != 0)
-    throw store_error("cannot reach the store at " + where_ + ": " + context_->errstr +
-                      "; start it, or name another with --store");
-  redisSetTimeout(context_.get(), answer_timeout);
+store_client::store_client(const ko_platform::store_address &address, std::chrono::seconds patience)
+    : where_(ko_platform::to_string(address)),
+      user_(address.user),
+      patience_(patience),
+      context_(connect(address, {patience.count(), 0})) {
+  if (context_->err != 0) {
+    const int why = errno;
+    throw store_error("cannot reach the store at " + where_ + ": " + context_->errstr + "; " + unreachable_advice(why));
+  }
+  redisSetTimeout(context_.get(), {patience.count(), 0});
   if (address.password.empty()) return;
   if (address.user.empty())
     call({"AUTH", address.password});
@@ -53,9 +84,10 @@ store_client::store_client(const ko_platform::store_address &address)
 
 void store_client::fail_connection() const {
   const bool late = context_->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
-  const std::string why =
-      late ? "no answer for " + std::to_string(answer_timeout.tv_sec) + " seconds" : context_->errstr;
-  throw store_error("the store at " + where_ + " is gone: " + why + "; see that it runs and try again");
+  if (late)
+    throw store_error("the store at " + where_ + " gives no answer within " + std::to_string(patience_.count()) +
+                      " s; see that it is not stopped, or give it longer with --timeout");
+  throw store_error("the store at " + where_ + " is gone: " + context_->errstr + "; see that it runs and try again");
 }
 
 void store_client::append(std::span<const std::string_view> words) {
@@ -84,8 +116,10 @@ reply_ptr store_client::call(std::initializer_list<std::string_view> words) {
   return reply;
 }
 
+std::string store_client::who() const { return user_.empty() ? "" : " to user " + user_; }
+
 void store_client::refuse(const std::string &what, const redisReply &error) const {
-  throw store_error("the store at " + where_ + " refuses " + what + ": " + text_of(error));
+  throw store_error("the store at " + where_ + " refuses " + what + who() + ": " + with_advice(text_of(error)));
 }
 
 void store_client::select(uint32_t db) {
@@ -111,74 +145,81 @@ std::optional<std::string> store_client::read(const ko_store::hash_id &hash, std
   return text_of(*reply);
 }
 
-// Returns how many replies will come. The database is selected. The first transaction waits for its MULTI: where that
-// is refused, each command behind it would be carried out by itself.
-size_t store_client::append_change(const ko_store::change &what) {
-  const std::string hash = what.hash.type->name;
-  const std::string channel = ko_store::channel_name(what.hash.db, hash);
-  std::string announcement;
-  ko_store::append_announcement(what, announcement);
+// Returns how many replies will come. The first transaction waits for its MULTI: where that is refused, each command
+// behind it would be carried out by itself. Each selects its database, as the one before may have been refused.
+size_t store_client::append_transaction(const transaction &all) {
   const auto add = [this](std::initializer_list<std::string_view> words) { append(words); };
-
   const bool first = !std::exchange(transactions_, true);
   if (first)
     call({"MULTI"});
   else
     add({"MULTI"});
-  if (what.kind == ko_store::change_kind::set) add({"HSET", hash, what.key, what.record});
-  if (what.kind == ko_store::change_kind::del) add({"HDEL", hash, what.key});
-  add({"PUBLISH", channel, announcement});
-  add({"EXEC"});
-  return (what.kind == ko_store::change_kind::publish ? 3 : 4) - (first ? 1 : 0);
-}
-
-// Whether a record was there before the change. Every reply is taken before a refusal is thrown.
-bool store_client::take_change(const ko_store::change &what, size_t replies) {
-  std::string refusal;
-  const auto note = [&refusal](const redisReply &reply) {
-    if (reply.type == REDIS_REPLY_ERROR && refusal.empty()) refusal = text_of(reply);
-  };
-  reply_ptr last;
-  for (; replies > 0; --replies) {
-    last = take();
-    note(*last);
+  for (const ko_store::owned_change &what : all) {
+    const std::string hash = what.hash.type->name;
+    std::string announcement;
+    ko_store::append_announcement(what, announcement);
+    add({"SELECT", std::to_string(what.hash.db)});
+    if (what.kind == ko_store::change_kind::set) add({"HSET", hash, what.key, what.record});
+    if (what.kind == ko_store::change_kind::del) add({"HDEL", hash, what.key});
+    add({"PUBLISH", ko_store::channel_name(what.hash.db, hash), announcement});
   }
-  for (size_t i = 0; last->type == REDIS_REPLY_ARRAY && i < last->elements; ++i) note(*last->element[i]);
-  if (refusal.empty() && (last->type != REDIS_REPLY_ARRAY || last->elements == 0))
-    refusal = "the transaction was dropped";
-  if (!refusal.empty())
-    throw store_error("the store at " + where_ + " refuses the write to " +
-                      ko_store::channel_name(what.hash.db, what.hash.type->name) + ": " + refusal);
-  return last->element[0]->integer == 0;
+  add({"EXEC"});
+  selected_.reset();
+  return commands_per_change * all.size() + (first ? 1 : 2);
 }
 
-bool store_client::write(const ko_store::change &what) {
-  select(what.hash.db);
-  const bool none_added = take_change(what, append_change(what));
-  return what.kind == ko_store::change_kind::del ? !none_added : none_added;
-}
-
-void store_client::write_all(std::span<const ko_store::owned_change> changes, const progress_call &progress) {
-  if (!changes.empty()) select(changes.front().hash.db);
-  size_t made = 0;
+// For each change whether a record was there before. Every reply is taken before a refusal is thrown.
+std::vector<bool> store_client::take_transaction(const transaction &all, size_t replies) {
+  const size_t queued = commands_per_change * all.size();
   std::string refusal;
-  for (size_t first = 0; first < changes.size() && refusal.empty(); first += changes_per_flush) {
+  const auto note = [&](const redisReply &reply, size_t command) {
+    if (reply.type != REDIS_REPLY_ERROR || !refusal.empty()) return;
+    const ko_store::hash_id &hash = all[std::min(command, queued - 1) / commands_per_change].hash;
+    refusal =
+        "the write to " + ko_store::channel_name(hash.db, hash.type->name) + who() + ": " + with_advice(text_of(reply));
+  };
+  for (; replies > queued + 1; --replies) note(*take(), 0);
+  for (size_t i = 0; i < queued; ++i) note(*take(), i);
+  const reply_ptr done = take();
+  note(*done, queued);
+  for (size_t i = 0; done->type == REDIS_REPLY_ARRAY && i < done->elements; ++i) note(*done->element[i], i);
+  if (refusal.empty() && (done->type != REDIS_REPLY_ARRAY || done->elements != queued))
+    refusal = "a write: the transaction was dropped";
+  if (!refusal.empty()) throw store_error("the store at " + where_ + " refuses " + refusal);
+  std::vector<bool> was_there;
+  for (size_t i = 0; i < all.size(); ++i) {
+    const bool none = done->element[i * commands_per_change + 1]->integer == 0;
+    was_there.push_back(all[i].kind == ko_store::change_kind::set ? none : !none);
+  }
+  return was_there;
+}
+
+bool store_client::write(const ko_store::owned_change &what) {
+  const transaction one{what};
+  return take_transaction(one, append_transaction(one)).front();
+}
+
+void store_client::write_all(std::span<const transaction> all, const std::function<void(size_t)> &made) {
+  size_t n_made = 0;
+  std::string refusal;
+  for (size_t first = 0; first < all.size() && refusal.empty(); first += transactions_per_flush) {
     std::vector<size_t> replies;
-    for (const ko_store::owned_change &what : changes.subspan(first, std::min(changes_per_flush, changes.size() - first)))
-      replies.push_back(append_change(what));
+    for (const transaction &each : all.subspan(first, std::min(transactions_per_flush, all.size() - first)))
+      replies.push_back(append_transaction(each));
     for (size_t i = 0; i < replies.size() && context_->err == 0; ++i) {
       try {
-        take_change(changes[first + i], replies[i]);
-        ++made;
+        take_transaction(all[first + i], replies[i]);
+        made(first + i);
+        ++n_made;
       } catch (const store_error &error) {
         if (refusal.empty()) refusal = error.what();
       }
     }
-    progress(made);
   }
-  if (!refusal.empty())
-    throw store_error(refusal + " (" + std::to_string(made) + " of " + std::to_string(changes.size()) +
-                      " changes are known to be made; run it again for the rest)");
+  if (refusal.empty()) return;
+  if (all.size() == 1) throw store_error(refusal);
+  throw store_error(refusal + " (" + std::to_string(n_made) + " of " + std::to_string(all.size()) +
+                    " changes are known to be made; run it again for the rest)");
 }
 
 void store_client::subscribe(const std::string &channel) {

@@ -35,24 +35,24 @@ struct reply_deleter {
 using context_ptr = std::unique_ptr<redisContext, context_deleter>;
 using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
 
-// Called after each batch of many writes with how many are done.
-using progress_call = std::function<void(size_t done)>;
+// Changes, in any databases, that are made together or not at all; never none.
+using transaction = std::vector<ko_store::owned_change>;
 
 class store_client {
  public:
-  // Connects and logs in. Throws store_error, as does every call.
-  explicit store_client(const ko_platform::store_address &address);
+  // Connects and logs in. No answer within `patience` is an error. Throws store_error, as does every call.
+  store_client(const ko_platform::store_address &address, std::chrono::seconds patience);
 
   // Every record of the hash, as sets in no order.
   std::vector<ko_store::owned_change> read_all(const ko_store::hash_id &hash);
   // The packed record with that key, or nothing.
   std::optional<std::string> read(const ko_store::hash_id &hash, std::string_view key);
 
-  // Writes and announces one change. Returns whether a record with that key was there before.
-  bool write(const ko_store::change &what);
-  // Writes many to one database, in their order, a transaction each. What was written stays when another is refused;
-  // the error then says how many were.
-  void write_all(std::span<const ko_store::owned_change> changes, const progress_call &progress);
+  // Makes and announces one change. Returns whether a record with that key was there before.
+  bool write(const ko_store::owned_change &what);
+  // Makes and announces many, in their order; `made` is called for each with its place. What was made stays when
+  // another is refused; the error then says how many were.
+  void write_all(std::span<const transaction> all, const std::function<void(size_t)> &made);
 
   // From now on the connection only hands out announcements, of every channel that was subscribed to. What is
   // announced before the last one is may get lost.
@@ -70,12 +70,15 @@ class store_client {
   reply_ptr take();
   reply_ptr call(std::initializer_list<std::string_view> words);
   void select(uint32_t db);
-  size_t append_change(const ko_store::change &what);
-  bool take_change(const ko_store::change &what, size_t replies);
+  size_t append_transaction(const transaction &all);
+  std::vector<bool> take_transaction(const transaction &all, size_t replies);
+  std::string who() const;
   [[noreturn]] void refuse(const std::string &what, const redisReply &error) const;
   [[noreturn]] void fail_connection() const;
 
   std::string where_;
+  std::string user_;  // that is logged in
+  std::chrono::seconds patience_;
   context_ptr context_;
   std::optional<uint32_t> selected_;
   bool transactions_ = false;  // the server is known to take MULTI

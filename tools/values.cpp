@@ -95,7 +95,7 @@ uint32_t result_target(uint32_t d_ifx) { return ko_span_is_group_ifx(d_ifx) ? ko
 
 std::vector<uint32_t> parse_vlans(std::string_view text) {
   std::vector<uint32_t> words;
-  if (text.empty()) return words;
+  if (text.empty() || text == "none") return words;
   for (size_t start = 0; start <= text.size();) {
     const size_t end = std::min(text.find(',', start), text.size());
     const std::string_view item = text.substr(start, end - start);

@@ -35,7 +35,7 @@ uint32_t group_id_of(uint32_t d_ifx);
 uint32_t result_target(uint32_t d_ifx);
 
 // "10,20-29" as a bit map: VLAN n is bit n % 32, counted from the least significant, of word n / 32. VLANs are 1 to
-// 4094; "" is none.
+// 4094; "" and "none" are none.
 std::vector<uint32_t> parse_vlans(std::string_view text);
 
 // The other way; "" for none. Every bit is named, also those that are no VLAN.

@@ -1,7 +1,9 @@
 // lspanctl check: every record that is not as the configuration asks for.
+#include <algorithm>
 #include <array>
 
 #include "commands.h"
+#include "exit_status.h"
 #include "record_json.h"
 #include "record_line.h"
 #include "wanted.h"
@@ -14,40 +16,57 @@ ko_store::message_ptr unpack_at(const record_set &records, const record_place &p
   return found == records.end() ? nullptr : ko_store::unpack(*place.hash.type, found->second);
 }
 
-void print_finding(context &ctx, const wanted_state &state, const record_place &place, finding what) {
+// In JSON a word is one word.
+std::string json_key(finding what) {
+  std::string word = to_text(what);
+  std::replace(word.begin(), word.end(), ' ', '_');
+  return word;
+}
+
+struct report {
+  std::string lines;
+  json findings = json::array();
+  std::array<size_t, n_findings> counts{};
+};
+
+void add_finding(const wanted_state &state, const record_place &place, finding what, report &to) {
   const ko_store::message_ptr wanted = unpack_at(state.wanted, place);
   const ko_store::message_ptr stored = unpack_at(state.stored, place);
-  std::string text = column(to_text(what), 9) + column(db_name(place.hash.db), 7) +
-                     column(std::string(short_name(*place.hash.type)), 18) +
-                     to_line(wanted == nullptr ? *stored : *wanted);
-  if (what == finding::different) text += " (stored -> wanted: " + difference(*stored, *wanted) + ")";
-  ctx.line(text, {{"finding", to_text(what)},
-                  {"db", place.hash.db},
-                  {"message", place.hash.type->name},
-                  {"wanted", wanted == nullptr ? json() : to_json(*wanted)},
-                  {"stored", stored == nullptr ? json() : to_json(*stored)}});
+  to.lines += column(to_text(what), 9) + column(db_name(place.hash.db), 7) +
+              column(std::string(short_name(*place.hash.type)), 18) + to_line(wanted == nullptr ? *stored : *wanted);
+  if (what == finding::different) to.lines += " (stored -> wanted: " + difference(*stored, *wanted) + ")";
+  to.lines += '\n';
+  to.findings.push_back({{"finding", json_key(what)},
+                         {"db", place.hash.db},
+                         {"message", place.hash.type->name},
+                         {"wanted", wanted == nullptr ? json() : to_json(*wanted)},
+                         {"stored", stored == nullptr ? json() : to_json(*stored)}});
+}
+
+report compare_all(const wanted_state &state) {
+  report all;
+  record_set places = state.wanted;
+  places.insert(state.stored.begin(), state.stored.end());
+  for (const auto &[place, record] : places) {
+    const finding what = compare(state, place);
+    ++all.counts[static_cast<size_t>(what)];
+    if (what != finding::right) add_finding(state, place, what, all);
+  }
+  return all;
 }
 
 int check(context &ctx, const no_options &) {
-  const wanted_state state = load_wanted(ctx);
-  std::array<size_t, n_findings> counts{};
-  record_set all = state.wanted;
-  all.insert(state.stored.begin(), state.stored.end());
-  for (const auto &[place, record] : all) {
-    const finding what = compare(state, place);
-    ++counts[static_cast<size_t>(what)];
-    if (what != finding::right) print_finding(ctx, state, place, what);
-  }
-  const size_t wrong = all.size() - counts[0];
-  std::string text = wrong == 0 ? "all is right: " : "";
-  json summary = json::object();
+  const report found = compare_all(load_wanted(ctx));
+  std::string text = found.lines + (found.findings.empty() ? "all is right: " : "");
+  json value = json::object();
   for (size_t i = 0; i < n_findings; ++i) {
-    const char *word = to_text(static_cast<finding>(i));
-    text += (i == 0 ? "" : ", ") + std::to_string(counts[i]) + " " + word;
-    summary[word] = counts[i];
+    const auto what = static_cast<finding>(i);
+    text += (i == 0 ? "" : ", ") + std::to_string(found.counts[i]) + " " + to_text(what);
+    value[json_key(what)] = found.counts[i];
   }
-  ctx.line(text, summary);
-  return wrong == 0 ? 0 : 1;
+  value["findings"] = found.findings;
+  ctx.line(text, value);
+  return found.findings.empty() ? exit_done : exit_refused;
 }
 
 }  // namespace

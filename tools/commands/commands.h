@@ -9,6 +9,7 @@
 namespace lspanctl {
 
 void add_session_add(command &session, context &ctx);
+void add_session_set(command &session, context &ctx);
 void add_session_del(command &session, context &ctx);
 void add_session_show(command &session, context &ctx);
 void add_session_export(command &session, context &ctx);

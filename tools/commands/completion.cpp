@@ -175,11 +175,9 @@ offers offered(context &ctx, const command &root, const std::vector<std::string>
   offers out;
   if (at.awaited != nullptr) {
     offer_values(ctx, *at.awaited, out);
-  } else if (started.starts_with('-')) {
-    offer_options(at, out);
-  } else if (!at.asked().subcommands.empty()) {
+  } else if (!started.starts_with('-') && !at.asked().subcommands.empty()) {
     for (const command &sub : at.asked().subcommands) out.insert(sub.name);
-  } else if (const argument *arg = next_placed(at)) {
+  } else if (const argument *arg = next_placed(at); !started.starts_with('-') && arg != nullptr) {
     offer_values(ctx, *arg, out);
   } else {
     offer_options(at, out);

@@ -48,7 +48,8 @@ int show(context &ctx, const show_options &options) {
     for (const uint32_t ifx : state.interfaces) entry["interfaces"].push_back(name(ifx));
     list.push_back(entry);
   }
-  ctx.list(rows, list, "no groups");
+  ctx.list(rows, list,
+           only == 0 ? "no groups" : "group " + std::to_string(only) + " has no interfaces, and no session targets it");
   return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "commands.h"
+#include "errors.h"
 #include "record_filter.h"
 #include "record_json.h"
 #include "record_line.h"
@@ -53,12 +54,14 @@ void print_kind(std::ostream &out, const record_kind &kind, const std::vector<de
 }
 
 int show_records(context &ctx, const record_filter &filter) {
-  const std::vector<const record_kind *> kinds = wanted_kinds(filter);
+  std::vector<const record_kind *> kinds = wanted_kinds(filter);
+  const std::string first = kinds.front()->hash.type->name;
+  std::erase_if(kinds, [](const record_kind *kind) { return !kind->stored; });
+  if (kinds.empty()) throw usage_error(first + " is announced and never stored; lspanctl watch shows it");
   store_client store = ctx.connect();
   bool any = false;
   json list = json::array();
   for (const record_kind *kind : kinds) {
-    if (!kind->stored) continue;
     const std::vector<decoded_record> records = load_records(ctx, store, kind->hash);
     any = any || !records.empty();
     if (!ctx.json_output && !records.empty()) print_kind(ctx.out, *kind, records);

@@ -29,7 +29,7 @@ void note_unknown_member(context &ctx, store_client &store, member_key key) {
 int write_result(context &ctx, const result_options &options) {
   const interfaces ports = ctx.ports();
   member_texts texts = options.texts;
-  if (!owner_in(texts)) owner_in(texts) = "du_span";
+  if (!text_in(texts, "owner")) text_in(texts, "owner") = forwarding_owner;
   const member what = key_from(texts, ports, true);
   UMonitor__MirrorIndex index = index_of(what.key);
   if (what.targets_group()) index.d_ifx = result_target(what.key.d_ifx);

@@ -1,4 +1,4 @@
-// lspanctl session export: all members as a file.
+// lspanctl session export: the configuration as a file.
 #include <ostream>
 
 #include "commands.h"
@@ -8,27 +8,45 @@
 namespace lspanctl {
 namespace {
 
-int export_members(context &ctx, const owner_choice &whose) {
-  const interfaces ports = ctx.ports();
-  store_client store = ctx.connect();
-  size_t others = 0;
-  const member_map members = load_members_of(ctx, store, whose, others);
-  // A line for each member, so that versions of the file can be compared.
-  ctx.out << "{\n  \"sessions\": [";
+// A line for each entry, so that versions of the file can be compared.
+void print_array(std::ostream &out, const char *name, const std::vector<json> &entries) {
+  out << "  \"" << name << "\": [";
   const char *gap = "\n    ";
-  for (const auto &[key, what] : members) {
-    ctx.out << gap << dump(to_json(what, ports));
+  for (const json &entry : entries) {
+    out << gap << dump(entry);
     gap = ",\n    ";
   }
-  ctx.out << (members.empty() ? "]\n}\n" : "\n  ]\n}\n");
+  out << (entries.empty() ? "]" : "\n  ]");
+}
+
+std::vector<json> group_entries(const std::map<uint32_t, uint32_t> &groups, const interfaces &ports) {
+  std::map<uint32_t, json> lists;
+  for (const auto &[ifx, group] : groups)
+    lists.try_emplace(group, json::array()).first->second.push_back(ports.text(ifx));
+  std::vector<json> entries;
+  for (const auto &[group, list] : lists) entries.push_back({{"group", group}, {"interfaces", list}});
+  return entries;
+}
+
+int export_configuration(context &ctx, const owner_choice &whose) {
+  const interfaces ports = ctx.ports();
+  store_client store = ctx.connect();
+  const configuration all = load_configuration(ctx, store, whose);
+  std::vector<json> sessions;
+  for (const auto &[key, what] : all.members) sessions.push_back(to_json(what, ports));
+  ctx.out << "{\n";
+  print_array(ctx.out, "groups", group_entries(*all.groups, ports));
+  ctx.out << ",\n";
+  print_array(ctx.out, "sessions", sessions);
+  ctx.out << "\n}\n";
   return 0;
 }
 
 }  // namespace
 
 void add_session_export(command &session, context &ctx) {
-  add_command(session, ctx, "export", "Write all members as a file for session apply",
-              "  lspanctl session export > sessions.json", export_members, owner_arguments);
+  add_command(session, ctx, "export", "Write members and groups as a file for session apply",
+              "  lspanctl session export > sessions.json", export_configuration, owner_arguments);
 }
 
 }  // namespace lspanctl

@@ -2,6 +2,7 @@
 #include "commands.h"
 #include "member_fields.h"
 #include "member_state.h"
+#include "record_json.h"
 #include "values.h"
 
 namespace lspanctl {
@@ -33,11 +34,20 @@ json entry_of(const member &what, const member_state &state, const interfaces &p
   return entry;
 }
 
+// Whether a record that cannot be used is, as far as its key tells, a member of the session.
+bool is_of_session(const ko_store::owned_change &record, uint32_t session) {
+  if (record.hash != session_members) return false;
+  const ko_store::message_ptr message = record_of_key(*record.hash.type, record.key);
+  const auto *what = reinterpret_cast<const UMonitor__MirrorLspanInfo *>(message.get());
+  return what != nullptr && what->index->session_num == session;
+}
+
 int show_members(context &ctx, const show_options &options) {
   const interfaces ports = ctx.ports();
   const bool all = !options.session;
   const uint32_t only = all ? 0 : parse_number(*options.session, "session");
   const wanted_state state = load_wanted(ctx);
+  if (!all) std::erase_if(ctx.unusable, [only](const auto &record) { return !is_of_session(record, only); });
   json list = json::array();
   table rows(
       {"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "VLANS", "RATE", "LEARNING", "TYPE", "OWNER", "STATE"});

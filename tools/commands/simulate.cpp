@@ -30,7 +30,7 @@ change_kind parse_kind(const json &event) {
   const json &word = event["change"];
   for (const char *set : {"set", "added", "changed", "same"})
     if (word == set) return change_kind::set;
-  for (const char *del : {"del", "deleted"})
+  for (const char *del : {"del", "deleted", "absent"})
     if (word == del) return change_kind::del;
   throw refused("change: give \"set\" or \"del\"");
 }
@@ -51,13 +51,14 @@ const record_kind *parse_place(const json &event) {
 scripted_event parse_event(const json &event, const interfaces &ports) {
   if (!event.is_object()) throw refused("give an object");
   for (const auto &[name, value] : event.items())
-    if (name != "change" && name != "message" && name != "db" && name != "record" && name != "time")
+    if (name != "change" && name != "message" && name != "db" && name != "record" && name != "key" && name != "time")
       throw refused(printable(name) + ": give change, message, db and record");
-  if (!event.contains("record")) throw refused("record: give one");
+  if (!event.contains("record") && !event.contains("key")) throw refused("record: give one");
+  const json record = event.contains("record") ? event["record"] : json{{"index", event["key"]}};
   scripted_event parsed{parse_kind(event), parse_place(event), nullptr};
   const auto lookup = [&ports](const std::string &text) { return ports.parse(text, true); };
   try {
-    parsed.message = from_json(*parsed.record->hash.type, event["record"], lookup);
+    parsed.message = from_json(*parsed.record->hash.type, record, lookup);
   } catch (const refused &error) {
     throw refused("record: " + std::string(error.what()));
   }

@@ -25,8 +25,8 @@ struct watch_options {
 
 // One line of the output.
 struct event {
-  const char *change;               // added, changed, same, deleted, request, unreadable
-  const ProtobufCMessage *message;  // null when unreadable; of what was deleted and is not known, the key alone
+  const char *change;               // added, changed, same, deleted, absent, request, unreadable
+  const ProtobufCMessage *message;  // null when unreadable; of what was absent, the key alone
   std::string text;
 };
 
@@ -70,10 +70,13 @@ class watcher {
     if (announced.kind == change_kind::del && known) copy.erase(held);
   }
 
+  // The daemon also deletes what is not there.
   void print_unknown_delete(const record_kind &kind, std::string_view key) {
     const ko_store::message_ptr message = record_of_key(*kind.hash.type, key);
-    const std::string text = message == nullptr ? "key 0x" + ko_store::hex_digits(key) : to_line(*message);
-    print(kind, {"deleted", message.get(), text + ", not seen before"});
+    if (message == nullptr)
+      print(kind, {"unreadable", nullptr, "key 0x" + ko_store::hex_digits(key) + " of what is deleted"});
+    else
+      print(kind, {"absent", message.get(), key_line(*message) + ": deleted, and was not there"});
   }
 
   void print_change(const record_kind &kind, const ko_store::change &announced, std::optional<std::string_view> held) {
@@ -96,7 +99,9 @@ class watcher {
   void print(const record_kind &kind, const event &what) {
     json value = {
         {"time", now_text(true)}, {"db", kind.hash.db}, {"message", kind.hash.type->name}, {"change", what.change}};
-    if (what.message != nullptr)
+    if (what.message != nullptr && what.change == std::string_view("absent"))
+      value["key"] = to_json(*ko_store::key_of(*what.message));
+    else if (what.message != nullptr)
       value["record"] = to_json(*what.message);
     else
       value["text"] = what.text;

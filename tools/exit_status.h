@@ -1,0 +1,12 @@
+// What the program's exit status says.
+#pragma once
+
+namespace lspanctl {
+
+inline constexpr int exit_done = 0;
+inline constexpr int exit_refused = 1;       // or a check found a difference; the reason is on standard error
+inline constexpr int exit_wrong_use = 2;     // the reason is on standard error
+inline constexpr int exit_would_change = 3;  // a dry run found something to do
+inline constexpr int exit_timed_out = 4;     // what was waited for did not come in time
+
+}  // namespace lspanctl

@@ -1,0 +1,48 @@
+// Members that the daemon would not act on as they say: why, and what to do instead.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "context.h"
+#include "member.h"
+
+namespace lspanctl {
+
+// Looks at a whole configuration as it is going to be. Borrows all that it is given.
+class objections {
+ public:
+  // `groups`: the group of each interface that is in one.
+  objections(const std::vector<member> &members, const std::map<uint32_t, uint32_t> &groups, const interfaces &ports);
+
+  // What speaks against the member `what` of the configuration, as a sentence; empty: nothing.
+  std::string to(const member &what) const;
+
+  // What speaks against it because its copies would come back to it; a part of the former.
+  std::string to_path_of(const member &what) const;
+
+ private:
+  using source_key = std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>;  // session, interface, direction, ACL
+
+  std::string to_contents(const member &what) const;
+  std::string to_neighbours(const member &what) const;
+  std::vector<uint32_t> targets_of(const member &what) const;
+  const member *way_back(uint32_t from, uint32_t to, std::set<uint32_t> &seen) const;
+
+  const interfaces &ports_;
+  std::map<uint32_t, std::vector<uint32_t>> groups_;            // interfaces of each group
+  std::map<uint32_t, std::vector<const member *>> of_session_;  // by session
+  std::map<source_key, std::vector<const member *>> of_source_;
+  std::map<uint32_t, std::vector<const member *>> copying_sent_;  // what mirrors the frames that an interface sends
+};
+
+// Throws refused when something speaks against one of `changed`, which come to the `stored` members or in the place of
+// those with their keys.
+void refuse_objectionable(context &ctx, store_client &store, std::vector<member> stored,
+                          const std::vector<member> &changed);
+
+}  // namespace lspanctl
