@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "forward_log.h"
+#include "ko_platform/requests.h"
 #include "p_policy.pb-c.h"
 #include "u_bridge.pb-c.h"
 #include "u_monitor.pb-c.h"
@@ -83,6 +84,7 @@ bool agent::start() {
     FORWARD_ERROR("the store cannot be set up");
     return false;
   }
+  ko_platform::register_request(global_, "counters", [this] { return counters_json(); });
   return event_add(news_.get(), nullptr) == 0;
 }
 
@@ -204,6 +206,7 @@ void agent::tell(const wanted_member &member) {
 }
 
 std::string agent::counters_json() {
+  if (is_due_) reconcile();  // what came before the request
   nlohmann::json members = nlohmann::json::array();
   for (const auto &[key, copied] : reconciler_.count())
     members.push_back({{"session", key.session},
