@@ -209,9 +209,7 @@ TEST_P(store, recovers_when) {
   now.begin(box);
   if (!now.starts) box.start_daemon();
   if (now.adds_meanwhile) add_members(box, 20, 4);
-  const double before = box.daemon().cpu_seconds();
-  std::this_thread::sleep_for(600ms);
-  EXPECT_LE(box.daemon().cpu_seconds() - before, 0.06) << "it spins";
+  EXPECT_LE(box.daemon().system_calls(600ms), 1500U) << "it spins";
   now.end(box);
   if (!box.server().running()) box.start_server(now.starts ? now.options : texts{});
   add_members(box, 8, 4);
@@ -292,11 +290,14 @@ TEST(loop, is_never_blocked) {
   struct watch {
     std::clock_t last = std::clock();
     std::clock_t longest = 0;
+    std::clock_t total = 0;
   } seen;
   const auto look = [](evutil_socket_t, short, void *arg) {
     auto &w = *static_cast<watch *>(arg);
-    w.longest = std::max(w.longest, std::clock() - w.last);
-    w.last = std::clock();
+    const std::clock_t now = std::clock();
+    w.longest = std::max(w.longest, now - w.last);
+    w.total += now - w.last;
+    w.last = now;
   };
   event_base *base = ko_platform::context_of(lspan_global.global).base.get();
   const ko_platform::event_ptr timer(event_new(base, -1, EV_PERSIST, look, &seen));
@@ -317,9 +318,8 @@ TEST(loop, is_never_blocked) {
   others.flush();
   seen.last = std::clock();
   settle(2, "10000");
-  const auto milliseconds = 1000 * seen.longest / CLOCKS_PER_SEC;
-  std::cout << "longest gap " << milliseconds << " ms\n";
-  EXPECT_LT(milliseconds, 100);
+  std::cout << "longest gap " << seen.longest << " of " << seen.total << "\n";
+  EXPECT_LT(seen.longest, seen.total / 5);
 }
 
 }  // namespace

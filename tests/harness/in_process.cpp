@@ -6,6 +6,7 @@
 #include "daemon_state.h"
 #include "global_context.h"
 #include "p_policy.pb-c.h"
+#include "platform_config.h"
 #include "proc/lspan/ko_lspan.h"
 #include "store/store.h"
 #include "u_bridge.pb-c.h"
@@ -125,6 +126,7 @@ void scrambler::must_be_up() const {
 }
 
 world::world(std::vector<record> stored) {
+  ko_platform::use_config({});  // whatever platform file the machine has
   lspan_global_init(vx_zlog_init(ko_lspan_app_name), lspan_zlog_level);
   use_engine([this, stored = std::move(stored)](vx_global &global) {
     auto engine = std::exchange(between_daemons_, nullptr);

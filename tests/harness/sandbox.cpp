@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -225,14 +226,27 @@ bool process::running() const {
          info.si_pid == 0;
 }
 
-double process::cpu_seconds() const {
-  const std::string text = read_file("/proc/" + std::to_string(pid_) + "/stat");
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string skipped;
-  for (int i = 3; i < 14; ++i) fields >> skipped;
-  double user = 0, system = 0;
-  fields >> user >> system;
-  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+size_t process::system_calls(std::chrono::milliseconds span) const {
+  size_t stops = 0;
+  int status = 0;
+  if (ptrace(PTRACE_SEIZE, pid_, nullptr, PTRACE_O_TRACESYSGOOD) != 0) return std::this_thread::sleep_for(span), 0;
+  ptrace(PTRACE_INTERRUPT, pid_, nullptr, nullptr);
+  for (const auto end = std::chrono::steady_clock::now() + span; std::chrono::steady_clock::now() < end;) {
+    if (waitpid(pid_, &status, WNOHANG) != pid_) {
+      std::this_thread::sleep_for(20us);
+      continue;
+    }
+    if (!WIFSTOPPED(status)) throw std::runtime_error("the process has ended");
+    const bool halted = status >> 16 == PTRACE_EVENT_STOP && WSTOPSIG(status) != SIGTRAP;  // by SIGSTOP
+    const bool is_call = WSTOPSIG(status) == (SIGTRAP | 0x80);
+    const int to_deliver = status >> 16 != 0 || is_call ? 0 : WSTOPSIG(status);
+    stops += is_call ? 1 : 0;
+    ptrace(halted ? PTRACE_LISTEN : PTRACE_SYSCALL, pid_, nullptr, to_deliver);
+  }
+  ptrace(PTRACE_INTERRUPT, pid_, nullptr, nullptr);
+  waitpid(pid_, &status, 0);
+  ptrace(PTRACE_DETACH, pid_, nullptr, nullptr);
+  return stops / 2;
 }
 
 size_t process::descriptors() const {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
 #include <string>
@@ -39,10 +40,12 @@ class process {
   void start(const std::vector<std::string> &arguments, const std::string &output = {},
              const std::function<void()> &prepare = {});
   void signal(int number) const;
-  int wait();                  // exit status; 256 + the signal's number for a killed process
-  void stop();                 // stop_signal, and waits; nothing when it does not run
-  bool running() const;        // the process has not ended
-  double cpu_seconds() const;  // used so far
+  int wait();            // exit status; 256 + the signal's number for a killed process
+  void stop();           // stop_signal, and waits; nothing when it does not run
+  bool running() const;  // the process has not ended
+  // That it makes in `span`: a loop that turns without waiting makes thousands, on however slow a machine.
+  // 0 where processes cannot be traced, as under an emulator.
+  size_t system_calls(std::chrono::milliseconds span) const;
   size_t descriptors() const;  // that it has open
   pid_t pid() const { return pid_; }
 
