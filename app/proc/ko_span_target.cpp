@@ -56,13 +56,28 @@ uint64_t number_sessions(const mirror_link *mtp_list) {
 // have been added behind it.
 uint64_t place_of(const mirror_link *mtp_list) {
   mirror_link *last = lspan_global.session_list.prev;
+  if (last == nullptr) return 0;
   const bool is_last = last != &lspan_global.session_list && &ko_list_entry<mirror_info>(last)->mtp_list == mtp_list;
   return is_last ? ++last_place : number_sessions(mtp_list);
+}
+
+// A session list that lspan_global_init made empty, not the end of its sessions, has left its records behind: they are
+// removed when the list is next looked at, while it has one session at most.
+void remove_left_over() {
+  mirror_link *sessions = &lspan_global.session_list;
+  if (sessions->next != sessions->prev) return;
+  const bool is_empty = sessions->next == nullptr || sessions->next == sessions;
+  const mirror_link *targets = is_empty ? nullptr : &ko_list_entry<mirror_info>(sessions->next)->mtp_list;
+  const target_record *only = is_empty ? nullptr : find_record(ko_list_entry<mtp_info>(targets->next));
+  for (auto at = by_target.begin(); at != by_target.end();)
+    if (const target_record *record = *at++; record != only) ko_span_target_remove(record->entry);
 }
 
 }  // namespace
 
 int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target) {
+  ko_span_target_remove(target);  // left over from an entry that had this address
+  remove_left_over();
   try {
     target_record *record = &records.emplace(target, target_record{target, false, 0, 0, nullptr}).first->second;
     record->place = place_of(mtp_list);
@@ -92,6 +107,7 @@ void ko_span_target_remove(const mtp_info *target) {
 }
 
 mtp_info *ko_span_target_find(bool to_group, uint32_t number) {
+  remove_left_over();
   target_record first = {nullptr, to_group, number, 0, nullptr};
   const auto found = by_target.lower_bound(&first);
   if (found == by_target.end() || (*found)->to_group != to_group || (*found)->number != number) return nullptr;
