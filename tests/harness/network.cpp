@@ -36,7 +36,6 @@ using clock = std::chrono::steady_clock;
 
 constexpr std::string_view mark = "ft-frame";  // before the number, at the end of a frame
 constexpr size_t block = 1 << 16;              // of a ring
-constexpr size_t burst = 64;                   // frames sent in one call
 
 std::runtime_error failed(const std::string &what) { return std::runtime_error(what + ": " + std::strerror(errno)); }
 
@@ -113,8 +112,8 @@ std::string shell(const std::string &command) {
 }
 
 void make_port(const std::string &name) {
-  shell("ip link add " + name + " type veth peer name " + name + "-w && ip link set " + name + " up && ip link set " +
-        name + "-w up");
+  shell("ip link add " + name + " group 9 type veth peer name " + name + "-w && ip link set " + name +
+        " up && ip link set " + name + "-w up");
 }
 
 // ---- frames ----
@@ -129,10 +128,16 @@ std::string frame(const shape &of, uint32_t number) {
     put(of.tags[i], 2);
   }
   put(ETHERTYPE_IP, 2);
+  const size_t header = out.size();
   put(0x45000000U + static_cast<uint32_t>(of.size - out.size()), 4);
   put(0, 4);
   put(0x40110000, 4);                      // UDP
   put(0xc0000201, 4), put(0xc0000202, 4);  // 192.0.2.1 to 192.0.2.2
+  uint32_t sum = 0;                        // a bridge looks at it
+  for (size_t i = header; i < out.size(); i += 2)
+    sum += static_cast<uint8_t>(out[i]) << 8 | static_cast<uint8_t>(out[i + 1]);
+  sum = ~(sum % 0xFFFF);
+  out[header + 10] = static_cast<char>(sum >> 8), out[header + 11] = static_cast<char>(sum);
   put(1234, 2), put(of.udp_port, 2);
   put(static_cast<uint32_t>(of.size - out.size() + 4), 2), put(0, 2);
   while (out.size() < of.size - mark.size() - 4) out.push_back(static_cast<char>(out.size()));
@@ -249,8 +254,9 @@ traffic::traffic(tap &from, tap &through, std::vector<tap *> watched, const shap
 void traffic::run(const shape &of) {
   std::vector<std::string> frames(burst, frame(of));
   while (!ends_) {
-    for (std::string &each : frames) renumber(each, sent_++);
+    for (uint32_t i = 0; i < burst; ++i) renumber(frames[i], sent_ + i);
     from_.send(frames);
+    sent_ += burst;
     for (const auto end = clock::now() + 20ms; arrived_ < sent_ && clock::now() < end;) drain();
   }
   for (auto end = clock::now() + 20ms; clock::now() < end;)

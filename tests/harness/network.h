@@ -22,7 +22,7 @@ std::string enter_network();
 
 // Runs a shell command and gives what it prints; the test fails when the command does.
 std::string shell(const std::string &command);
-// Port NAME and the other end of its cable, NAME-w; both are up.
+// Port NAME and the other end of its cable, NAME-w; both are up. `ip link del group 9` takes all ports away.
 void make_port(const std::string &name);
 
 // ---- frames ----
@@ -70,8 +70,10 @@ class traffic {
   traffic &operator=(const traffic &) = delete;
   ~traffic() { stop(); }
 
-  void stop();  // and waits for the last copies
-  uint32_t sent() const { return sent_; }
+  static constexpr uint32_t burst = 64;  // frames that are sent in one call
+
+  void stop();                             // and waits for the last copies
+  uint32_t sent() const { return sent_; }  // of the next burst, some may be on their way already
 
   struct tally {
     size_t lost = 0, doubled = 0, copied = 0;
