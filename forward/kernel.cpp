@@ -218,7 +218,8 @@ bool kernel::read_once(request &what, const Take &take) {
   header->nlmsg_seq = ++sequence_;
   if (mnl_socket_sendto(requests_.get(), what.data(), what.size()) < 0) fail("the kernel takes no requests");
   bool whole = true;
-  for (bool done = false; !done;) {
+  bool done = false;
+  while (!done) {
     const ssize_t length = mnl_socket_recvfrom(requests_.get(), buffer_.data(), buffer_.size());
     if (length < 0 && errno == EINTR) continue;
     if (length < 0) fail("the kernel does not answer");

@@ -395,10 +395,14 @@ std::optional<outcome> read_outcome(const nlmsghdr &from) {
   return out;
 }
 
+// Not with libmnl, which takes a length from 2^31 on for a negative number.
 void for_each_message(std::span<const uint8_t> bytes, const std::function<void(const nlmsghdr &)> &take) {
-  int left = static_cast<int>(bytes.size());
-  const auto *at = reinterpret_cast<const nlmsghdr *>(bytes.data());
-  for (; mnl_nlmsg_ok(at, left); at = mnl_nlmsg_next(at, &left)) take(*at);
+  while (bytes.size() >= sizeof(nlmsghdr)) {
+    const auto &at = *reinterpret_cast<const nlmsghdr *>(bytes.data());
+    if (at.nlmsg_len < sizeof(nlmsghdr) || at.nlmsg_len > bytes.size()) return;
+    take(at);
+    bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(size_t{at.nlmsg_len}), bytes.size()));
+  }
 }
 
 }  // namespace ko_forward
