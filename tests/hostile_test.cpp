@@ -168,6 +168,28 @@ TEST(writes, lost_ones_are_decided_anew) {
   }
 }
 
+// Changes that came while the store was read are behind an answer, too, when the request came after them.
+TEST(requests, wait_for_what_was_announced_before) {
+  world &w = the_world();
+  ko_platform::request_desk &desk = ko_platform::context_of(lspan_global.global).requests;
+  std::vector<size_t> answered;
+  desk.add("count", [&](const std::string &) { answered.push_back(w.outputs().at("u_monitor.span_dst_info").size()); });
+  const auto ask = [&] { w.wire->request(R"({"request":"count","reply":"ko_reply.1"})"); };
+  constexpr uint32_t few = 3, many = 2000;  // more than one slice of the loop delivers
+  for (uint32_t i = 0; i < few; ++i) w.put(session(numbered(i)));
+  w.turn();
+  w.wire->between = [&] {
+    for (uint32_t i = few; i < many; ++i) w.put(session(numbered(i)));
+    ask();
+  };
+  w.tested().on_live = ask;
+  w.wire->reconnect();
+  w.turn();
+  EXPECT_EQ(answered, (std::vector<size_t>{few, many})) << "at once while it is read, then behind all";
+  w.tested().on_live = nullptr;
+  w.clear();
+}
+
 // Whether a record may stand under its key, by protobuf-c alone.
 bool is_sound(const record &what) {
   const message_ptr message = unpack(*what.type, what.bytes);

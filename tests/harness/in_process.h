@@ -39,6 +39,7 @@ class scrambler final : public ko_store::engine, private ko_store::engine_user {
   bool is_cut() const { return cut_; }
   void garbage(size_t input) { user_->malformed(input); }
   void lie(size_t input, const ko_store::change &what) { user_->changed(input, what); }
+  void request(std::string_view text) { user_->requested(text); }
   void relieve() { full = false, user_->relieved(); }
 
   void start(engine_user &user, std::vector<ko_store::hash_id> hashes, size_t n_inputs) override;

@@ -261,8 +261,8 @@ client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_s
 
 client::~client() { redisFree(context_); }
 
-std::string client::next() {
-  const timeval most{std::chrono::seconds(patience).count(), 0};
+std::string client::next(std::chrono::milliseconds within) {
+  const timeval most{within / 1s, within % 1s / 1us};
   redisSetTimeout(context_, most);
   void *reply = nullptr;
   if (redisGetReply(context_, &reply) != REDIS_OK) return {};

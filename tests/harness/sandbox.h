@@ -65,8 +65,8 @@ class client {
 
   // Runs a command and gives its answer as text: elements of an array a line each, "(nil)", "(error) ...".
   std::string run(const std::vector<std::string> &words);
-  // What is published next on a channel that was subscribed to; empty when nothing comes for a generous time.
-  std::string next();
+  // What is published next on a channel that was subscribed to; empty when nothing comes in time.
+  std::string next(std::chrono::milliseconds within = std::chrono::seconds(20));
 
  private:
   redisContext *context_;

@@ -187,7 +187,6 @@ void redis_engine::close() {
   reader_.reset();
   writer_.reset();
   up_ = false;
-  silent_ = false;
   late_ = 0;
   was_congested_ = false;
   error_.clear();
