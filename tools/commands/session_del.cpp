@@ -47,6 +47,7 @@ int delete_members(context &ctx, const del_options &options) {
   if (going.empty() && !options.if_exists) throw refused(none + other_owner_hint(stored, texts, ports));
   if (going.empty()) ctx.report("unchanged", none, json::object());
   std::vector<transaction> writes;
+  writes.reserve(going.size());
   for (const member &what : going) writes.push_back(delete_member(store, what));
   store.write_all(writes, [&](size_t i) {
     ctx.report("deleted", "deleted " + to_text(going[i], ports),

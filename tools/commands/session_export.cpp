@@ -24,6 +24,7 @@ std::vector<json> group_entries(const std::map<uint32_t, uint32_t> &groups, cons
   for (const auto &[ifx, group] : groups)
     lists.try_emplace(group, json::array()).first->second.push_back(ports.text(ifx));
   std::vector<json> entries;
+  entries.reserve(lists.size());
   for (const auto &[group, list] : lists) entries.push_back({{"group", group}, {"interfaces", list}});
   return entries;
 }
