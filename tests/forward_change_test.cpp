@@ -58,8 +58,15 @@ class changes : public testing::Test {
     net.settle();
   }
 
-  forwarding net{R"(,"acls":{"7":"udp dst port 4001","8":"no such words"})",
-                 R"(,"twin1":{"ifx":31,"phyid":131},"twin2":{"ifx":32,"phyid":131},"zero":{"ifx":33,"phyid":0})"};
+  static std::string more_ports() {
+    std::string all = R"(,"twin1":{"ifx":31,"phyid":131},"twin2":{"ifx":32,"phyid":131},"zero":{"ifx":33,"phyid":0})";
+    for (int i = 101; i <= 140; ++i)
+      all += ",\"many" + std::to_string(i - 100) + "\":{\"ifx\":" + std::to_string(i) +
+             ",\"phyid\":" + std::to_string(100 + i) + "}";
+    return all;
+  }
+
+  forwarding net{R"(,"acls":{"8":"no such words"})", more_ports()};
 };
 
 TEST_F(changes, of_records_members_and_processes) {
@@ -238,7 +245,6 @@ TEST_F(changes, of_links_are_answered_and_followed) {
       {"ip link set ge1 name away", ENODEV},
       {"ip link set away name ge1", 0},
   };
-  const std::string right = net.kernel();
   for (const row &now : rows) {
     SCOPED_TRACE(now.what);
     shell(now.what);
@@ -247,10 +253,19 @@ TEST_F(changes, of_links_are_answered_and_followed) {
     EXPECT_EQ(now.code, net.code(steady()));
     if (now.code == 0 && !shell("ip link show up ge1").empty()) under_traffic([] { std::this_thread::sleep_for(5ms); });
   }
+  // A group serves the members that are there.
+  net.join(9, 7);
+  under_traffic([&] { net.settle(); });
+  EXPECT_EQ(static_cast<uint32_t>(ENODEV), net.code(group_of_four()));
+  net.leave(9);
+  net.expect_code(group_of_four(), 0);
   // More announcements than a socket holds, while nobody reads them.
+  const std::string right = net.kernel();
   net.program.signal(SIGSTOP);
-  shell("seq 6000 | sed 's/.*/link set ge3 alias a&/' | ip -batch - && tc filter del dev ge1 ingress");
+  shell("seq 12000 | sed 's/.*/link set ge3 alias a&/' | ip -batch - && tc filter del dev ge1 ingress");
   net.program.signal(SIGCONT);
+  eventually([&] { return net.kernel() == right; }, "what is right");
+  EXPECT_EQ(1U, count_of(net.box.log(), "faster than they were read"));
   under_traffic([&] { net.settle(); });
 }
 
@@ -262,6 +277,42 @@ TEST_F(changes, among_two_thousand_ports) {
   make_port("ge6");
   net.expect_code(steady(), 0);
   under_traffic([&] { restart(); });
+  // A group of more members than a filter has actions.
+  shell("seq 40 | sed 's/.*/link set many& up\\nlink set many&-w up/' | ip -batch -");
+  for (uint32_t i = 1; i <= 40; ++i) net.join(100 + i, 8);
+  const member large{.session = 8, .s_ifx = 1, .d_ifx = group_target(8), .module = 5};
+  net.set(large);
+  net.settle();
+  ASSERT_EQ(0U, net.code(large));
+  tap wire("ge1-w"), port("ge1"), first("many1-w"), last("many40-w");
+  traffic frames(wire, port, {&first, &last});
+  for (uint32_t i = 2; i < 40; ++i) net.leave(100 + i);
+  net.settle();
+  for (uint32_t i = 2; i < 40; ++i) net.join(100 + i, 8);
+  net.settle();
+  frames.stop();
+  EXPECT_EQ(frames.every_one(), frames.of(0));
+  EXPECT_EQ(frames.every_one(), frames.of(1));
+}
+
+TEST_F(changes, of_one_session_leave_the_target_of_another_quiet) {
+  begin();
+  member second = other(0);
+  second.session = 60;
+  const auto learned = [] { return !shell("bridge fdb show dev ge2 dynamic").empty(); };
+  tap("ge2-w").send({frame({})});
+  EXPECT_TRUE(learned());
+  net.set(other(0)), net.set(second);
+  net.settle();
+  const std::string quiet = shell("bridge -d link show dev ge2");
+  EXPECT_NE(std::string::npos, quiet.find("learning off flood off"));
+  EXPECT_FALSE(learned());
+  net.del(other(0));  // the daemon takes the learning record away
+  net.settle();
+  EXPECT_EQ(quiet, shell("bridge -d link show dev ge2"));
+  net.del(second);
+  net.settle();
+  EXPECT_NE(std::string::npos, shell("bridge -d link show dev ge2").find("learning on flood on"));
 }
 
 // ---- what cannot be ----

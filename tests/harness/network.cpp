@@ -321,35 +321,21 @@ std::vector<std::string> listener::heard() {
 
 namespace {
 
-bool is_socket(pid_t of, uint64_t descriptor) {
-  std::array<char, 64> link{};
-  const std::string path = "/proc/" + std::to_string(of) + "/fd/" + std::to_string(descriptor);
-  return readlink(path.c_str(), link.data(), link.size() - 1) > 0 &&
-         std::string_view(link.data()).starts_with("socket:");
-}
-
 // Whether the call that the stopped process enters is one that others can notice.
 bool at_point(pid_t victim) {
   __ptrace_syscall_info info{};
   if (ptrace(static_cast<__ptrace_request>(PTRACE_GET_SYSCALL_INFO), victim, sizeof info, &info) < 0 ||
       info.op != PTRACE_SYSCALL_INFO_ENTRY)
     return false;
-  switch (info.entry.nr) {
-    case SYS_sendto:
-    case SYS_sendmsg:
-    case SYS_sendmmsg:
-    case SYS_renameat:
-    case SYS_renameat2:
+  constexpr uint64_t points[] = {
+      SYS_sendto,
+      SYS_sendmsg,
 #ifdef SYS_rename
-    case SYS_rename:
+      SYS_rename,
 #endif
-      return true;
-    case SYS_write:
-    case SYS_writev:
-      return is_socket(victim, info.entry.args[0]);
-    default:
-      return false;
-  }
+      SYS_renameat,
+  };
+  return std::find(std::begin(points), std::end(points), info.entry.nr) != std::end(points);
 }
 
 }  // namespace
