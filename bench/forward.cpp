@@ -109,7 +109,7 @@ void first_copies(forwarding &net, const char *floor_program, int runs) {
 // The filters of ge1 as commands for tc.
 std::string as_batch() {
   return shell(
-      "tc filter show dev ge1 ingress | tr '\\n' ' ' | sed 's/filter protocol/\\nfilter protocol/g' | "
+      "{ tc filter show dev ge1 ingress; echo; } | tr '\\n' ' ' | sed 's/filter protocol/\\n&/g; s/$/\\n/' | "
       "sed -n \"s/.* pref \\([0-9]*\\) .* handle \\(0x[0-9a-f]*\\) .*bytecode '\\([^']*\\)'.*cookie \\([0-9a-f]*\\).*/"
       "filter add dev ge1 ingress protocol all pref \\1 handle \\2 bpf bytecode '\\3' "
       "action mirred egress mirror dev ge6 continue cookie \\4/p\"");
@@ -187,7 +187,7 @@ int main(int n_words, char **words) {
     return std::fprintf(stderr, "this machine lacks %s\n", missing.c_str()), 1;
   if (!bench::pin_to_one_core()) return 1;
   forwarding net;
-  for (const char *channel : {"dl", "ko_lspan", "ko_platform", "ko_lspan_fwd"})
+  for (const char *channel : {"dl", "ko_lspan", "ko_platform", "ko_lspan_fwd"})  // what is left says errors only
     write_file(net.box.folder() + "/tmp/" + channel + ".zlog", "1");
   net.box.daemon().stop();
   net.box.start_daemon();
