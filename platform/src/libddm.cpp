@@ -1,6 +1,7 @@
 // Interface translation by the platform file's map of ports; without a map an interface index is its own physical id.
 #include "libddm.h"
 
+#include <map>
 #include <new>
 #include <unordered_map>
 
@@ -29,7 +30,14 @@ int32_t libddm_init(vx_global *, const char *) try {
   const ko_platform::config &config = ko_platform::process_config();
   translation fresh;
   fresh.identity = !config.has_ports;
-  for (const ko_platform::port &port : config.ports) fresh.phyids.emplace(port.ifx, port.phyid);
+  std::map<uint32_t, const char *> names;
+  for (const ko_platform::port &port : config.ports) {
+    fresh.phyids.emplace(port.ifx, port.phyid);
+    const auto [first, is_new] = names.emplace(port.phyid, port.name.c_str());
+    if (is_new) continue;
+    PLATFORM_WARN("ports %s and %s have one phyid, %u: no forwarding side can tell them apart", first->second,
+                  port.name.c_str(), port.phyid);
+  }
   table() = std::move(fresh);
   return 0;
 } catch (const ko_platform::config_error &error) {

@@ -73,6 +73,14 @@ void read_store(const json &store, const std::string &path, store_address &out) 
   if (!out.user.empty() && out.password.empty()) fail(where, "\"user\" needs \"password\"");
 }
 
+// Why a port cannot have this name, by which lspanctl could not find it; null when it can.
+const char *name_defect(const std::string &name) {
+  if (name.empty()) return "a port needs a name";
+  if (name.find_first_not_of("0123456789") == std::string::npos) return "this name would be read as an interface index";
+  if (name == "none") return "this name stands for no port";
+  return name.starts_with("group:") ? "this name would be read as a group" : nullptr;
+}
+
 void read_ports(const json &ports, const std::string &path, config &out) {
   const std::string where = path + ": ports";
   if (!ports.is_object()) fail(where, "must be an object");
@@ -80,6 +88,7 @@ void read_ports(const json &ports, const std::string &path, config &out) {
   std::set<uint32_t> seen;
   for (const auto &[name, value] : ports.items()) {
     const std::string here = std::string(where).append(".").append(name);
+    if (const char *defect = name_defect(name); defect != nullptr) fail(here, defect);
     check_members(value, here, {"ifx", "phyid", "device"});
     if (!value.contains("ifx") || !value.contains("phyid")) fail(here, "needs \"ifx\" and \"phyid\"");
     port entry{name, 0, 0};

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "log/last_error.h"
+#include "log/line.h"
 #include "platform_config.h"
 #include "standard_files.h"
 #include "vx_zlog.h"
@@ -37,14 +38,18 @@ vx_zlog_category *vx_zlog_init(const char *category_name) {
 void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, const char *func, size_t func_len,
                long line, int level, const char *format, ...) {
   if (category == nullptr) return;
+  char text[2048];
   va_list args;
-  if (level >= VX_ZLOG_ERROR) {
-    char text[1024];
-    va_start(args, format);
-    if (std::vsnprintf(text, sizeof(text), format, args) >= 0) ko_platform::note_error(text);
-    va_end(args);
-  }
   va_start(args, format);
-  vzlog(reinterpret_cast<zlog_category_t *>(category), file, file_len, func, func_len, line, level, format, args);
+  const int length = std::vsnprintf(text, sizeof(text), format, args);
   va_end(args);
+  if (length < 0) return;
+  if (level >= VX_ZLOG_ERROR) ko_platform::note_error(text);
+  try {
+    std::pmr::string record;
+    ko_platform::append_line_text(record, text, false);  // without the line end, for which zlog's format has one
+    zlog(reinterpret_cast<zlog_category_t *>(category), file, file_len, func, func_len, line, level, "%s",
+         record.c_str());
+  } catch (...) {
+  }
 }
