@@ -280,6 +280,7 @@ void kernel::carry_out_some(std::span<request> requests, std::span<outcome> outc
 
 std::vector<outcome> kernel::make_hooks(const std::vector<int> &links) {
   std::vector<request> requests;
+  requests.reserve(links.size());
   for (const int index : links) requests.push_back(make_hook(index));
   std::vector<outcome> outcomes = carry_out(std::move(requests));
   for (size_t i = 0; i < links.size(); ++i) {
@@ -292,6 +293,7 @@ std::vector<outcome> kernel::make_hooks(const std::vector<int> &links) {
 
 std::vector<outcome> kernel::remove_hooks(const std::vector<int> &links) {
   std::vector<request> requests;
+  requests.reserve(links.size());
   for (const int index : links) requests.push_back(remove_hook(index));
   for (const int index : links) doubt(index);
   return carry_out(std::move(requests));
@@ -330,6 +332,7 @@ std::vector<outcome> kernel::remove(const std::vector<kernel_filter> &which) {
 
 std::vector<outcome> kernel::set_ports(const std::vector<port_change> &changes) {
   std::vector<request> requests;
+  requests.reserve(changes.size());
   for (const port_change &change : changes) requests.push_back(set_port(change.ifindex, change.flags, change.flush));
   std::vector<outcome> outcomes = carry_out(std::move(requests));
   for (size_t i = 0; i < changes.size(); ++i) {

@@ -19,7 +19,7 @@ namespace {
 using ko_forward::agent;
 
 constexpr int already_running = 3;
-constexpr int no_kernel = 1;
+constexpr int cannot_work = 1;
 
 struct global_finisher {
   void operator()(vx_global *global) const { vx_global_finish(global); }
@@ -49,12 +49,12 @@ ko_platform::event_ptr on_signal(event_base *base, int number) {
 
 int serve() {
   const std::unique_ptr<vx_global, global_finisher> global(vx_global_init(ko_forward::app_name));
-  if (global == nullptr) return no_kernel;
+  if (global == nullptr) return cannot_work;
   event_base *base = ko_platform::context_of(global.get()).base.get();
   const auto on_terminate = on_signal(base, SIGTERM);
   const auto on_interrupt = on_signal(base, SIGINT);
   agent forwarding(*global, ko_platform::process_config());
-  if (!forwarding.start()) return no_kernel;
+  if (!forwarding.start()) return cannot_work;
   vx_global_run(global.get());
   return 0;
 }
@@ -64,7 +64,7 @@ int clear() {
   return 0;
 }
 
-int run(bool is_clearing) try {
+int run(bool is_clearing) {
   const int lock = take_namespace();
   if (lock < 0) {
     FORWARD_ERROR("another ko_lspan_fwd runs in this network namespace");
@@ -72,14 +72,11 @@ int run(bool is_clearing) try {
   }
   std::signal(SIGPIPE, SIG_IGN);
   return is_clearing ? clear() : serve();
-} catch (const std::exception &error) {
-  FORWARD_ERROR("%s", error.what());
-  return no_kernel;
 }
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   ko_platform::hold_standard_files();
   CLI::App app("Copies packets as the records of ko_lspan say, with filters of the Linux kernel.",
                ko_forward::app_name);
@@ -89,11 +86,9 @@ int main(int argc, char **argv) {
   app.add_flag("--clear", is_clearing, "Take everything of this program's out of the kernel, and end");
   app.set_version_flag("--version", KO_VERSION);
   CLI11_PARSE(app, argc, argv);
-  try {
-    ko_platform::use_config(ko_platform::load_config(platform_file));
-  } catch (const std::exception &error) {
-    FORWARD_ERROR("%s", error.what());
-    return no_kernel;
-  }
+  ko_platform::use_config(ko_platform::load_config(platform_file));
   return run(is_clearing);
+} catch (const std::exception &error) {
+  FORWARD_ERROR("%s", error.what());
+  return cannot_work;
 }

@@ -58,7 +58,7 @@ std::vector<wanted_member> reconciler::run(const records &from, const std::set<u
 
 // The order: a target is quiet before copies come, and until the last has come; a filter that changes is never away;
 // new ones are there before old ones go.
-void reconciler::pass(const wanted &target, std::set<uint32_t> flushes) {
+void reconciler::pass(const wanted &target, const std::set<uint32_t> &flushes) {
   quiet_ports(target, flushes);
   make_hooks(target);
   change_filters(target);
@@ -103,6 +103,7 @@ void reconciler::add_flushes(const std::set<uint32_t> &flushes, std::map<int, po
 std::set<int> reconciler::set_ports(const std::map<int, port_change> &changes) {
   std::set<int> failed;
   std::vector<port_change> list;
+  list.reserve(changes.size());
   for (const auto &[index, change] : changes) list.push_back(change);
   const std::vector<outcome> outcomes = kernel_.set_ports(list);
   for (size_t i = 0; i < list.size(); ++i) {

@@ -50,7 +50,7 @@ class reconciler {
  private:
   using failures = std::map<std::pair<place, mark>, outcome>;
 
-  void pass(const wanted &target, std::set<uint32_t> flushes);
+  void pass(const wanted &target, const std::set<uint32_t> &flushes);
   void quiet_ports(const wanted &target, const std::set<uint32_t> &flushes);
   void add_flushes(const std::set<uint32_t> &flushes, std::map<int, port_change> &changes) const;
   std::set<int> set_ports(const std::map<int, port_change> &changes);

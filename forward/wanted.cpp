@@ -296,8 +296,10 @@ bool planner::copies_reach(int from, int to) const {
 // end of one takes the record away.
 void planner::plan_quiet() {
   for (const auto &[ifx, who] : from_.quiet) be_quiet(ports_.with_ifx(ifx));
+  std::set<target_key> used;  // a record may outlive its session
+  for (const auto &[key, record] : from_.members) used.insert({key.owner, key.session, key.d_phyid});
   for (const auto &[key, target] : from_.targets) {
-    if (target.learns) continue;
+    if (target.learns || !used.contains(key)) continue;
     if (!target.is_group) {
       if (key.d_phyid != 0) be_quiet(ports_.with_phyid(key.d_phyid));
       continue;
@@ -332,8 +334,8 @@ mark mark_of(const member_key &key) {
 bool is_own_mark(const mark &what) { return std::equal(magic.begin(), magic.end(), what.begin()); }
 
 size_t program_cache::key_hash::operator()(const key &what) const {
-  return std::hash<vlan_set>{}(what.vlans) ^ std::hash<std::string>{}(what.acl) ^ what.sample_rate * 0x9E3779B9U ^
-         static_cast<size_t>(what.untagged_vlan) << 32;
+  return std::hash<vlan_set>{}(what.vlans) ^ std::hash<std::string>{}(what.acl) ^
+         size_t { what.sample_rate } * 0x9E3779B9U ^ static_cast<size_t>(what.untagged_vlan) << 32;
 }
 
 void program_cache::turn() {

@@ -384,14 +384,17 @@ const wanted_case wanted_cases[] = {
     {"a smaller MTU", [](world &w) { w.member(1, 101, 105, 1), w.links[15].mtu = 1400; },
      "ge1 rx ge5\n1:1:5 ok \n! copies of frames that ge5 cannot send are lost: its MTU is 1400, and that of ge1 is "
      "1500\n"},
-    {"quiet: by its record, by a session, by a group's session",
+    {"quiet: by its record, by a session, by a group's session, and not by one that is over",
      [](world &w) {
+       w.member(1, 106, 102, 1), w.member(2, 106, 103, 1), w.group(3, 106, 9, 1);
        w.from.quiet = {{1, "ko_lspan"}, {99, "ko_lspan"}};
        w.from.targets = {{{"ko_lspan", 1, 102}, {false, false}},
                          {{"ko_lspan", 2, 103}, {false, true}},
-                         {{"ko_lspan", 3, 9 ^ group_tag}, {true, false}}};
+                         {{"ko_lspan", 3, 9 ^ group_tag}, {true, false}},
+                         {{"ko_lspan", 4, 105}, {false, false}}};
        w.from.groups = {{4, 9}, {5, 8}};
      },
+     "1:6:2 ENODEV no such device (away)\n2:6:3 ENODEV no such device (away)\n3:6:9 ENODEV no such device (away)\n"
      "quiet ge1\nquiet ge2\nquiet ge4\n"},
     {"no map of ports: an index is the kernel's",
      [](world &w) {
