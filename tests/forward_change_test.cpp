@@ -17,8 +17,6 @@ namespace {
 using namespace harness;
 using namespace std::chrono_literals;
 
-constexpr traffic::tally nothing{};
-
 // Session 1 copies VLAN 5 of ge1 to ge6, session 7 all that ge1 receives to group 7, of which ge4 is always a member.
 member steady(uint32_t more_vlans = 0) {
   return {.session = 1, .s_ifx = 1, .d_ifx = 6, .dir = 1, .apply = 2, .vlans = {1U << 5 | more_vlans << 6}};
