@@ -192,7 +192,9 @@ std::string to_string(const store_address &address) {
 
 config load_config(const std::string &path) {
   const std::optional<std::string> text = read_file(path);
-  return text.has_value() ? parse_config(*text, path) : config{};
+  config out = text.has_value() ? parse_config(*text, path) : config{};
+  out.path = path;
+  return out;
 }
 
 const config &process_config() {

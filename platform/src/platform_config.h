@@ -53,6 +53,7 @@ struct log_settings {
 };
 
 struct config {
+  std::string path = default_config_path;  // of the file, whether it exists or not
   store_address store;
   bool has_ports = false;   // false: interface indexes are physical ids
   std::vector<port> ports;  // in the order of their names

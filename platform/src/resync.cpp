@@ -84,7 +84,7 @@ resync::resync(global_context &context) : context_(context), program_(std::files
 // What is against a resync; empty when nothing is.
 std::string resync::obstacle() const {
   try {
-    load_config(default_config_path);
+    load_config(process_config().path);
   } catch (const config_error &error) {
     return error.what();
   }
