@@ -156,7 +156,7 @@ TEST_F(changes, any_point_may_be_the_last) {
   std::minstd_rand random(1);
   std::string right;
   size_t points = 1, runs = 0;
-  for (size_t k = 0; k <= points; k += k == 0 || all ? 1 : 1 + random() % (points / 6), ++runs) {
+  for (size_t k = 0; k <= points; k += k == 0 || all ? 1 : points / 10 + random() % (points / 10), ++runs) {
     SCOPED_TRACE("killed at point " + std::to_string(k));
     under_traffic([&] {
       net.program.stop();
