@@ -137,6 +137,17 @@ TEST(log, no_other_file_is_written_to) {
   });
 }
 
+TEST(log, levels_admit) {  // no file of that name gives another level
+  for (uint32_t level = 0; level <= 6; ++level) {
+    std::string admitted;
+    ko_platform::log_channel channel("log_test.none", level == 6 ? UINT32_MAX : level);
+    for (const int kind : {VX_ZLOG_ERROR, VX_ZLOG_WARN, VX_ZLOG_INFO, VX_ZLOG_DEBUG})
+      admitted += channel.enabled(kind) ? '+' : '-';
+    const char *const expected[] = {"----", "+---", "++--", "++--", "+++-", "++++", "++++"};
+    EXPECT_EQ(admitted, expected[level]) << level;
+  }
+}
+
 TEST(log, formatting_is_cut_and_terminated) {
   char text[4] = {'#', '#', '#', '#'};
   EXPECT_EQ(at_snprintf(text, 0, "%d", 1), 1);

@@ -5,10 +5,15 @@
 #include <map>
 #include <random>
 
+#include "libddm.h"
 #include "platform_config.h"
+#include "rdnd_lib.h"
 #include "sandbox.h"
 #include "store/pool.h"
 #include "store/record_table.h"
+#include "u_monitor.pb-c.h"
+#include "vx_global.h"
+#include "vx_mom.h"
 
 namespace {
 
@@ -80,6 +85,60 @@ TEST(platform_file, says_where_and_what) {
   ASSERT_EQ(mkfifo((path + ".fifo").c_str(), 0600), 0);
   for (const std::string &none : {box.folder(), path + ".fifo", std::string("/dev/zero")})
     EXPECT_THROW(ko_platform::load_config(none), ko_platform::config_error) << none;
+}
+
+TEST(translation, is_the_map_of_ports_or_none) {
+  const auto phyid_of = [](uint32_t ifx) {
+    uint32_t phyid = 7;
+    const int32_t status = libddm_get_phyid_by_ifx(ifx, &phyid);
+    return std::to_string(status) + " " + std::to_string(phyid);
+  };
+  ko_platform::config settings;
+  ko_platform::use_config(settings);
+  EXPECT_EQ(libddm_init(nullptr, nullptr), 0);
+  EXPECT_EQ(phyid_of(5) + "," + phyid_of(UINT32_MAX), "0 5,0 4294967295");
+  settings.has_ports = true;
+  ko_platform::use_config(settings);
+  EXPECT_EQ(libddm_init(nullptr, nullptr), 0);
+  EXPECT_EQ(phyid_of(5), "-7 7");
+  settings.ports = {{"a", 5, 105}, {"b", 6, 105}, {"c", 7, 0}};
+  ko_platform::use_config(settings);
+  EXPECT_EQ(libddm_init(nullptr, nullptr), 0);
+  EXPECT_EQ(phyid_of(5) + "," + phyid_of(6) + "," + phyid_of(7) + "," + phyid_of(105), "0 105,0 105,0 0,-7 7");
+}
+
+TEST(calls, refuse_what_is_missing) {
+  ko_platform::use_config({});
+  vx_global *none = nullptr, *bare = vx_global_init(nullptr);
+  const auto event = [](void *, uint32_t, const void *) { return 0; };
+  UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
+  mom_ds_entry entry{};
+  entry.db_id = 4;
+  entry.record = &record.base;
+  const uint32_t one = 1;
+  for (vx_global *global : {none, bare})  // without a store
+    for (const auto call : {vx_mom_set, vx_mom_del, vx_mom_publish})
+      EXPECT_EQ(call(global, 4, &record.base, 0, 0), VX_MOM_INVALID);
+  EXPECT_EQ(vx_mom_reg_ds(nullptr, &entry, 1, nullptr, 0), 0U);
+  EXPECT_EQ(vx_mom_set_ds_opt(nullptr, 1, 2, &one), VX_MOM_INVALID);
+  EXPECT_EQ(vx_mom_reg_key_event(nullptr, &entry, 1, event, nullptr), VX_MOM_INVALID);
+  EXPECT_EQ(vx_mom_reg_all_ds_event(
+                nullptr, 1, [](void *) { return 0; }, nullptr),
+            VX_MOM_INVALID);
+
+  vx_mom_ab *ab = vx_mom_ab_init(bare, nullptr, nullptr);
+  ASSERT_NE(ab, nullptr);
+  EXPECT_EQ(vx_mom_reg_ds(ab, nullptr, 1, nullptr, 0), 0U);
+  EXPECT_EQ(vx_mom_reg_ds(ab, nullptr, 0, nullptr, 1), 0U);
+  EXPECT_EQ(vx_mom_set_ds_opt(ab, 1, 2, nullptr), VX_MOM_INVALID);
+  EXPECT_EQ(vx_mom_reg_key_event(ab, nullptr, 1, event, nullptr), VX_MOM_INVALID);
+  EXPECT_EQ(vx_mom_reg_all_ds_event(ab, 1, nullptr, nullptr), VX_MOM_INVALID);
+  for (const ProtobufCMessage *nothing : {static_cast<ProtobufCMessage *>(nullptr), &record.base})
+    EXPECT_EQ(vx_mom_set(bare, 4, nothing, 0, 0), VX_MOM_MISSING);
+  EXPECT_EQ(rdnd_lib_mom_reg(nullptr), -4);
+  vx_global_run(nullptr);
+  vx_global_finish(nullptr);
+  vx_global_finish(bare);
 }
 
 TEST(daemon, ends_when_it_cannot_work) {
