@@ -242,5 +242,5 @@ class faults {
 
 int main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
-  return scenario::run_tests("Faults", [](const std::filesystem::path &file) { faults(file).run(); });
+  return scenario::run_tests("Faults", "", [](const std::filesystem::path &file) { faults(file).run(); });
 }

@@ -1,4 +1,4 @@
-// Seeded random sequences of events; what they are and what is checked stands in random_events.h.
+// Seeded random sequences of events; random_events.h says what they are and what is checked.
 //
 // RANDOM_EVENTS (250000) and RANDOM_SEED (1) in the environment choose another run; a failure names both and the event.
 #include <gtest/gtest.h>

@@ -9,12 +9,10 @@
 #include <utility>
 
 #include "driver.h"
-#include "p_policy.pb-c.h"
 #include "proc/ko_span_target.h"
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 #include "recording.h"
-#include "u_bridge.pb-c.h"
 
 // The standard containers of the daemon ask for memory here; the k-th request from now on fails, 0: none.
 static uint32_t new_fails_in;
@@ -38,123 +36,9 @@ class Span : public testing::Test {
   void TearDown() override { driver::reset(); }
 };
 
-// A member with every field set.
-span_info full_member() {
-  span_info info = {};
-  info.t_user = ko_lspan_app_name;
-  info.session_num = 3;
-  info.s_ifx = 5;
-  info.d_ifx = 9;
-  info.dir = 1;
-  info.module_type = 2;
-  info.role = 4;
-  info.apply_type = 1;
-  info.acl_id = 8;
-  info.sample_rate = 100;
-  info.n_vlan_map = 2;
-  info.vlan_map[0] = 6;
-  info.vlan_map[1] = 7;
-  info.rspan_vlan = 30;
-  info.ip_head = {1, 2, 64, 46, 5};
-  info.mtp_switch = 1;
-  info.src_is_subif = 1;
-  return info;
-}
-
-// ---- record setters ----
-
-#define SETTER(name) #name, name
-const struct {
-  const char *name;
-  int32_t (*set)(vx_global *, const span_info *, uint32_t);
-  std::string what;  // in the log
-  std::string record, payload;
-} setters[] = {
-    {SETTER(ko_span_mom_vlan_dst_set), "vlan dst", "span_vlan_dst_info", "rspan_vlan=30"},
-    {SETTER(ko_span_mom_ip_dst_set), "ip dst", "span_ip_dst_info",
-     "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5} src_is_subif=1"},
-    {SETTER(ko_span_mom_vlan_mtp_set), "vlan mtp", "span_vlan_mtp_info", "rspan_vlan=30"},
-    {SETTER(ko_span_mom_ip_mtp_set), "ip mtp", "span_ip_mtp_info", "ip_head={src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5}"},
-};
-
-// Those of remote targets, which no event reaches.
-TEST_F(Span, RecordSetters) {
-  const span_info info = full_member();
-  lspan_zlog_level = 5;
-  for (const auto &row : setters) {
-    SCOPED_TRACE(row.name);
-    const bool own_key = row.record.ends_with("mtp_info");  // of the mirror target alone
-    const std::string key =
-        own_key ? "session_id=3 d_phyid=1009" : "session_id=3 s_phyid=1005 d_phyid=1009 dir=1 acl_id=8";
-    const std::string record = "(UDP_DB, u_monitor." + row.record + " {t_user=\"ko_lspan\" " + key + '}';
-    const std::string function = std::string(row.name) + ": ";
-    const auto expect = [&](uint32_t is_del, const std::string &call, const std::string &said) {
-      lines expected{"libddm_get_phyid_by_ifx(9) -> 1009", call, "debug " + function + said};
-      if (!own_key) expected.insert(expected.begin(), "libddm_get_phyid_by_ifx(5) -> 1005");
-      EXPECT_EQ(0, row.set(recording::global(), &info, is_del));
-      EXPECT_EQ(expected, recording::take_trace());
-    };
-    expect(0, "vx_mom_set" + record + ' ' + row.payload + ')', row.what + " info set to UDP_DB, ret=0\\r\\n");
-    expect(2, "vx_mom_del" + record + ')', row.what + " info del to UDP_DB, ret=0\\r\\n");
-    recording::fail("libddm_get_phyid_by_ifx", 1, -6);
-    EXPECT_EQ(-6, row.set(recording::global(), &info, 0));
-    EXPECT_EQ("error " + function + "fill " + row.what + " info key failed. ret=-6\\r\\n",
-              recording::take_trace().back());
-  }
-  EXPECT_EQ(lines(), recording::store_text());
-}
-
-// ---- entries ----
-
-// A role that says nothing about the kind of target leaves it, and each leaves the data of the others.
-TEST_F(Span, KindOfMirrorTargetByRole) {
-  const std::pair<std::vector<uint32_t>, std::string> rows[] = {
-      {{0}, ""},
-      {{1}, " role=1"},
-      {{2}, " role=2 mtp_type=1 rspan_vlan=30"},
-      {{3}, " role=3 mtp_type=1 rspan_vlan=30"},
-      {{4}, " role=4 mtp_type=2 src_ip=1 dst_ip=2 ttl=64 dscp=46 vrf=5"},
-      {{5}, " role=5"},
-      {{2, 0}, " mtp_type=1 rspan_vlan=30"},
-      {{2, 1}, " role=1 rspan_vlan=30"},
-  };
-  for (const auto &[roles, text] : rows) {
-    driver::reset();
-    span_info info = full_member();
-    for (const uint32_t role : roles) {
-      info.role = role;
-      ko_span_db_save_info(&lspan_global.session_list, &info);
-    }
-    EXPECT_EQ("  mtp session_id=3 d_phyid=1009 mtp_switch=1 module_type=2" + text, driver::memory_text().back());
-  }
-}
-
-// The handlers do not look at these statuses.
-TEST_F(Span, EntrySetters) {
-  span_info info = full_member();
-  ko_span_db_save_info(&lspan_global.session_list, &info);
-  auto *session = reinterpret_cast<mirror_info *>(lspan_global.session_list.next);
-  const struct {
-    int32_t (*set)(mirror_link *, const span_info *, uint32_t);
-    mirror_link *list;
-    const char *add;
-  } rows[] = {{ko_span_db_set_src_info, &session->src_list, "mirror_list_add_src_info"},
-              {ko_span_db_set_dst_info, &session->dst_list, "mirror_list_add_dst_info"},
-              {ko_span_db_set_mtp_info, &session->mtp_list, "mirror_list_add_mtp_info"}};
-  for (const auto &row : rows) {
-    const auto set = [&](uint32_t is_del) { return row.set(row.list, &info, is_del); };
-    recording::fail("libddm_get_phyid_by_ifx", 1, -9);
-    EXPECT_EQ(-9, set(0)) << row.add;
-    EXPECT_EQ((std::vector<int32_t>{0, 0, -7}), (std::vector<int32_t>{set(0), set(1), set(1)})) << row.add;
-    recording::fail(row.add, 1, -1);
-    EXPECT_EQ((std::vector<int32_t>{-2, 0}), (std::vector<int32_t>{set(0), set(0)})) << row.add;
-  }
-}
-
 // Where the daemon cannot keep what it has to know of a mirror target, there is none.
 TEST_F(Span, MirrorTargetWithoutMemory) {
-  span_info info = full_member();
-  info.d_ifx = 0;
+  const span_info info = {};
   recording::fail("mirror_list_add_mtp_info", 1, -1);
   ko_span_db_save_info(&lspan_global.session_list, &info);
   mirror_link *targets = &reinterpret_cast<mirror_info *>(lspan_global.session_list.next)->mtp_list;
@@ -173,71 +57,13 @@ TEST_F(Span, MirrorTargetWithoutMemory) {
 
 // The dry run and some tests start over with sessions that were never ended.
 TEST_F(Span, SessionsThatWereForgottenAreNotFound) {
-  span_info info = full_member();
+  span_info info = {};
   for (info.d_ifx = 8; info.d_ifx < 10; ++info.d_ifx) ko_span_db_save_info(&lspan_global.session_list, &info);
   EXPECT_NE(nullptr, ko_span_target_find(false, 9));
   const mirror_link before = lspan_global.session_list;
   lspan_global_init(lspan_global.zlog_category, 1);
   EXPECT_EQ(nullptr, ko_span_target_find(false, 9));
   lspan_global.session_list = before;
-}
-
-TEST_F(Span, ClearOfAnUnknownSessionLeavesTheFlag) {
-  const span_info info = full_member();
-  uint8_t last = 0;
-  ko_span_db_clear_info(&lspan_global.session_list, &info, &last);
-  EXPECT_EQ(0, last);
-  EXPECT_EQ(lines{"error ko_span_db_clear_info: not find mirror info!\\r\\n"}, recording::take_trace());
-}
-
-TEST_F(Span, SourceSearchHandsOutACopy) {
-  span_info info = full_member();
-  info.apply_type = 3;
-  ko_span_db_save_info(&lspan_global.session_list, &info);
-  recording::translation_fails(7, -9);
-  const auto *session = reinterpret_cast<mirror_info *>(lspan_global.session_list.next);
-  const auto *entry = reinterpret_cast<src_info *>(session->src_list.next);
-  src_info untouched;
-  memset(&untouched, 0x5a, sizeof(untouched));
-  const src_info zero = {};
-  const struct {
-    uint32_t session, s_ifx;
-    int32_t status;
-    const src_info *copied;
-  } rows[] = {{4, 5, -7, &untouched}, {3, 7, -9, &untouched}, {3, 6, -7, &zero}, {3, 5, 0, entry}};
-  for (const auto &row : rows) {
-    src_info copy = untouched;
-    EXPECT_EQ(row.status, ko_span_search_src_info(&lspan_global.session_list, row.session, row.s_ifx, 1, 8, &copy));
-    EXPECT_EQ(0, memcmp(&copy, row.copied, sizeof(copy)));
-  }
-  EXPECT_EQ(7U, entry->vlan_map[1]);
-}
-
-// ---- schemas ----
-
-std::vector<uint8_t> packed(const ProtobufCMessage &message) {
-  std::vector<uint8_t> bytes(protobuf_c_message_get_packed_size(&message));
-  protobuf_c_message_pack(&message, bytes.data());
-  return bytes;
-}
-
-TEST(Schemas, BytesOnTheWire) {
-  UBridge__UdpFlushdyn flush = U_BRIDGE__UDP_FLUSHDYN__INIT;
-  flush.ifx = 300;
-  flush.flag = 4;
-  uint32_t words[] = {1, 300};
-  flush.n_vbmp = 2;
-  flush.vbmp = words;
-  EXPECT_EQ((std::vector<uint8_t>{0x38, 0xac, 0x02, 0x48, 0x04, 0x52, 0x03, 0x01, 0xac, 0x02}), packed(flush.base));
-  UMonitor__SpanSrcInfoIndex key = U_MONITOR__SPAN_SRC_INFO_INDEX__INIT;
-  UMonitor__SpanDstInfo dst = U_MONITOR__SPAN_DST_INFO__INIT;
-  EXPECT_TRUE(packed(dst.base).empty());
-  dst.index = &key;
-  dst.module_type = dst.role = dst.apply_type = dst.sample_rate = dst.arp_lif = dst.ip4_lif = dst.out_lif = 1;
-  dst.src_is_subif = dst.src_main_phyid = 1;
-  EXPECT_EQ((std::vector<uint8_t>{0x2a, 0x00, 0x30, 0x01, 0x38, 0x01, 0x40, 0x01, 0x48, 0x01,
-                                  0x50, 0x01, 0x58, 0x01, 0x60, 0x01, 0x70, 0x01, 0x78, 0x01}),
-            packed(dst.base));
 }
 
 // ---- logging ----

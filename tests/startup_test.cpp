@@ -1,5 +1,6 @@
 // Start-up, each case in a child process with a /var/run and /var/tmp of its own: real files, real locks, and caches
-// that are filled once per process. What happened comes back as the recording platform's trace.
+// that are filled once per process. What happened comes back as the recording platform's trace; the cases and their
+// traces are in scenarios/start.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -10,21 +11,23 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <sstream>
 
 #include "001_init_a/dl_init.h"
 #include "proc/lspan/ko_lspan.h"
 #include "recording.h"
+#include "scenario.h"
 
 int ko_lspan_main();  // the daemon's main under a name that does not clash
 
 namespace {
 
+using scenario::words;
 using std::string;
 
 // The emulator has a /proc/self/exe of its own, and the kernel cannot start programs of the emulated kind.
@@ -32,15 +35,8 @@ const bool emulated = std::getenv("KO_EMULATED") != nullptr;
 
 constexpr int no_namespace = 77;  // exit status of a child that may not make its own folders
 const char *const pid_file = "/var/run/startup_test.pid";
-const char *const ham_file = "/var/tmp/startup_test.ham";
-const char *const dl_file = "/var/tmp/dl.zlog";
-const char *const app_file = "/var/tmp/ko_lspan.zlog";
 
-// What a case finds: a file with these contents (or one of the words that make_file knows), a call that fails once.
-struct setting {
-  const char *path = nullptr, *contents = nullptr, *fails = nullptr;
-};
-
+// Makes a file with these contents, or one of a special kind.
 void make_file(const string &path, const string &contents) {
   if (contents == "<folder>") {
     std::filesystem::create_directory(path);
@@ -48,10 +44,13 @@ void make_file(const string &path, const string &contents) {
     if (mkfifo(path.c_str(), 0644) != 0) abort();
   } else if (contents == "<loop>") {
     std::filesystem::create_symlink(path, path);
-  } else if (contents.starts_with("<4094 blanks>")) {
+  } else if (contents.starts_with("<4094_blanks>")) {
     make_file(path, string(4094, ' ') + contents.substr(13));
-  } else if (contents.starts_with("-> ")) {
-    std::filesystem::create_symlink(contents.substr(3), path);
+  } else if (contents == "<stderr>") {
+    const int file = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+    if (dup2(file, STDERR_FILENO) < 0 || close(file) != 0) abort();
+  } else if (contents.starts_with("->")) {
+    std::filesystem::create_symlink(contents.substr(2), path);
   } else if (contents == "<covered>" || contents == "<read-only>" || contents == "<full>") {
     const bool full = contents == "<full>";
     const unsigned long flags = contents == "<read-only>" ? MS_RDONLY : 0;
@@ -60,11 +59,6 @@ void make_file(const string &path, const string &contents) {
   } else {
     std::ofstream(path, std::ios::binary) << contents;
   }
-}
-
-void apply(const setting &found) {
-  if (found.path != nullptr) make_file(found.path, found.contents);
-  if (found.fails != nullptr) recording::fail(found.fails, 1, -1);
 }
 
 void own_folders() {
@@ -80,34 +74,20 @@ void own_folders() {
   make_file("/var/tmp", "<covered>");
 }
 
-// A line of the start-up module's channel loses channel and colour, if the colour is that of its kind.
-string plain(const string &line) {
-  static const std::map<string, string> colours = {{"error", "31"}, {"warn", "33"}, {"info", "32"}, {"debug", "35"}};
-  const string start = "[dl] ", reset = "\\033[0m";
-  const size_t colon = line.find(": ");
-  if (!line.starts_with(start) || !line.ends_with(reset) || colon == string::npos) return line;
-  const string head = line.substr(start.size(), colon - start.size());  // kind and function
-  const string colour = head.ends_with(" dl_print_result") ? "34" : colours.at(head.substr(0, head.find(' ')));
-  string text = line.substr(colon + 2, line.size() - reset.size() - colon - 2);
-  const string expected = "\\033[" + colour + 'm';
-  return text.starts_with(expected) ? head + ": " + text.substr(expected.size()) : line;
-}
-
-// `text` with every line that starts with `start` left out.
-string without(const string &text, const string &start) {
-  string out;
-  std::istringstream stream(text);
-  for (string line; std::getline(stream, line);)
-    if (!line.starts_with(start)) out += line + '\n';
-  return out;
-}
-
 int trace_pipe = -1;
 
+// Pointers appear under names.
 void send_trace() {
   recording::alloc_fail_at(0, false);  // what ends the process may need memory
   string text;
-  for (const string &line : recording::take_trace()) text += plain(line) + '\n';
+  for (const string &line : recording::take_trace()) text += line + '\n';
+  const std::pair<const void *, const char *> names[] = {
+      {recording::global(), "CONTEXT"}, {recording::category("ko_lspan"), "CATEGORY"}, {nullptr, "NULL"}};
+  for (const auto &[pointer, name] : names) {
+    char printed[32];
+    const auto length = static_cast<size_t>(std::snprintf(printed, sizeof(printed), "0x%p.", pointer));
+    for (size_t at; (at = text.find(printed)) != string::npos;) text.replace(at, length - 1, name);
+  }
   if (write(trace_pipe, text.data(), text.size()) < 0) abort();
 }
 
@@ -142,12 +122,6 @@ outcome in_child(const std::function<int()> &body) {
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), text};
 }
 
-class startup : public testing::Test {
-  void SetUp() override {
-    if (in_child([] { return 0; }).status == no_namespace) GTEST_SKIP() << "mount namespaces are not permitted";
-  }
-};
-
 // Leaves the file open: closing it would end the lock that this process may hold on it.
 string read_pid_file() {
   char text[64];
@@ -155,70 +129,9 @@ string read_pid_file() {
   return {text, static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
-// Notes a run's status, what it handed out, and what it left in the process and its folders. The argument that
-// `missing` names is null; `conf` names the log channel.
-void run(uint32_t flags, std::string_view missing = "", const char *conf = "ko_lspan") {
-  const dl_init_in_t in = {missing == "zlog_conf" ? nullptr : conf};
-  dl_init_out_t out = {99, recording::category("stale"), recording::global()};
-  std::ostringstream note;
-  note << "rv=" << dl_init(flags, missing == "in" ? nullptr : &in, missing == "out" ? nullptr : &out);
-  note << " level=" << out.zlog_level << (out.zlog_category != nullptr ? " category" : "");
-  note << (out.global != nullptr ? " global" : "");
+string state_of_pid_file() {
   const string pid = read_pid_file();
-  if (!pid.empty()) note << (pid == std::to_string(getpid()) + '\0' ? " pid" : " other pid");
-  struct sigaction sigpipe = {};
-  sigaction(SIGPIPE, nullptr, &sigpipe);
-  recording::note(note.str() + (sigpipe.sa_handler == SIG_IGN ? " sigpipe" : ""));
-}
-
-// Trace lines.
-const string dl = "vx_zlog_init(\"dl\")\n", app = "vx_zlog_init(\"ko_lspan\")\n",
-             ham = "reg_process_exit_action(self, 2)\n", global = "vx_global_init(\"startup_test\")\n";
-
-string failed(const string &call, const string &answer) { return call.substr(0, call.size() - 1) + answer + '\n'; }
-string error(const string &func, const string &text) { return "error dl_" + func + ": <init> " + text + '\n'; }
-string step_failed(const string &step, int rv) {
-  return error("init", "init " + step + " failed, rv = " + std::to_string(rv) + '.');
-}
-
-TEST_F(startup, steps) {
-  const string no_pid_file = error("init_running_check", "open lockfile failed, fd = -1");
-  const string untouched = " level=99 category global";
-  const struct {
-    uint32_t flags;
-    const char *missing;
-    setting found;
-    string calls;
-    int32_t rv;
-    const char *step;  // that the driver says has failed
-    string state;
-  } cases[] = {
-      {0, "", {}, dl, 0, "", " level=0"},
-      {1, "", {}, dl, 0, "", " level=0 pid"},
-      {2, "", {}, dl + ham, 0, "", " level=0 sigpipe"},
-      {7, "", {}, dl + ham + app, 0, "", " level=1 category pid sigpipe"},
-      {15, "", {}, dl + ham + app + global, 0, "", " level=1 category global pid sigpipe"},
-      {7, "", {nullptr, nullptr, "vx_zlog_init"}, failed(dl, " = null"), -17, "", untouched},
-      {7, "", {"/proc", "<covered>"}, dl, -8, "proc name", untouched},
-      {7, "in", {}, dl + error("init_user_param", "in is (NULL)."), -4, "check param", untouched},
-      {7, "out", {}, dl + error("init_user_param", "out is (NULL)."), -4, "check param", untouched},
-      {7, "", {pid_file, "<folder>"}, dl + no_pid_file, -11, "check running", " level=0"},
-      {7, "", {"/var/run", "<read-only>"}, dl + no_pid_file, -11, "check running", " level=0"},
-      {1, "", {"/var/run", "<full>"}, dl, 0, "", " level=0"},
-      {1, "", {pid_file, "99999999 of a dead process"}, dl, 0, "", " level=0 pid"},
-      {1, "", {pid_file, "-> /var/tmp/elsewhere"}, dl, 0, "", " level=0 pid"},
-      {1, "", {pid_file, "-> /dev/full"}, dl, 0, "", " level=0 other pid"},
-      {1, "", {pid_file, "<fifo>"}, dl, 0, "", " level=0 pid"},
-      {2, "", {ham_file, ""}, dl, 0, "", " level=0 sigpipe"},
-      {2, "", {ham_file, "<fifo>"}, dl, 0, "", " level=0 sigpipe"},
-      {4, "zlog_conf", {}, dl + error("init_zlog", "zlog_conf is (NULL)."), -4, "zlog", " level=0"},
-  };
-  for (const auto &one : cases) {
-    if (emulated && one.rv == -8) continue;
-    const outcome out = in_child([&] { return apply(one.found), run(one.flags, one.missing), 0; });
-    const string driver = one.step[0] == '\0' ? "" : step_failed(one.step, one.rv);
-    EXPECT_EQ(out.trace, one.calls + driver + "rv=" + std::to_string(one.rv) + one.state + '\n');
-  }
+  return pid.empty() ? "" : pid == std::to_string(getpid()) + '\0' ? " pid" : " other pid";
 }
 
 int open_files() {
@@ -227,96 +140,107 @@ int open_files() {
   return count;
 }
 
-// Until a level file was read, errors are let through and nothing else. They are formatted without a category, too.
-TEST_F(startup, levels_before_the_files) {
-  EXPECT_EQ(4, in_child([] {
-                 recording::fail("vx_zlog_init", 1, -1);
-                 ko_lspan_main();
-                 return static_cast<int>(recording::format_count());
-               }).status);
+// Runs the driver, and notes the status, what was handed out, and what it left in the process and its folders.
+void run_driver(uint32_t flags, const dl_init_in_t *in, bool with_out) {
+  dl_init_out_t out = {99, recording::category("stale"), recording::global()};
+  const int before = open_files();
+  std::ostringstream note;
+  note << "rv=" << dl_init(flags, in, with_out ? &out : nullptr);
+  note << " level=" << out.zlog_level << (out.zlog_category != nullptr ? " category" : "");
+  note << (out.global != nullptr ? " global" : "") << " files+" << open_files() - before << state_of_pid_file();
+  struct sigaction sigpipe = {};
+  sigaction(SIGPIPE, nullptr, &sigpipe);
+  recording::note(note.str() + (sigpipe.sa_handler == SIG_IGN ? " sigpipe" : ""));
 }
 
-// Everything that runs in one process write, and what each level lets through. No file stays open. A failed context is
-// asked for again, one that was made is not.
-TEST_F(startup, levels) {
-  const auto result = [](const void *context, const void *category, const char *level, const char *state) {
-    char text[512];
-    std::snprintf(text, sizeof(text),
-                  "info dl_print_result: <init> + result for dl_init_arg_t.\n"
-                  "info dl_print_result: <init>   - proc name is startup_test.\n"
-                  "info dl_print_result: <init> + result for dl_init_out_t.\n"
-                  "info dl_print_result: <init>   - global is 0x%p.\n"
-                  "info dl_print_result: <init>   - zlog category is 0x%p.\n"
-                  "info dl_print_result: <init>   - zlog level is %s.\n"
-                  "info dl_init: init end.\n"
-                  "rv=0 level=%s%s sigpipe\n",
-                  context, category, level, level, state);
-    return string(text);
-  };
-  const string with_context = result(recording::global(), nullptr, "0", " global");
-  const auto done = [](const string &step) { return "debug dl_init: <init> init " + step + " successfully.\n"; };
-  const string marker = "warn dl_init_ham: <init> don't need reg ham.\n" + done("ham");
-  const string again =
-      "info dl_init: init start.\n" + done("inner zlog") + done("proc name") + done("check param") + marker;
-  const string all =
-      dl + "info dl_init_inner_zlog: <init> inner zlog level is LEVEL.\n" + done("inner zlog") +
-      "info dl_init_proc_name: <init> proc name is startup_test.\n" + done("proc name") + done("check param") + marker +
-      failed(global, " = null") + error("init_global", "init global failed.") + step_failed("global", -17) +
-      "rv=-17 level=0 sigpipe\n" + again + global + "info dl_init_global: <init> init global successfully.\n" +
-      done("global") + with_context + again + done("global") + with_context + "info dl_init: init start.\n" +
-      done("inner zlog") + done("proc name") + done("check param") + app +
-      "warn dl_get_zlog_level: <init> open /var/tmp/ko_lspan.zlog failed.\n" +
-      "info dl_init_zlog: <init> init zlog ko_lspan successfully, level = 1.\n" + done("zlog") +
-      result(nullptr, recording::category("ko_lspan"), "1", " category");
-  const std::map<string, uint32_t> needed = {{"error ", 1}, {"warn ", 2}, {"info ", 4}, {"debug ", 5}};
-  for (const int level : {0, 1, 2, 3, 4, 5, 6, -1}) {
-    string expected = all;
-    expected.replace(expected.find("LEVEL"), 5, std::to_string(level));
-    for (const auto &[kind, least] : needed)
-      if (static_cast<uint32_t>(level) < least) expected = without(expected, kind);
-    const outcome out = in_child([&] {
-      make_file(dl_file, std::to_string(level));
-      apply({ham_file, "", "vx_global_init"});
-      const int before = open_files();
-      for (const uint32_t flags : {10, 10, 10, 4}) run(flags);
-      return open_files() - before;
-    });
-    EXPECT_EQ(out.status, 0);
-    EXPECT_EQ(out.trace, expected);
+// Runs the driver with these flags, one after the other. Behind the word "fork" a second process goes on.
+void run_driver(const words &flags, const string &conf, const string &missing) {
+  const dl_init_in_t in = {missing == "conf" ? nullptr : conf.c_str()};
+  for (const string &one : flags) {
+    if (one != "fork") {
+      run_driver(static_cast<uint32_t>(std::stoul(one)), missing == "in" ? nullptr : &in, missing != "out");
+    } else if (fork() != 0) {
+      wait(nullptr);
+      return recording::note("first process:" + state_of_pid_file());
+    } else {
+      recording::take_trace();
+    }
   }
 }
 
-TEST_F(startup, level_files) {
-  const std::map<uint32_t, std::vector<string>> cases = {
-      {0, {"0"}},
-      {1, {"<loop>", "", "x5", "<folder>", "<fifo>", "-> /dev/zero", "-> /dev/full", "<4094 blanks> 5"}},
-      {5, {"5", "<4094 blanks>5"}},
-      {7, {" \n\t +7x"}},
-      {INT32_MAX, {"2147483647"}},
-      {1U << 31, {"-2147483648"}},
-      {UINT32_MAX, {"-1\n"}}};
-  size_t length = 62;  // of the name
-  for (const auto &[level, files] : cases)
-    for (const string &contents : files) {
-      const string name(++length, 'n');
-      const outcome out = in_child([&] {
-        make_file("/var/tmp/" + name.substr(0, 64) + ".zlog", contents);
-        return run(4, "", name.c_str()), 0;
-      });
-      EXPECT_EQ(out.trace, dl + "vx_zlog_init(\"" + name + "\")\nrv=0 level=" + std::to_string(level) + " category\n");
-    }
+// The daemon's main, and the wake-up inside its loop.
+int run_main() {
+#define NAME(function) recording::name_pointer(reinterpret_cast<const void *>(function), #function)
+  NAME(ko_lspan_mom_rdnd_awake_cb);
+  NAME(ko_lspan_info_handle);
+  NAME(ko_lspan_outgrb_handle);
+  NAME(ko_lspan_mom_result_info_set);
+  NAME(ko_lspan_all_ds_over_handler);
+#undef NAME
+  recording::on_run([] {
+    recording::note("rv=" + std::to_string(recording::awake()(nullptr)));
+    if (recording::all_ds_handler() != nullptr && recording::all_ds_handler()(nullptr) != 0) recording::note("not 0");
+  });
+  const int status = ko_lspan_main();
+  recording::alloc_fail_at(0, false);
+  recording::note("formatted " + std::to_string(recording::format_count()));
+  return status;
 }
 
-TEST_F(startup, second_instance_ends) {
-  const outcome out = in_child([] {
-    run(1);
-    const string before = read_pid_file();
-    if (fork() == 0) recording::take_trace(), run(1);
-    wait(nullptr);
-    return read_pid_file() == before ? 0 : 1;
-  });
-  EXPECT_EQ(out.status, 0) << "the pid file changed";
-  EXPECT_EQ(out.trace, error("init_running_check", "lock lockfile failed") + dl + "rv=0 level=0 pid\n");
+// What the line asks for: the trace, the status and the number of texts that were formatted.
+int run_case(const words &line) {
+  string conf = "ko_lspan", missing;
+  words flags;
+  uint64_t failing = 0, exhausted = 0;
+  bool forever = false;
+  for (const string &word : words(line.begin() + 1, line.end())) {
+    const size_t split = word.find('=');
+    const string name = word.substr(0, split), value = split == string::npos ? "" : word.substr(split + 1);
+    if (name[0] == '/')
+      make_file(name, value);
+    else if (split == string::npos)
+      flags.push_back(word);
+    else if (name == "conf")
+      conf = value;
+    else if (name == "null")
+      missing = value;
+    else if (name == "call")
+      failing = std::stoull(value);
+    else if (name == "calls_of")
+      recording::fail(value, 1, -1);
+    else if (name == "allocation")
+      exhausted = std::stoull(value), forever = value.ends_with('+');
+    else
+      throw std::invalid_argument("unknown word: " + word);
+  }
+  if (failing != 0) recording::fail("", failing, -1000);
+  if (exhausted != 0) recording::alloc_fail_at(exhausted, forever);
+  if (line.at(0) == "main") return run_main();
+  return run_driver(flags, conf, missing), 0;
+}
+
+// The lines of the trace; of main the first that are as in `whole`, its trace without failures, are one.
+words step(const words &line, words &whole) {
+  const outcome out = in_child([&] { return run_case(line); });
+  std::istringstream in(out.trace);
+  words lines;
+  for (string one; std::getline(in, one);) lines.push_back(one);
+  if (line.at(0) == "main") {
+    const auto differs = std::mismatch(whole.begin(), whole.end(), lines.begin(), lines.end()).second;
+    if (whole.empty())
+      whole = lines;
+    else if (differs != lines.begin())
+      *lines.erase(lines.begin(), differs - 1) = "...";
+    lines.push_back("= " + std::to_string(out.status));
+  }
+  return lines;
+}
+
+void run_file(const std::filesystem::path &file) {
+  if (in_child([] { return 0; }).status == no_namespace) GTEST_SKIP() << "mount namespaces are not permitted";
+  if (emulated && file.stem() == "no_proc") GTEST_SKIP() << "the emulator has a /proc/self/exe of its own";
+  words whole;
+  scenario::check(file, [&](const string &line) { return step(scenario::split(line), whole); });
 }
 
 const char *const report_variable = "KO_REPORT_NAME";
@@ -335,7 +259,8 @@ int report_name() {
 }
 
 // Neither the words of the command line nor what the name is made of matters.
-TEST_F(startup, process_names) {
+TEST(Startup, process_names) {
+  if (in_child([] { return 0; }).status == no_namespace) GTEST_SKIP() << "mount namespaces are not permitted";
   if (emulated) GTEST_SKIP() << "needs programs that the kernel starts";
   const string folder = std::filesystem::canonical("/var/run").string() + '/';
   std::vector<string> names{"%s%n%999999d", "two\nlines", "\xff \033[2J"};
@@ -347,125 +272,11 @@ TEST_F(startup, process_names) {
       std::filesystem::copy_file("/proc/self/exe", path);
       if (dup2(trace_pipe, 1) < 0 || setenv(report_variable, "1", 1) != 0) return 1;
       string other(200, 'a');
-      char *const words[] = {name.size() % 2 == 0 ? other.data() : nullptr, nullptr};
-      execv(path.c_str(), words);
+      char *const arguments[] = {name.size() % 2 == 0 ? other.data() : nullptr, nullptr};
+      execv(path.c_str(), arguments);
       return 2;
     });
     EXPECT_EQ(out.trace, seen + '\n' + seen.substr(0, 64) + '\n');
-  }
-}
-
-const string open_store = "vx_mom_ab_init(null, \"ko_lspan\", 0, 0)\n",
-             redundancy =
-                 "rdnd_lib_mom_reg(\"ko_lspan\", instance, context, ko_lspan_mom_rdnd_awake_cb, "
-                 "ko_lspan_mom_rdnd_awake_cb, 0, 0, 0, [4 8 6])\n";
-
-int named_main() {
-#define NAME(function) recording::name_pointer(reinterpret_cast<const void *>(function), #function)
-  NAME(ko_lspan_mom_rdnd_awake_cb);
-  NAME(ko_lspan_info_handle);
-  NAME(ko_lspan_outgrb_handle);
-  NAME(ko_lspan_mom_result_info_set);
-  NAME(ko_lspan_all_ds_over_handler);
-#undef NAME
-  return ko_lspan_main();
-}
-
-// What main and the wake-up inside its loop do. `found` is what they find.
-outcome live(const std::function<void()> &found) {
-  return in_child([&] {
-    found();
-    recording::on_run([] {
-      recording::note("rv=" + std::to_string(recording::awake()(nullptr)));
-      if (recording::all_ds_handler() != nullptr && recording::all_ds_handler()(nullptr) != 0) recording::note("not 0");
-    });
-    return named_main();
-  });
-}
-
-const string woken = R"(vx_global_run(context)
-libddm_init(context, "ko_lspan")
-vx_mom_reg_ds(sources, 3, 7)
-  input 0 CONF_DB u_monitor.mirror_lspan_info {t_user="ko_lspan"} enabled=1 output=0
-  input 1 CONF_DB p_policy.data_intf_conf {} enabled=1 output=0
-  input 2 UDP_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=0
-  output 0 UDP_DB u_monitor.span_port_src_info {t_user="ko_lspan"} enabled=1 output=1
-  output 1 UDP_DB u_monitor.span_acl_src_info {t_user="ko_lspan"} enabled=1 output=1
-  output 2 UDP_DB u_monitor.span_vlan_src_info {t_user="ko_lspan"} enabled=1 output=1
-  output 3 UDP_DB u_monitor.span_dst_info {t_user="ko_lspan"} enabled=1 output=1
-  output 4 UDP_DB u_monitor.span_mtp_info {t_user="ko_lspan"} enabled=1 output=1
-  output 5 CONF_DB u_monitor.mirror_result_info {t_user="ko_lspan"} enabled=1 output=1
-  output 6 FWD_DB u_bridge.udp_pt_learn {t_app_name="ko_lspan"} enabled=1 output=1
-vx_mom_set_ds_opt(sources, 77, 2, 1)
-info ko_lspan_mom_rdnd_awake_cb: vx_mom_set_ds_opt init sucess\r\n
-vx_mom_reg_key_event(sources, CONF_DB u_monitor.mirror_lspan_info, 0, ko_lspan_info_handle, null)
-vx_mom_reg_key_event(sources, CONF_DB p_policy.data_intf_conf, 0, ko_lspan_outgrb_handle, null)
-vx_mom_reg_key_event(sources, UDP_DB u_monitor.mirror_result_info, 0, ko_lspan_mom_result_info_set, null)
-vx_mom_reg_key_event(sources, CONF_DB u_monitor.mirror_lspan_info, 1, ko_lspan_info_handle, null)
-vx_mom_reg_key_event(sources, CONF_DB p_policy.data_intf_conf, 1, ko_lspan_outgrb_handle, null)
-vx_mom_reg_all_ds_event(sources, 0, ko_lspan_all_ds_over_handler, null)
-rv=0
-info ko_lspan_all_ds_over_handler: lspan ds over.\r\n
-vx_global_finish(context)
-)";
-
-TEST_F(startup, daemon_lives) {
-  const outcome out = live([] { make_file(app_file, "4"); });
-  EXPECT_EQ(out.status, 0);
-  EXPECT_EQ(out.trace, dl + ham + app + open_store + redundancy + woken);
-}
-
-// Every call from the start of main to the end of the wake-up, and every allocation, fails in turn.
-TEST_F(startup, each_failure) {
-  const string whole = dl + ham + app + open_store + redundancy + without(woken, "info ");
-  const string end = "vx_global_finish(context)\n";
-  const auto woken_to = [&](const string &text) {
-    return " = -1000\nerror ko_lspan_mom_rdnd_awake_cb: " + text + "\\r\\n\nrv=-1000\n" + end;
-  };
-  const struct {
-    const char *call;
-    string follows;
-    int status = 0;
-  } rows[] = {
-      {"vx_zlog_init(\"dl\"", " = null\n", 239},
-      {"reg_process_exit_action",
-       " = -1000\n" + error("init_ham", "reg ham failed, rv = -1000") + step_failed("ham", -1000), 24},
-      {"vx_zlog_init(\"ko",
-       " = null\n" + error("get_zlog_category", "init zlog ko_lspan failed.") +
-           error("init_zlog", "init zlog ko_lspan failed, rv = -17.") + step_failed("zlog", -17),
-       239},
-      {"vx_mom_ab_init", " = null\nerror ko_lspan_mom_init: mom_ab init fail\n"},
-      {"rdnd_lib_mom_reg", " = -1000\nerror ko_lspan_mom_init: RDND_ELEMENT_REG_UNAWARE failed -1000.\n"},
-      {"libddm_init", woken_to("libddm_init failed -1000.")},
-      {"vx_mom_reg_ds", ""},  // its answer is only handed on
-      {"vx_mom_set_ds_opt", woken_to("vx_mom_set_ds_opt fail, rv=-1000")},
-      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=0")},
-      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=1")},
-      {"vx_mom_reg_key_event", woken_to("mom set add_event fail, rv=-1000, i=2")},
-      {"vx_mom_reg_key_event", woken_to("mom set del_event fail, rv=-1000, i=0")},
-      {"vx_mom_reg_key_event", woken_to("mom set del_event fail, rv=-1000, i=1")},
-      {"vx_mom_reg_all_ds_event", " = -1000\nrv=0\n" + end},
-  };
-  uint64_t k = 0;
-  size_t at = 0;  // in the trace without failures
-  for (const auto &row : rows) {
-    at = whole.find('\n', whole.find(row.call, at));
-    string expected = whole.substr(0, at) + row.follows;
-    if (row.follows.empty()) {
-      expected += " = -1000" + whole.substr(at);
-      expected.replace(expected.find("77"), 2, std::to_string(UINT32_MAX - 999));
-    }
-    const outcome out = live([k = ++k] { recording::fail("", k, -1000); });
-    EXPECT_EQ(out.status, row.status) << row.call;
-    EXPECT_EQ(out.trace, expected);
-  }
-  EXPECT_EQ(live([&] { recording::fail("", k + 1, -1000); }).trace, whole) << "a call that is not in the table";
-  const string no_table = dl + ham + app + open_store + "error ko_lspan_mom_init: outgrb hash init fail\n";
-  for (k = 1; k <= 6; ++k) {
-    const uint64_t n = (k + 1) / 2;
-    const outcome out = live([&] { recording::alloc_fail_at(n, k % 2 == 0); });
-    EXPECT_EQ(out.status, n <= 2 ? 254 : 0) << n;
-    EXPECT_EQ(out.trace, n <= 2 ? no_table : whole);
   }
 }
 
@@ -474,5 +285,5 @@ TEST_F(startup, each_failure) {
 int main(int argc, char **argv) {
   if (std::getenv(report_variable) != nullptr) return report_name();
   testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
+  return scenario::run_tests("Startup", "/start", run_file);
 }

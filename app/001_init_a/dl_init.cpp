@@ -5,8 +5,8 @@
 
 namespace {
 
-// Later rows rely on earlier ones: all report through the channel of the first, and "proc name" comes before any step
-// that builds a file name.
+// The order matters: all steps log to the channel that the first one opens, and the steps that build file names come
+// after "proc name".
 const dl_init_step_t dl_init_steps[] = {
     {"inner zlog", dl_init_inner_zlog, 0},      {"proc name", dl_init_proc_name, 0},
     {"check param", dl_init_user_param, 0},     {"check running", dl_init_running_check, DL_INIT_CHECK_RUNNING},

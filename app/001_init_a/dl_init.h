@@ -26,7 +26,7 @@ struct dl_init_out_t {
   vx_global *global;                // null unless the step "global" was selected
 };
 
-// What one run hands from step to step.
+// State that the steps of one run share.
 struct dl_init_arg_t {
   char proc_name[dl_name_size];  // base name of the executable file
   const dl_init_in_t *in;
@@ -36,7 +36,7 @@ struct dl_init_arg_t {
 struct dl_init_step_t {
   char name[dl_name_size];
   int32_t (*func)(dl_init_arg_t *arg);  // 0: success
-  uint32_t mask;                        // runs when all these bits are selected; 0: always
+  uint32_t mask;                        // runs when all these flags are selected; 0: always
 };
 
 // Runs the steps that `flags` (DL_INIT_...) selects. Returns 0, or the status of the first step that failed:
@@ -46,7 +46,7 @@ struct dl_init_step_t {
 // with status ko_status_locked.
 int32_t dl_init(uint32_t flags, const dl_init_in_t *in, dl_init_out_t *out);
 
-// Writes what `arg` holds to the start-up module's log channel, at info level.
+// Logs the contents of `arg` in the start-up module's channel, at info level.
 void dl_print_result(const dl_init_arg_t *arg);
 
 // The steps, in the order in which they run. Each returns 0 or one of the statuses above.
@@ -61,5 +61,5 @@ int32_t dl_init_global(dl_init_arg_t *arg);
 // Reads the level file of `in->zlog_conf` into *level; 1 when it holds no number.
 void dl_get_zlog_level(const dl_init_in_t *in, uint32_t *level);
 
-// Reports that the category of `in->zlog_conf` cannot be had. Returns ko_status_unavailable.
+// Logs that the category of `in->zlog_conf` cannot be obtained. Returns ko_status_unavailable.
 int32_t dl_get_zlog_category(const dl_init_in_t *in);

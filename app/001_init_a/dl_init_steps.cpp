@@ -1,6 +1,6 @@
 // Start-up steps: process name, arguments, single instance, high-availability monitor, global context.
 //
-// Nothing is released: the caches and the pid file's lock last as long as the process.
+// Nothing is released: caches and the lock of the pid file are kept until the process ends.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -31,8 +31,8 @@ int32_t read_proc_name(char *name) {
   return 0;
 }
 
-// A process that executed itself anew still has the pid file open, and its lock. Closing any descriptor of the file
-// would give the lock away, so that this one is used again. Returns it, or -1 when `path` is not open for writing.
+// A process that has executed itself again still has the pid file open and locked. Closing any descriptor of the file
+// would release the lock, so that one is used again. Returns it, or -1 when `path` is not open for reading and writing.
 int find_open_file(const char *path) {
   struct stat wanted;
   if (stat(path, &wanted) != 0) return -1;
@@ -49,7 +49,7 @@ int find_open_file(const char *path) {
   return found;
 }
 
-// Takes the write lock on the whole file without waiting. The lock is the process's: a second run in the same process
+// Takes the write lock on the whole file without waiting. The process owns the lock: a second run in the same process
 // gets it again.
 bool lock_file(int fd) {
   struct flock lock = {};
@@ -58,7 +58,7 @@ bool lock_file(int fd) {
   return fcntl(fd, F_SETLK, &lock) == 0;
 }
 
-// Replaces the file's contents with the process id and a NUL. Only the lock matters: a full disk is no reason to stop.
+// Replaces the file's contents with the process id and a NUL. Only the lock matters: a full disk is no error.
 void write_pid(int fd) {
   char text[dl_name_size] = {};
   std::snprintf(text, sizeof(text), "%ld", static_cast<long>(getpid()));
@@ -118,7 +118,7 @@ int32_t dl_init_ham(dl_init_arg_t *arg) {
   std::signal(SIGPIPE, SIG_IGN);
   char path[dl_name_size];
   std::snprintf(path, sizeof(path), "/var/tmp/%.64s.ham", arg->proc_name);
-  // Anyone may create files there: without O_NONBLOCK a FIFO of that name would hold start-up for ever.
+  // Anyone may create files there: without O_NONBLOCK a FIFO of that name would block start-up forever.
   const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (fd >= 0) {
     close(fd);

@@ -13,11 +13,11 @@ uint32_t dl_inner_zlog_level = 1;
 
 namespace {
 
-constexpr size_t level_text_size = 4096;  // bytes of a level file that are looked at, with a NUL
+constexpr size_t level_text_size = 4096;  // bytes of a level file that are read, with a NUL
 
 // Reads the start of a level file into the zeroed `text`; false when it cannot be opened. Anyone may create files in
-// that folder: without O_NONBLOCK a FIFO of that name would hold start-up for ever, and to skip a gigabyte of blanks,
-// or to take a number of as many digits, would cost seconds and memory.
+// that directory: without O_NONBLOCK a FIFO of that name would block start-up forever, and without the limit a gigabyte
+// of blanks or digits would cost seconds and memory.
 bool read_level_file(const char *path, char (&text)[level_text_size]) {
   const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) return false;

@@ -1,7 +1,7 @@
-// The one way in which every diagnostic of the daemon is written.
+// How every diagnostic of the daemon is written.
 //
 // A channel is a log category and a numeric level, read once at start-up. The level decides before anything is
-// formatted, so that a disabled message costs one comparison. The formatted text is handed over as the argument of
+// formatted, so that a disabled message costs one comparison. The formatted text is passed as the argument of
 // "%s", never as a format.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 #include "vx_zlog.h"
 
-// A kind of message: the channel level that it needs, and the level number that the log library is given.
+// A kind of message: the lowest channel level that admits it, and its level number for the log library.
 struct dl_zlog_kind {
   uint32_t threshold;
   int zlog_level;

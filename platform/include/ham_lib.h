@@ -9,7 +9,7 @@
 extern "C" {
 #endif
 
-/* Asks for `action` (a code of the monitor's) when process `pid` ends. Returns 0 or a non-zero status. */
+/* Requests `action` (a code of the monitor) for the end of process `pid`. Returns 0 or a non-zero status. */
 int32_t reg_process_exit_action(pid_t pid, uint32_t action);
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
-/* Enumeration conversion: numbers as they stand in records to the platform's own. A number without a
- * counterpart is passed through. */
+/* Enumeration conversion: from wire values, as in records, to the platform's local values. A value without a
+ * counterpart is returned unchanged. */
 #ifndef IDL_TRANS_H
 #define IDL_TRANS_H
 

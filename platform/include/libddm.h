@@ -1,4 +1,4 @@
-/* Interface translation: interface indexes to physical port ids. */
+/* Interface translation: from interface indexes to physical port ids. */
 #ifndef LIBDDM_H
 #define LIBDDM_H
 
@@ -10,11 +10,11 @@
 extern "C" {
 #endif
 
-/* Readies the library for the application `app_name`. Called once, before any translation. Returns 0 or a
+/* Initializes the library for the application `app_name`. Called once, before any translation. Returns 0 or a
  * non-zero status. */
 int32_t libddm_init(struct vx_global *global, const char *app_name);
 
-/* Puts the physical id of interface `ifx` into *phyid. Returns 0, or a non-zero code with *phyid as it was. */
+/* Stores the physical id of interface `ifx` in *phyid. Returns 0, or a non-zero code and leaves *phyid unchanged. */
 int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid);
 
 #ifdef __cplusplus

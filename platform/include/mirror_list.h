@@ -1,12 +1,12 @@
-/* Mirror lists: the sessions and what belongs to them, in memory.
+/* Mirror lists: the mirror sessions in memory, with their sources, destinations and targets.
  *
- * Every list is circular and doubly linked: a head in the owner, and a link as the first member of every entry,
- * so that a list position is the entry itself. A list is empty when its head's `next` is the head. Callers may
- * walk a list from the head's `next` until they are back at the head; only the calls below change one.
+ * Every list is circular and doubly linked: a head in its owner, and a link as the first member of every entry,
+ * so that a pointer to the link points to the entry. A list is empty when its head's `next` is the head. Callers
+ * may walk a list from the head's `next` until they reach the head again; only the calls below change one.
  *
  * Entries are allocated by the add calls with the standard allocator, zero-filled and linked at the tail. After
  * mirror_list_del has unlinked one, the caller releases it with free(). The caller fills an entry's fields; those
- * that a search compares (named there) must not change while the entry is in its list, once they are set. */
+ * that a search compares (named there) must not change any more once they are set, until the entry is unlinked. */
 #ifndef MIRROR_LIST_H
 #define MIRROR_LIST_H
 
@@ -37,7 +37,7 @@ struct mirror_ip_head {
 struct mirror_info {
   struct mirror_link link;
   uint32_t session_id; /* session number */
-  uint32_t mod_type;   /* module type, local value; as it was when the session was created */
+  uint32_t mod_type;   /* module type, local value, of the time when the session was created */
   struct mirror_link src_list;
   struct mirror_link dst_list;
   struct mirror_link mtp_list; /* at most one entry */
@@ -121,7 +121,7 @@ struct dst_info *mirror_list_add_dst_info(struct mirror_link *dst_list);
 struct mtp_info *mirror_list_add_mtp_info(struct mirror_link *mtp_list);
 
 /* Each returns the entry of the list whose fields equal the arguments, or null. `dir` is a wire value, which
- * the search converts before it compares. */
+ * the search converts to the local one before it compares. */
 struct mirror_info *mirror_list_search_session_info(struct mirror_link *session_list, uint32_t session_id);
 struct src_info *mirror_list_search_src_info(struct mirror_link *src_list, uint32_t dir, uint32_t s_phyid,
                                              uint32_t acl_id);
@@ -129,7 +129,7 @@ struct dst_info *mirror_list_search_dst_info(struct mirror_link *dst_list, uint3
                                              uint32_t d_phyid, uint32_t acl_id);
 struct mtp_info *mirror_list_search_mtp_info(struct mirror_link *mtp_list, uint32_t session_id);
 
-/* Unlinks an entry, whatever its kind, from its list without freeing it. Returns 0. */
+/* Unlinks an entry of any kind from its list without freeing it. Returns 0. */
 int32_t mirror_list_del(struct mirror_link *entry);
 
 #ifdef __cplusplus

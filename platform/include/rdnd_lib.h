@@ -14,12 +14,12 @@ extern "C" {
 /* Called from inside the event loop. `context` is the service's own; the status is returned to the service. */
 typedef int32_t (*rdnd_awake_cb)(void *context);
 
-/* Ten words, 32 bits each on the switch. It and everything it points at last as long as the process. */
+/* Ten words, 32 bits each on the switch. It and everything it points to are valid as long as the process lives. */
 struct rdnd_mom_reg_info {
   uintptr_t instance; /* the context's `instance` */
   const char *app_name;
   struct vx_global *global; /* the context that the callbacks run in */
-  rdnd_awake_cb awake;      /* the process may start its work */
+  rdnd_awake_cb awake;      /* the process is active and may start its work */
   rdnd_awake_cb awake_peer; /* the same for a process that takes over from a peer */
   uintptr_t reserved[3];    /* 0 */
   const uint32_t *db_list;  /* ids of the store databases that the process works on */
@@ -46,7 +46,7 @@ RDND_WORD(n_db, 9);
 #undef RDND_WORD
 #endif
 
-/* Registers the process; the library may keep the record's address. The wake-up callback is called once, later, from
+/* Registers the process; the library may keep the record's address. It calls a wake-up callback later, once, from
  * inside the event loop. Returns 0 or a non-zero status. */
 int32_t rdnd_lib_mom_reg(const struct rdnd_mom_reg_info *info);
 

@@ -12,7 +12,7 @@ extern "C" {
 
 struct vx_global {
   void *loop;         /* the platform's event loop; owned by the context */
-  uintptr_t instance; /* the platform's mark for this process; handed on, never interpreted */
+  uintptr_t instance; /* the platform's identification of this process; passed on, never interpreted */
 };
 
 /* Creates a context. `proc_name` names the process in the platform's messages; it is copied.
@@ -22,7 +22,7 @@ struct vx_global *vx_global_init(const char *proc_name);
 /* Runs the event loop; returns only when the loop ends. */
 void vx_global_run(struct vx_global *global);
 
-/* Releases the context and what the platform attached to it; null is allowed. */
+/* Releases the context and what the platform attached to it. Null is allowed. */
 void vx_global_finish(struct vx_global *global);
 
 #ifdef __cplusplus

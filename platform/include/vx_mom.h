@@ -1,14 +1,14 @@
 /* Record store.
  *
- * Records are protocol-buffer messages in numbered databases. A record carries its key in the field `index`, a
- * message of its own. A process declares the records that it reads and writes, registers handlers for events of
- * those it reads, and is then handed every record and every change, one at a time, from inside the event loop of
- * the global context. Nothing here may be called from another thread.
+ * Records are protocol-buffer messages in numbered databases. The key of a record is a message, its field
+ * `index`. A process declares the types of records that it reads and writes and registers event handlers for those
+ * that it reads. The library then delivers every record and every change, one at a time, from inside the event
+ * loop of the global context. Nothing here may be called from another thread.
  *
  * Life of a registration: vx_mom_ab_init, vx_mom_reg_ds, vx_mom_set_ds_opt, vx_mom_reg_key_event for each source,
- * vx_mom_reg_all_ds_event. Reading starts when control is back in the event loop: first every stored record as a
+ * vx_mom_reg_all_ds_event. Reading starts when control returns to the event loop: first every stored record as a
  * set event, source by source in the order of the entries, then the all-data-sources-over event, then changes as
- * they happen. After a break of the connection the handlers are given the difference. */
+ * they happen. After a lost connection the handlers receive events for what has changed meanwhile. */
 #ifndef VX_MOM_H
 #define VX_MOM_H
 
@@ -31,16 +31,16 @@ enum {
   VX_MOM_UNKNOWN = -7  /* the source is not declared */
 };
 
-/* Kinds of key events. A published message is handed over as it comes, and to nobody who does not listen then. */
+/* Kinds of key events. A published message reaches only those who listen at that time; it is not stored. */
 enum { VX_MOM_EVENT_SET = 0, VX_MOM_EVENT_DEL = 1, VX_MOM_EVENT_PUBLISH = 2 };
 
 /* Options of a declaration of sources. */
 enum {
-  VX_MOM_OPT_OWN_RECORDS = 2 /* 1: also read the process's own records in its outputs, so that a restart leaves
-                                them as they should be: equal ones are not written again, left-over ones deleted */
+  VX_MOM_OPT_OWN_RECORDS = 2 /* 1: also read the process's own records in its outputs, so that after a restart
+                                equal ones are not written again and left-over ones are deleted */
 };
 
-/* Registration of one process. The library's own data stand behind this struct. */
+/* Registration of one process. The library's own data follow this struct. */
 struct vx_mom_ab {
   struct vx_global *global; /* the context that the events are delivered in; the store handle of the record calls */
 };
@@ -91,13 +91,13 @@ typedef int32_t (*vx_mom_event_cb)(void *context, uint32_t is_del, const void *m
 /* Handler of the all-data-sources-over event: every declared input was read for the first time. */
 typedef int32_t (*vx_mom_all_ds_cb)(void *context);
 
-/* Registers the application `app_name` (copied) with the store. `opt` lasts as long as the process. `global` may be
- * null: a context is created then. Returns the handle, owned by the library until the context is finished, or null when
- * the platform's configuration cannot be used. A store that cannot be reached is no failure: it is tried again. */
+/* Registers the application `app_name` (copied) with the store. `opt` is valid as long as the process lives. `global`
+ * may be null: a context is created then. Returns the handle, owned by the library until the context is finished, or
+ * null when the platform's configuration cannot be used. An unreachable store is no failure: it is tried again. */
 struct vx_mom_ab *vx_mom_ab_init(struct vx_global *global, const char *app_name, const struct vx_mom_ab_opt *opt);
 
 /* Declares the sources; replaces what was declared before. Entries and templates are copied. An input whose messages
- * have no `index` can only be listened to for what is published. Returns a number for vx_mom_set_ds_opt, 0 when the
+ * have no `index` can only receive published messages. Returns a number for vx_mom_set_ds_opt, 0 when the
  * declaration was refused (the log says why). */
 uint32_t vx_mom_reg_ds(struct vx_mom_ab *ab, const struct mom_ds_entry *inputs, uint32_t n_inputs,
                        const struct mom_ds_entry *outputs, uint32_t n_outputs);
@@ -114,13 +114,13 @@ int32_t vx_mom_reg_key_event(struct vx_mom_ab *ab, const struct mom_ds_entry *in
 int32_t vx_mom_reg_all_ds_event(struct vx_mom_ab *ab, uint32_t flags, vx_mom_all_ds_cb handler, void *user);
 
 /* The record calls. `message` is encoded during the call and stays the caller's; the last two arguments are 0.
- * 0 means that the write is accepted: it is sent with the others of this turn of the loop, sent again when the
- * connection breaks, and logged and counted when the server refuses it. Other results: VX_MOM_MISSING,
+ * 0 means that the write is accepted: it is sent with the others of this turn of the loop, sent again after a lost
+ * connection, and logged and counted when the server refuses it. Other results: VX_MOM_MISSING,
  * VX_MOM_INVALID.
  *
  * set: creates the record or replaces the one with the same key.
- * del: deletes the record with the key in `index`; the other fields are not looked at. No such record is no error.
- * publish: hands `message`, which needs no key, to those who listen now; nothing is stored. */
+ * del: deletes the record with the key in `index`; the other fields are ignored. A missing record is no error.
+ * publish: delivers `message`, which needs no key, to those who listen now; nothing is stored. */
 int32_t vx_mom_set(struct vx_global *store, uint32_t db_id, const ProtobufCMessage *message, uint32_t zero1,
                    uint32_t zero2);
 int32_t vx_mom_del(struct vx_global *store, uint32_t db_id, const ProtobufCMessage *message, uint32_t zero1,

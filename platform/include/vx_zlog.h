@@ -1,6 +1,6 @@
-/* Logging wrappers.
+/* Logging.
  *
- * A category is one log channel; where its lines go and how they look is the platform's configuration. */
+ * A category is one log channel; the platform's configuration decides where its lines go and how they look. */
 #ifndef VX_ZLOG_H
 #define VX_ZLOG_H
 
@@ -15,11 +15,11 @@ enum { VX_ZLOG_DEBUG = 20, VX_ZLOG_INFO = 40, VX_ZLOG_WARN = 80, VX_ZLOG_ERROR =
 typedef struct vx_zlog_category vx_zlog_category;
 
 /* Returns the category of that name, owned by the platform and valid until the process ends, or null when it
- * cannot be obtained. Asking again for a name gives the same category. */
+ * cannot be obtained. The same name always gives the same category. */
 vx_zlog_category *vx_zlog_init(const char *category_name);
 
 /* Writes one record. `file` and `func` need no terminating NUL, their lengths are in bytes. `level` is one of
- * the numbers above. A record that cannot be written is lost; nothing is reported. */
+ * the numbers above. A record that cannot be written is lost without a report. */
 void vxdf_zlog(vx_zlog_category *category, const char *file, size_t file_len, const char *func, size_t func_len,
                long line, int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
 

@@ -1,6 +1,6 @@
-// Recording platform: defines every call of platform/include/, answers as scripted, and keeps what happened.
+// Recording platform: implements every call of platform/include/, answers as scripted, and records what happened.
 //
-// Three things can be looked at afterwards: the trace (every platform call and every log line, in order, as text),
+// A test can then inspect three things: the trace (every platform call and every log line, in order, as text),
 // the store (what the record calls would have left in the databases), and the counters. Link ko_lspan_app first, then
 // ko_recording; driver.h sends events and looks at the daemon's own state.
 //
@@ -11,9 +11,9 @@
 //   debug ko_lspan_add: ======ko lspan add start========
 //   [dl] error dl_init_ham: \033[31m<init> ...         a category other than "ko_lspan" is named
 // Records show only fields that are not at their default, in the order of their numbers; the key (`index`) comes first
-// in bare braces, other messages as name={...}. In texts, control characters are written as \r, \n, \" and \033.
+// in bare braces, other messages as name={...}. In texts, control characters are escaped: \r, \n, \" and \033.
 //
-// Everything here is for one thread.
+// For one thread only.
 #pragma once
 
 #include <cstddef>
@@ -41,7 +41,7 @@ void trace_on(bool on);             // off: no text is made at all
 void record_lists(bool on);         // mirror_list_... calls come into the trace, too
 std::vector<std::string> &trace();  // what was recorded since reset or take_trace
 std::vector<std::string> take_trace();
-void note(std::string line);  // puts a line of the test's own into the trace, when it is on
+void note(std::string line);  // appends a line of the test's own to the trace, if that is on
 
 uint64_t format_count();  // at_snprintf calls since reset
 
@@ -51,10 +51,10 @@ uint64_t format_count();  // at_snprintf calls since reset
 // fail. Pointers answered are null, vx_mom_reg_ds answers the code itself. Several may wait at once.
 void fail(std::string_view function, uint64_t k, int32_t code);
 
-void fail_none();           // takes back what has not happened yet, refused allocations included
+void fail_none();           // cancels failures that have not happened yet, of allocations too
 size_t pending_failures();  // scripted answers that have not been given yet
 
-// Failures met since reset: scripted answers other than 0, failed translations, refused allocations.
+// Failures since reset: scripted answers other than 0, failed translations, refused allocations.
 uint64_t failure_count();
 
 // Translation: `ifx` + 1000 unless said otherwise. `code` not 0: every translation of `ifx` fails with it.

@@ -3,8 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "driver.h"
@@ -13,6 +18,8 @@
 
 namespace scenario {
 namespace {
+
+const bool print = std::getenv("SCENARIO_PRINT") != nullptr;
 
 uint32_t number(const std::string &text) {
   size_t used = 0;
@@ -101,6 +108,61 @@ bool send_event(const words &line) {
   return true;
 }
 
+// A search that copies what it finds, into a copy that was something else before.
+int32_t search(const span_info &info) {
+  src_info copy;
+  memset(&copy, 7, sizeof(copy));
+  const int32_t status =
+      ko_span_search_src_info(&lspan_global.session_list, info.session_num, info.s_ifx, info.dir, info.acl_id, &copy);
+  for (const uint32_t field : {copy.s_phyid, copy.d_phyid, copy.dir, copy.apply_type, copy.acl_id, copy.vlan_map[1]})
+    recording::note("  copied " + std::to_string(field));
+  return status;
+}
+
+// The functions that no event reaches, and those whose status no handler looks at.
+int32_t call(const std::string &name, const span_info &info, uint32_t is_del) {
+  const std::map<std::string, int32_t (*)(vx_global *, const span_info *, uint32_t)> records = {
+      {"vlan_dst", ko_span_mom_vlan_dst_set},
+      {"ip_dst", ko_span_mom_ip_dst_set},
+      {"vlan_mtp", ko_span_mom_vlan_mtp_set},
+      {"ip_mtp", ko_span_mom_ip_mtp_set}};
+  if (const auto found = records.find(name); found != records.end())
+    return found->second(recording::global(), &info, is_del);
+  mirror_link &sessions = lspan_global.session_list;
+  if (name == "save") return ko_span_db_save_info(&sessions, &info), 0;
+  uint8_t last = 0;
+  if (name == "clear") return ko_span_db_clear_info(&sessions, &info, &last), last;
+  if (name == "search") return search(info);
+  auto *session = reinterpret_cast<mirror_info *>(sessions.next);
+  if (name == "src") return ko_span_db_set_src_info(&session->src_list, &info, is_del);
+  if (name == "dst") return ko_span_db_set_dst_info(&session->dst_list, &info, is_del);
+  if (name == "mtp") return ko_span_db_set_mtp_info(&session->mtp_list, &info, is_del);
+  throw std::invalid_argument("no function: " + name);
+}
+
+// Calls one of them with the member of the line, whose target is a remote one.
+void call(const words &line) {
+  const driver::member of = event(line).member;
+  span_info info = {};
+  info.t_user = ko_lspan_app_name;
+  info.session_num = of.session;
+  info.s_ifx = of.s;
+  info.d_ifx = of.d;
+  info.dir = of.dir;
+  info.module_type = of.module;
+  info.role = of.role;
+  info.apply_type = of.apply;
+  info.acl_id = of.acl;
+  info.sample_rate = of.rate;
+  info.n_vlan_map = static_cast<uint32_t>(of.vlan.size());
+  std::copy(of.vlan.begin(), of.vlan.end(), info.vlan_map);
+  info.rspan_vlan = 30;
+  info.ip_head = {1, 2, 64, 46, 5};
+  info.mtp_switch = static_cast<uint8_t>(of.mtp_switch);
+  info.src_is_subif = 1;
+  recording::note("= " + std::to_string(call(line.at(1), info, line.at(2) == "del" ? 2 : 0)));
+}
+
 }  // namespace
 
 void run(const words &line) {
@@ -118,6 +180,8 @@ void run(const words &line) {
     recording::record_lists(line.at(1) == "on");
   } else if (what == "out") {
     recording::alloc_fail_at(number(line.at(3)), line.size() > 4 && line[4] == "on");
+  } else if (what == "call") {
+    call(line);
   } else if (what == "memory" || what == "store") {
     for (const std::string &text : what == "memory" ? driver::memory_text() : recording::store_text())
       recording::note(text);
@@ -129,14 +193,6 @@ void run(const words &line) {
 words split(const std::string &line) {
   std::istringstream in(line.substr(1));
   return {std::istream_iterator<std::string>(in), {}};
-}
-
-std::vector<std::filesystem::path> files() {
-  std::vector<std::filesystem::path> found;
-  for (const auto &entry : std::filesystem::directory_iterator(SCENARIO_DIR))
-    if (entry.path().extension() == ".scn") found.push_back(entry.path());
-  std::sort(found.begin(), found.end());
-  return found;
 }
 
 words shown(words trace, bool translations) {
@@ -159,18 +215,44 @@ std::string text_of(const words &trace) {
   return text;
 }
 
-int run_tests(const char *suite, const std::function<void(const std::filesystem::path &file)> &body) {
+void check(const std::filesystem::path &file, const std::function<words(const std::string &line)> &step) {
+  std::ifstream in(file);
+  words expected, actual;
+  for (std::string line; std::getline(in, line);) {
+    const bool for_the_reader = line.empty() || line.starts_with('#');
+    if (for_the_reader ? print : line.starts_with('>')) actual.push_back(line);
+    if (!for_the_reader) expected.push_back(line);
+    if (!line.starts_with('>')) continue;
+    ASSERT_NO_THROW({
+      for (std::string &seen : step(line)) actual.push_back(std::move(seen));
+    }) << file.filename()
+       << ": " << line;
+  }
+  if (print)
+    std::cout << text_of(actual);
+  else
+    EXPECT_EQ(text_of(expected), text_of(actual));
+}
+
+int run_tests(const char *suite, const char *folder, const std::function<void(const std::filesystem::path &)> &body) {
   struct test : testing::Test {
     explicit test(std::function<void()> all) : body(std::move(all)) {}
     void TestBody() override { body(); }
     std::function<void()> body;
   };
-  for (const auto &file : files())
+  if (print) {
+    auto &listeners = testing::UnitTest::GetInstance()->listeners();
+    delete listeners.Release(listeners.default_result_printer());
+  }
+  std::set<std::filesystem::path> files;
+  for (const auto &entry : std::filesystem::directory_iterator(std::string(SCENARIO_DIR) + folder))
+    if (entry.path().extension() == ".scn") files.insert(entry.path());
+  for (const auto &file : files)
     testing::RegisterTest(suite, file.stem().c_str(), nullptr, nullptr, file.c_str(), 1,
                           [=]() -> testing::Test * { return new test([=] { body(file); }); });
   const int status = RUN_ALL_TESTS();
   driver::reset();
-  return files().empty() ? 1 : status;
+  return files.empty() ? 1 : status;
 }
 
 }  // namespace scenario

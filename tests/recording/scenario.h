@@ -1,4 +1,4 @@
-// Scenario files: events and commands, and what has to follow from them. Their grammar stands in scenarios/README.md.
+// Scenario files: events and commands, and what has to follow from them. scenarios/README.md describes their grammar.
 #pragma once
 
 #include <filesystem>
@@ -9,9 +9,6 @@
 namespace scenario {
 
 using words = std::vector<std::string>;
-
-// The files, sorted.
-std::vector<std::filesystem::path> files();
 
 // The words of a line that starts with ">".
 words split(const std::string &line);
@@ -24,7 +21,12 @@ words shown(words trace, bool translations);
 
 std::string text_of(const words &trace);
 
-// Runs `body` as a test for each file, and what other tests the program has. Returns the exit status of the program.
-int run_tests(const char *suite, const std::function<void(const std::filesystem::path &file)> &body);
+// The whole contents of the file must be what `step` answers to each of its lines that start with ">". With
+// SCENARIO_PRINT=1 in the environment the file is printed as it would have to be, and not compared.
+void check(const std::filesystem::path &file, const std::function<words(const std::string &line)> &step);
+
+// Runs `body` as a test for each file of a folder ("": scenarios, "/start": of start-up), and what other tests the
+// program has. Returns the exit status of the program.
+int run_tests(const char *suite, const char *folder, const std::function<void(const std::filesystem::path &)> &body);
 
 }  // namespace scenario
