@@ -4,9 +4,11 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "catalog.h"
 #include "cli.h"
@@ -14,6 +16,7 @@
 #include "member.h"
 #include "record_json.h"
 #include "sandbox.h"
+#include "store_client.h"
 #include "u_bridge.pb-c.h"
 #include "values.h"
 
@@ -49,6 +52,8 @@ class ctl : public testing::Test {
     box_.platform_file(R"({"store":{"socket":")" + box_.socket() + R"("},"ports":{)" + ports + R"(},"log":{"file":")" +
                        box_.folder() + R"(/log"}})");
     box_.start_server();
+    daemon_.emplace(box_.socket());
+    daemon_->run({"SUBSCRIBE", "ko_lspan.request"});
   }
 
   ran tool(const std::string &line) const {
@@ -98,6 +103,7 @@ class ctl : public testing::Test {
   void file(const std::string &name, const std::string &text) const { write_file(box_.folder() + "/" + name, text); }
 
   harness::sandbox box_;
+  std::optional<client> daemon_;  // seems to be one
   std::string platform_file_ = box_.folder() + "/etc/ko_platform/platform.json";
 };
 
@@ -611,6 +617,103 @@ TEST_F(ctl, states_and_check) {
   EXPECT_EQ(states(), "accepted\nconfigured: no translation for interface 8\n");
 }
 
+// Answers requests in the forwarding side's place, and members when it is asked for its state.
+class forwarding_side {
+ public:
+  explicit forwarding_side(const std::string &socket)
+      : requests_(lspanctl::parse_store(socket), std::chrono::seconds(5)),
+        replies_(lspanctl::parse_store(socket), std::chrono::seconds(5)),
+        results_(socket) {
+    requests_.subscribe("ko_lspan_fwd.request");
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~forwarding_side() {
+    done_ = true;
+    thread_.join();
+  }
+
+  std::atomic<int> code = -1;  // its answer to the member of session 5; negative: none
+
+ private:
+  void serve() {
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (uint64_t n = 1000; !done_;) {
+      const auto request = requests_.next(std::chrono::steady_clock::now() + std::chrono::milliseconds(20), mask);
+      if (!request) continue;
+      const auto asked = lspanctl::json::parse(request->bytes);
+      const bool counts = asked["request"] == "counters";
+      if (!counts && code >= 0) results_.set(harness::result({5, 5, 9}, static_cast<uint32_t>(code)));
+      results_.flush();
+      n += 500;
+      const std::string members = R"([{"session":5,"s_phyid":105,"d_phyid":109,"dir":1,"acl_id":0,"packets":)" +
+                                  std::to_string(n) + R"(,"bytes":)" + std::to_string(n * 64) + "}]";
+      replies_.publish(asked["reply"], counts ? R"({"members":)" + members + "}" : R"({"state":"serving"})");
+    }
+  }
+
+  lspanctl::store_client requests_, replies_;
+  harness::producer results_;
+  std::atomic<bool> done_ = false;
+  std::thread thread_;
+};
+
+TEST_F(ctl, operating_a_daemon) {
+  daemon_.reset();
+  expect({
+      {"session add 5 --source ge5 --target ge9 --direction rx", 0,
+       "added session 5, ge5 -> ge9, rx; no daemon answers\n"},
+      {"session add 5 --source ge5 --target ge9 --direction rx --wait", 1,
+       "replaced session 5, ge5 -> ge9, rx\n"
+       "lspanctl: no daemon answers, so that there is nothing to wait for; what was written stays\n"},
+      {"status", 1,
+       "ko_lspan: not there: no program of this name waits for requests\n"
+       "ko_lspan_fwd: not there: no program of this name waits for requests\n"},
+      {"resync", 1, "lspanctl: no ko_lspan answers; start it, and see that it is on the same store\n"},
+      {"session show --counters", 1,
+       "lspanctl: no ko_lspan_fwd answers; start it, and see that it is on the same store\n"},
+  });
+  EXPECT_EQ(states(), "configured: no daemon answers\n");
+  box_.start_daemon();
+  ASSERT_TRUE(box_.settle());
+  EXPECT_TRUE(tool("status").says.starts_with("ko_lspan: serving, pid ")) << tool("status").says;
+  EXPECT_EQ(tool("status").status, 0);
+  const std::string metrics = tool("status --prometheus").says;
+  for (const char *line : {"ko_lspan_up{program=\"ko_lspan\"} 1\n", "ko_lspan_up{program=\"ko_lspan_fwd\"} 0\n",
+                           "# TYPE ko_lspan_writes_total counter\nko_lspan_writes_total{program=\"ko_lspan\"} "})
+    EXPECT_NE(metrics.find(line), std::string::npos) << metrics;
+  expect({
+      {"resync", 0, "resynced: 0 written, 0 deleted\n"},
+      // Learning comes back at a target that another session still has, until the daemon is asked to start anew.
+      {"session add 6 --source ge7 --target ge9 --wait", 0, "added session 6, ge7 -> ge9, both\nwaited: written\n"},
+      {"session del 6", 0, "deleted session 6, ge7 -> ge9, both\n"},
+  });
+  EXPECT_TRUE(tool("check --repair")
+                  .says.ends_with(
+                      "repaired: 1 written, 0 deleted\nall is right: 5 right, 0 missing, 0 different, 0 left over\n"));
+  expect({{"check --repair", 0, "all is right: 5 right, 0 missing, 0 different, 0 left over\n"},
+          {"session add 6 --source ge7 --target ge9 --wait", 0, "added session 6, ge7 -> ge9, both\nwaited: written\n"},
+          {"session del 6 --wait", 0, "deleted session 6, ge7 -> ge9, both\nwaited: written\n"},
+          {"check", 0, "all is right: 5 right, 0 missing, 0 different, 0 left over\n"}});
+
+  forwarding_side forwarding(box_.socket());
+  expect({{"session set 5 --rate 2 --wait=1", 4,
+           "changed session 5, ge5 -> ge9, rx: sample_rate: 0 -> 2\n"
+           "waited: not yet\n  session 5, ge5 -> ge9, rx: written: no answer\n"}});
+  forwarding.code = 16;
+  expect({{"session set 5 --rate 3 --wait", 5,
+           "changed session 5, ge5 -> ge9, rx: sample_rate: 2 -> 3\n"
+           "waited: refused\n  session 5, ge5 -> ge9, rx: refused: device or resource busy (ge5)\n"}});
+  forwarding.code = 0;
+  expect({{"session set 5 --rate 4 --wait", 0,
+           "changed session 5, ge5 -> ge9, rx: sample_rate: 3 -> 4\nwaited: accepted\n"}});
+  const lspanctl::json counted = lspanctl::json::parse(tool("session show --counters --json").says)[0];
+  EXPECT_EQ(counted["bytes"].get<uint64_t>(), 64 * counted["packets"].get<uint64_t>());
+  const ran top = tool("top --count 1 --json");
+  EXPECT_EQ(top.status, 0);
+  EXPECT_NEAR(lspanctl::json::parse(top.says)["bytes_per_second"].get<double>(), 500 * 64, 64 * 100);
+}
+
 // ---- dry run ----
 
 TEST_F(ctl, simulate_shows_everything_in_order) {
@@ -746,6 +849,15 @@ TEST_F(ctl, watch_tells_what_a_change_changed) {
                                    R"({"index":{"index":7},"group_id":3}})"),
             std::string::npos);
 
+  // A condition that comes true, and one that does not.
+  for (const auto &[condition, status] : {std::pair("changed sample_rate=5", 0), {"changed sample_rate=6", 4}}) {
+    harness::process until;
+    ASSERT_TRUE(watch(until, {"--until", condition, "--for", "1"}));
+    for (const char *rate : {"4", "5"})
+      ASSERT_EQ(tool(std::string("session add 1 --source ge5 --target ge9 --rate ") + rate).status, 0);
+    EXPECT_EQ(until.wait(), status);
+  }
+
   harness::process cut;
   ASSERT_TRUE(watch(cut, {}));
   box_.server().stop();
@@ -795,9 +907,9 @@ TEST_F(ctl, completion_in_bash) {
 }
 
 TEST_F(ctl, help_of_every_command_has_examples) {
-  for (const char *line :
-       {"", "session add", "session set", "session del", "session show", "session export", "session apply",
-        "group join", "group leave", "group show", "result", "records", "watch", "check", "simulate", "completion"}) {
+  for (const char *line : {"", "session add", "session set", "session del", "session show", "session export",
+                           "session apply", "group join", "group leave", "group show", "result", "records", "watch",
+                           "status", "resync", "check", "top", "simulate", "completion"}) {
     const ran answer = tool(line + std::string(" --help"));
     EXPECT_EQ(answer.status, 0) << line;
     EXPECT_NE(answer.says.find("Examples:\n"), std::string::npos) << line;

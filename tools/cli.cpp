@@ -41,8 +41,10 @@ int parse_and_run(const command &root, context &ctx, const std::vector<std::stri
 
 }  // namespace
 
-int run(const std::vector<std::string> &arguments, std::ostream &out, std::ostream &err, bool on_terminal) {
+int run(const std::vector<std::string> &arguments, std::ostream &out, std::ostream &err, bool on_terminal,
+        bool out_on_terminal) {
   context ctx(out, err, on_terminal);
+  ctx.out_on_terminal = out_on_terminal;
   command root;
   make_command_line(root, ctx);
   int status = parse_and_run(root, ctx, arguments);

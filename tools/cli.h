@@ -8,7 +8,9 @@
 namespace lspanctl {
 
 // Runs one command line (without the program's name). Returns the exit status: 0 done, 1 refused, 2 wrong use; the
-// reason of the latter two is one line on `err`. `on_terminal`: `err` is a terminal, progress is shown there.
-int run(const std::vector<std::string> &arguments, std::ostream &out, std::ostream &err, bool on_terminal);
+// reason of the latter two is one line on `err`; more in exit_status.h. `on_terminal`, `out_on_terminal`: `err` or
+// `out` is a terminal.
+int run(const std::vector<std::string> &arguments, std::ostream &out, std::ostream &err, bool on_terminal,
+        bool out_on_terminal = false);
 
 }  // namespace lspanctl

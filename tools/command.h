@@ -23,9 +23,11 @@ struct argument {
   // <target>, <session>, <file>.
   std::string offers;
   bool required = false;
+  std::string bare = {};  // the value when none is given, of an option that may stand without one
 
   bool is_option() const { return name.starts_with('-'); }
-  bool is_flag() const { return std::holds_alternative<bool *>(to); }
+  // Whether the next word is its value.
+  bool takes_word() const { return !std::holds_alternative<bool *>(to) && bare.empty(); }
 };
 
 struct command {

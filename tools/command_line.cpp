@@ -40,6 +40,14 @@ void fill(CLI::App &app, const command &from, apps &known) {
   }
 }
 
+// An option that may stand without a value gets its usual one.
+void fill_bare(const command &from, std::vector<std::string> &words) {
+  for (const argument &arg : from.arguments)
+    for (std::string &word : words)
+      if (!arg.bare.empty() && word == arg.name) word += "=" + arg.bare;
+  for (const command &sub : from.subcommands) fill_bare(sub, words);
+}
+
 // The innermost command that was given.
 const CLI::App *innermost(const CLI::App &root, std::string &path) {
   const CLI::App *app = &root;
@@ -89,7 +97,10 @@ void make_command_line(command &root, context &ctx) {
   add_result(root, ctx);
   add_records(root, ctx);
   add_watch(root, ctx);
+  add_status(root, ctx);
+  add_resync(root, ctx);
   add_check(root, ctx);
+  add_top(root, ctx);
   add_simulate(root, ctx);
   add_completion(root, ctx);
 }
@@ -99,14 +110,19 @@ void parse(const command &root, std::vector<std::string> words, parsed &out) {
   CLI::App app(root.help, root.name);
   app.fallthrough();
   app.set_help_flag("-h,--help", "Show this help");
-  app.set_version_flag("--version", "lspanctl " LSPANCTL_VERSION, "Show the version");
+  app.set_version_flag("--version",
+                       "lspanctl " LSPANCTL_VERSION ", of ko_lspan " LSPANCTL_VERSION
+                       "; lspanctl status shows which one runs",
+                       "Show the version");
   app.footer(
       "The options above may stand anywhere. Every command has a help of its own.\n"
-      "Exit status: 0 done, 1 refused (the reason is on standard error), 2 wrong use.\n"
+      "Exit status: 0 done, 1 refused (the reason is on standard error), 2 wrong use, 3 a dry run found something to\n"
+      "do, 4 what was waited for did not come in time, 5 the forwarding side refused it.\n"
       "\nExamples:\n" +
       root.examples);
   fill(app, root, known);
   try {
+    fill_bare(root, words);
     std::reverse(words.begin(), words.end());
     app.parse(words);
     out.asked = known.at(innermost(app, out.path));

@@ -24,7 +24,8 @@ struct context {
 
   std::ostream &out;
   std::ostream &err;
-  bool on_terminal;  // whether `err` is one: progress is shown
+  bool on_terminal;              // whether `err` is one: progress is shown
+  bool out_on_terminal = false;  // whether `out` is one: what is shown again and again stays in its place
 
   std::optional<std::string> store;          // --store; without: as the platform file says
   std::optional<std::string> platform_file;  // --platform-file

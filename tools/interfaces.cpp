@@ -40,6 +40,12 @@ std::string interfaces::twin_of(uint32_t ifx) const {
   return "";
 }
 
+uint32_t interfaces::phyid(uint32_t ifx) const {
+  const ko_platform::port *port = find(ifx);
+  if (!settings_.has_ports) return ifx;
+  return port == nullptr ? 0 : port->phyid;
+}
+
 std::string interfaces::device(uint32_t ifx) const {
   const ko_platform::port *port = find(ifx);
   if (port == nullptr) return std::to_string(ifx);

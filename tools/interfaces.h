@@ -23,6 +23,9 @@ class interfaces {
   // Another port with the physical id of this one, by name; empty: there is none.
   std::string twin_of(uint32_t ifx) const;
 
+  // The physical id; without a `ports` map the index, 0 for what is not in it.
+  uint32_t phyid(uint32_t ifx) const;
+
   // The name of its network device: what the platform file says, else its name, else its number.
   std::string device(uint32_t ifx) const;
 

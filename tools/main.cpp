@@ -11,5 +11,6 @@ int main(int argc, char **argv) {
   // A reader that goes away, of our output or of the store's socket, is an error of a write like any other.
   std::signal(SIGPIPE, SIG_IGN);
   std::ios::sync_with_stdio(false);
-  return lspanctl::run({argv + 1, argv + argc}, std::cout, std::cerr, isatty(STDERR_FILENO) == 1);
+  return lspanctl::run({argv + 1, argv + argc}, std::cout, std::cerr, isatty(STDERR_FILENO) == 1,
+                       isatty(STDOUT_FILENO) == 1);
 }

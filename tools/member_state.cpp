@@ -33,7 +33,8 @@ std::string wrong_records(const wanted_state &all, const member_outcome &outcome
     const std::string one = std::string(short_name(*place.hash.type)) + " " + to_text(what);
     if (findings.insert(one).second) text += (text.empty() ? "" : ", ") + one;
   }
-  return none_there && !text.empty() ? "all derived records missing" : text;
+  if (!none_there || text.empty()) return text;
+  return all.daemon_listens ? "all derived records missing" : "no daemon answers";
 }
 
 // An answer to a group stands under the group's bare id; one under the id that a session has is found by nobody.
@@ -43,7 +44,7 @@ std::string no_answer(const wanted_state &all, const member &what) {
   tagged.module_type = U_MONITOR__MIRROR_MODULE__USER;
   const record_place misplaced{results, result_removal(results, tagged, forwarding_owner).key};
   if (!all.stored.contains(misplaced)) return "no answer";
-  return "no answer, but one to " + std::to_string(what.key.d_ifx) + " that belongs to " +
+  return "no answer; there is one to " + std::to_string(what.key.d_ifx) + ", but answers to a group bear its number, " +
          std::to_string(result_target(what.key.d_ifx));
 }
 

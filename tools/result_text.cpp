@@ -36,7 +36,9 @@ std::string concerned(uint32_t code, const member &what, const interfaces &ports
 }  // namespace
 
 std::string result_text(uint32_t code, const member &what, const interfaces &ports) {
-  const char *known = strerrordesc_np(static_cast<int>(code));
+  // What errno says of files would mislead.
+  const char *known =
+      code == ELOOP ? "copies would come back to their source" : strerrordesc_np(static_cast<int>(code));
   if (known == nullptr) return "code " + std::to_string(code);
   std::string text = known;
   text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));

@@ -1,5 +1,7 @@
 #include "stop_signals.h"
 
+#include <poll.h>
+
 namespace lspanctl {
 namespace {
 
@@ -26,6 +28,11 @@ stop_signals::~stop_signals() {
   sigaction(SIGINT, &interrupt_, nullptr);
   sigaction(SIGTERM, &terminate_, nullptr);
   sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
+
+void stop_signals::wait(std::chrono::milliseconds time) const {
+  const timespec left{time.count() / 1000, time.count() % 1000 * 1000000L};
+  ppoll(nullptr, 0, &left, &before_);
 }
 
 bool stop_signals::requested() const { return stop_requested != 0; }

@@ -1,6 +1,7 @@
 // SIGINT and SIGTERM as a way to end a wait in good order.
 #pragma once
 
+#include <chrono>
 #include <csignal>
 
 namespace lspanctl {
@@ -14,7 +15,8 @@ class stop_signals {
   stop_signals &operator=(const stop_signals &) = delete;
 
   const sigset_t &mask() const { return before_; }
-  bool requested() const;  // whether one has arrived
+  bool requested() const;                           // whether one has arrived
+  void wait(std::chrono::milliseconds time) const;  // or until one arrives
 
  private:
   sigset_t before_;

@@ -222,6 +222,15 @@ void store_client::write_all(std::span<const transaction> all, const std::functi
                     " changes are known to be made; run it again for the rest)");
 }
 
+size_t store_client::publish(const std::string &channel, const std::string &text) {
+  return static_cast<size_t>(call({"PUBLISH", channel, text})->integer);
+}
+
+size_t store_client::listeners(const std::string &channel) {
+  const reply_ptr reply = call({"PUBSUB", "NUMSUB", channel});
+  return reply->elements == 2 ? static_cast<size_t>(reply->element[1]->integer) : 0;
+}
+
 void store_client::subscribe(const std::string &channel) {
   append(std::array<std::string_view, 2>{"SUBSCRIBE", channel});
   for (;;) {

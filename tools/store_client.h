@@ -54,6 +54,11 @@ class store_client {
   // another is refused; the error then says how many were.
   void write_all(std::span<const transaction> all, const std::function<void(size_t)> &made);
 
+  // Publishes `text`; returns how many have received it.
+  size_t publish(const std::string &channel, const std::string &text);
+  // How many listen on a channel.
+  size_t listeners(const std::string &channel);
+
   // From now on the connection only hands out announcements, of every channel that was subscribed to. What is
   // announced before the last one is may get lost.
   void subscribe(const std::string &channel);

@@ -8,6 +8,7 @@
 #include "dry_daemon.h"
 #include "p_policy.pb-c.h"
 #include "proc/lspan/ko_lspan.h"
+#include "request.h"
 #include "values.h"
 
 namespace lspanctl {
@@ -98,6 +99,7 @@ wanted_state load_wanted(context &ctx) {
     std::move(records.begin(), records.end(), std::back_inserter(read));
   }
   load_stored(ctx, store, state);
+  state.daemon_listens = is_listening(store, daemon_program);
 
   progress_line progress = ctx.progress("computing", read.size());
   computation compute(ctx, state);
@@ -122,5 +124,7 @@ finding compare(const wanted_state &state, const record_place &place) {
   if (stored == state.stored.end()) return finding::missing;
   return wanted->second == stored->second ? finding::right : finding::different;
 }
+
+bool all_right(const wanted_state &state) { return state.wanted == state.stored; }
 
 }  // namespace lspanctl

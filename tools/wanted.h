@@ -34,6 +34,7 @@ struct wanted_state {
   std::vector<member_outcome> members;  // in the order of their keys
   record_set wanted;                    // all records that a daemon started on this configuration leaves
   record_set stored;                    // those that there are: the daemon's, and the results written for it
+  bool daemon_listens = false;          // a daemon is there
 };
 
 // Reads the store and computes. Progress is shown.
@@ -45,5 +46,8 @@ const char *to_text(finding what);
 
 // How `place` stands.
 finding compare(const wanted_state &state, const record_place &place);
+
+// Whether every record is right.
+bool all_right(const wanted_state &state);
 
 }  // namespace lspanctl

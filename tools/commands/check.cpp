@@ -6,6 +6,7 @@
 #include "exit_status.h"
 #include "record_json.h"
 #include "record_line.h"
+#include "request.h"
 #include "wanted.h"
 
 namespace lspanctl {
@@ -55,8 +56,11 @@ report compare_all(const wanted_state &state) {
   return all;
 }
 
-int check(context &ctx, const no_options &) {
-  const report found = compare_all(load_wanted(ctx));
+struct check_options {
+  bool repair = false;
+};
+
+void print_report(context &ctx, const report &found, const json &repaired) {
   std::string text = found.lines + (found.findings.empty() ? "all is right: " : "");
   json value = json::object();
   for (size_t i = 0; i < n_findings; ++i) {
@@ -65,8 +69,29 @@ int check(context &ctx, const no_options &) {
     value[json_key(what)] = found.counts[i];
   }
   value["findings"] = found.findings;
+  if (!repaired.is_null()) value["repaired"] = repaired;
   ctx.line(text, value);
+}
+
+// What was found is told before it is mended, and counted after it.
+int check(context &ctx, const check_options &options) {
+  report found = compare_all(load_wanted(ctx));
+  json repaired;
+  if (options.repair && !found.findings.empty()) {
+    if (!ctx.json_output) ctx.out << found.lines;
+    repaired = ask_or_refuse(ctx, daemon_program, "resync", ctx.patience());
+    repaired["findings"] = found.findings;
+    if (!ctx.json_output)
+      ctx.out << "repaired: " << repaired.value("written", uint64_t{0}) << " written, "
+              << repaired.value("deleted", uint64_t{0}) << " deleted\n";
+    found = compare_all(load_wanted(ctx));
+  }
+  print_report(ctx, found, repaired);
   return found.findings.empty() ? exit_done : exit_refused;
+}
+
+std::vector<argument> arguments(check_options &options) {
+  return {{"--repair", &options.repair, "", "Have the daemon mend what differs", ""}};
 }
 
 }  // namespace
@@ -75,10 +100,11 @@ void add_check(command &root, context &ctx) {
   add_command(root, ctx, "check",
               "Compare the daemon's records with what the configuration asks for; status 1 if they differ",
               "  lspanctl check\n"
+              "  lspanctl check --repair\n"
               "  lspanctl check --json\n\n"
               "What is wanted is what a daemon started on this configuration would write. Records of a change that\n"
               "is under way are listed too; check again.",
-              check, no_arguments);
+              check, arguments);
 }
 
 }  // namespace lspanctl

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "commands.h"
+#include "completion_scripts.h"
 #include "errors.h"
 #include "member.h"
 #include "membership.h"
@@ -23,49 +24,7 @@ struct script {
   const char *text;
 };
 
-// What stands before a colon or an equals sign belongs to the word, but bash breaks words there.
-constexpr script scripts[] = {
-    {"bash",
-     R"(# bash completion of lspanctl, made by "lspanctl completion bash"
-_lspanctl() {
-  local line=${COMP_LINE:0:COMP_POINT}
-  local word=${line##*[[:space:]]}
-  mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" completion --of "$line" 2>/dev/null)
-  if [[ ${COMPREPLY[0]} == '<file>' ]]; then
-    COMPREPLY=()
-    compopt -o default 2>/dev/null
-  else
-    COMPREPLY=("${COMPREPLY[@]#"${word%"${word##*[:=]}"}"}")
-  fi
-}
-complete -F _lspanctl lspanctl
-)"},
-    {"zsh",
-     R"(#compdef lspanctl
-# zsh completion of lspanctl, made by "lspanctl completion zsh"
-_lspanctl() {
-  local -a offered=("${(@f)$(${words[1]} completion --of "${(j: :)words[1,CURRENT]}" 2>/dev/null)}")
-  if [[ ${offered[1]} == '<file>' ]]; then
-    _files
-  elif [[ -n ${offered[1]} ]]; then
-    compadd -a offered
-  fi
-}
-if [[ ${funcstack[1]} == _lspanctl ]]; then _lspanctl; else compdef _lspanctl lspanctl; fi
-)"},
-    {"fish",
-     R"(# fish completion of lspanctl, made by "lspanctl completion fish"
-function __lspanctl_offered
-    set -l offered (lspanctl completion --of (commandline -cp | string collect) 2>/dev/null)
-    if test "$offered" = '<file>'
-        __fish_complete_path (commandline -ct)
-    else
-        printf '%s\n' $offered
-    end
-end
-complete -c lspanctl -f -a '(__lspanctl_offered)'
-)"},
-};
+constexpr script scripts[] = {{"bash", bash_completion}, {"zsh", zsh_completion}, {"fish", fish_completion}};
 
 std::vector<std::string> words_of(const std::string &line) {
   std::istringstream stream(line);
@@ -107,7 +66,7 @@ void take_word(position &at, const std::string &word) {
   if (word.starts_with('-')) {
     const size_t sign = word.find('=');
     const argument *option = find_option(at, word.substr(0, sign));
-    if (option == nullptr || option->is_flag()) return;
+    if (option == nullptr || !option->takes_word()) return;
     if (sign == std::string::npos)
       at.awaited = option;
     else

@@ -48,6 +48,7 @@ int join(context &ctx, const join_options &options) {
   const interfaces ports = ctx.ports();
   const uint32_t group = parse_number(*options.group, "group", 1);
   std::vector<uint32_t> joining;
+  joining.reserve(options.interfaces.size());
   for (const std::string &name : options.interfaces) joining.push_back(parse_group_interface(ports, name, false));
   store_client store = ctx.connect();
   if (!options.force) refuse_loops(ctx, store, group, joining);

@@ -1,10 +1,13 @@
 // lspanctl session add: members more, or other contents for those that are there.
 #include <algorithm>
 
+#include "await.h"
 #include "commands.h"
+#include "exit_status.h"
 #include "member_changes.h"
 #include "member_fields.h"
 #include "objections.h"
+#include "request.h"
 
 namespace lspanctl {
 namespace {
@@ -14,6 +17,7 @@ struct add_options {
   std::vector<std::string> sources;
   bool may_exist = false;
   bool force = false;
+  std::optional<std::string> wait;
 };
 
 // A list, unless it is the name of a port.
@@ -56,12 +60,13 @@ int add_members(context &ctx, const add_options &options) {
     writes.push_back(set_member(store, before, what));
     written.push_back(&what);
   }
+  const std::string note = options.wait ? "" : away_note(store);
   store.write_all(writes, [&](size_t i) {
     const member &what = *written[i];
     const std::string done = find_member(stored, what.key) == nullptr ? "added" : "replaced";
-    ctx.report(done, done + " " + to_text(what, ports), {{"member", to_json(what, ports)}});
+    ctx.report(done, done + " " + to_text(what, ports) + note, {{"member", to_json(what, ports)}});
   });
-  return 0;
+  return options.wait ? await(ctx, *options.wait, wanted) : exit_done;
 }
 
 std::vector<argument> arguments(add_options &options) {
@@ -71,6 +76,7 @@ std::vector<argument> arguments(add_options &options) {
   source.help = "Mirrored interface, by number or name; more than one: a member each (none)";
   all.push_back({"--may-exist", &options.may_exist, "", "Leave a member that is there as it is", ""});
   all.push_back({"--force", &options.force, "", "Also what the daemon would not act on as it says", ""});
+  all.push_back(wait_argument(options.wait));
   return all;
 }
 

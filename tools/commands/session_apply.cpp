@@ -1,6 +1,7 @@
 // lspanctl session apply: brings the store to what a file says.
 #include <map>
 
+#include "await.h"
 #include "commands.h"
 #include "errors.h"
 #include "exit_status.h"
@@ -8,6 +9,7 @@
 #include "member_fields.h"
 #include "membership.h"
 #include "objections.h"
+#include "request.h"
 #include "session_file.h"
 
 namespace lspanctl {
@@ -22,6 +24,7 @@ struct apply_options {
   owner_choice whose;
   bool dry_run = false;
   bool force = false;
+  std::optional<std::string> wait;
 };
 
 struct step {
@@ -41,6 +44,7 @@ class plan {
     if (wanted.groups) add_group_steps(*stored.groups, *wanted.groups);
     for (const auto &[key, now] : wanted.members) {
       const auto before = stored.members.find(key);
+      if (before == stored.members.end() || before->second != now) written.push_back(now);
       if (before == stored.members.end())
         add_member_step("add", now, "", set_member(store_, nullptr, now));
       else if (before->second != now)
@@ -53,7 +57,8 @@ class plan {
 
   // Members are deleted first and added last: what got another target leaves the old one before it comes to the new.
   std::vector<step> steps;
-  size_t unchanged = 0;  // members
+  size_t unchanged = 0;         // members
+  std::vector<member> written;  // those that are added or changed
 
  private:
   void add_member_step(const char *what, const member &whom, const std::string &how, transaction writes) {
@@ -91,7 +96,7 @@ void print_step(context &ctx, const step &next) {
   ctx.line(column(next.what, 6) + next.text, value);
 }
 
-void print_summary(context &ctx, const plan &all, const configuration &stored, bool dry_run) {
+void print_summary(context &ctx, const plan &all, const configuration &stored, bool dry_run, const std::string &note) {
   std::map<std::string, size_t> counts;
   for (const step &next : all.steps) ++counts[next.what];
   const size_t others = stored.others.size();
@@ -104,20 +109,21 @@ void print_summary(context &ctx, const plan &all, const configuration &stored, b
   if (counts["join"] + counts["move"] + counts["leave"] != 0)
     text += "; of groups " + count("join", "joined") + ", " + count("move", "moved") + ", " + count("leave", "left");
   if (others != 0) text += " (" + std::to_string(others) + " of other owners left alone)";
-  ctx.line(text, {{"dry_run", dry_run},
-                  {"added", counts["add"]},
-                  {"changed", counts["change"]},
-                  {"deleted", counts["delete"]},
-                  {"unchanged", all.unchanged},
-                  {"joined", counts["join"]},
-                  {"moved", counts["move"]},
-                  {"left", counts["leave"]},
-                  {"of_other_owners", others}});
+  ctx.line(text + note, {{"dry_run", dry_run},
+                         {"added", counts["add"]},
+                         {"changed", counts["change"]},
+                         {"deleted", counts["delete"]},
+                         {"unchanged", all.unchanged},
+                         {"joined", counts["join"]},
+                         {"moved", counts["move"]},
+                         {"left", counts["leave"]},
+                         {"of_other_owners", others}});
 }
 
 // Tells what there is to correct, not the first objection alone.
 void refuse_objectionable(context &ctx, const configuration &stored, const configuration &wanted) {
   std::vector<member> all = stored.others;
+  all.reserve(all.size() + wanted.members.size());
   for (const auto &[key, what] : wanted.members) all.push_back(what);
   const interfaces ports = ctx.ports();
   const objections raised(all, wanted.groups ? *wanted.groups : *stored.groups, ports);
@@ -148,10 +154,13 @@ int apply(context &ctx, const apply_options &options) {
     for (const step &next : all.steps) print_step(ctx, next);
   } else {
     std::vector<transaction> writes;
+    writes.reserve(all.steps.size());
     for (const step &next : all.steps) writes.push_back(next.writes);
     store.write_all(writes, [&](size_t i) { print_step(ctx, all.steps[i]); });
   }
-  print_summary(ctx, all, stored, options.dry_run);
+  const bool waits = options.wait && !options.dry_run;
+  print_summary(ctx, all, stored, options.dry_run, options.dry_run || waits ? "" : away_note(store));
+  if (waits) return await(ctx, *options.wait, all.written);
   return options.dry_run && !all.steps.empty() ? exit_would_change : exit_done;
 }
 
@@ -161,6 +170,7 @@ std::vector<argument> arguments(apply_options &options) {
   all.push_back(
       {"--dry-run", &options.dry_run, "", "Only show what would be done; status 3 if there is something", ""});
   all.push_back({"--force", &options.force, "", "Also what the daemon would not act on as it says", ""});
+  all.push_back(wait_argument(options.wait));
   return all;
 }
 

@@ -1,8 +1,11 @@
 // lspanctl session del: a member goes, or all of a session.
+#include "await.h"
 #include "commands.h"
 #include "errors.h"
+#include "exit_status.h"
 #include "member_changes.h"
 #include "member_fields.h"
+#include "request.h"
 
 namespace lspanctl {
 namespace {
@@ -10,6 +13,7 @@ namespace {
 struct del_options {
   member_texts texts;
   bool if_exists = false;
+  std::optional<std::string> wait;
 };
 
 // Who else has such members: a hint for a delete that finds nothing.
@@ -49,16 +53,18 @@ int delete_members(context &ctx, const del_options &options) {
   std::vector<transaction> writes;
   writes.reserve(going.size());
   for (const member &what : going) writes.push_back(delete_member(store, what));
+  const std::string note = options.wait ? "" : away_note(store);
   store.write_all(writes, [&](size_t i) {
-    ctx.report("deleted", "deleted " + to_text(going[i], ports),
+    ctx.report("deleted", "deleted " + to_text(going[i], ports) + note,
                {{"session", going[i].key.session}, {"member", to_json(going[i], ports)}});
   });
-  return 0;
+  return options.wait ? await(ctx, *options.wait, {}) : exit_done;
 }
 
 std::vector<argument> arguments(del_options &options) {
   std::vector<argument> all = member_arguments(options.texts, true);
   all.push_back({"--if-exists", &options.if_exists, "", "Status 0 also when there is no such member", ""});
+  all.push_back(wait_argument(options.wait));
   return all;
 }
 

@@ -34,6 +34,7 @@ int export_configuration(context &ctx, const owner_choice &whose) {
   store_client store = ctx.connect();
   const configuration all = load_configuration(ctx, store, whose);
   std::vector<json> sessions;
+  sessions.reserve(all.members.size());
   for (const auto &[key, what] : all.members) sessions.push_back(to_json(what, ports));
   ctx.out << "{\n";
   print_array(ctx.out, "groups", group_entries(*all.groups, ports));

@@ -1,9 +1,12 @@
 // lspanctl session set: other contents for members, field by field.
+#include "await.h"
 #include "commands.h"
 #include "errors.h"
+#include "exit_status.h"
 #include "member_changes.h"
 #include "member_fields.h"
 #include "objections.h"
+#include "request.h"
 
 namespace lspanctl {
 namespace {
@@ -11,6 +14,7 @@ namespace {
 struct set_options {
   member_texts texts;
   bool force = false;
+  std::optional<std::string> wait;
 };
 
 int set_members(context &ctx, const set_options &options) {
@@ -39,17 +43,19 @@ int set_members(context &ctx, const set_options &options) {
     writes.push_back(set_member(store, &before[i], now[i]));
     places.push_back(i);
   }
+  const std::string note = options.wait ? "" : away_note(store);
   store.write_all(writes, [&](size_t i) {
     const size_t place = places[i];
-    ctx.report("changed", "changed " + to_text(now[place], ports) + ": " + difference(before[place], now[place]),
+    ctx.report("changed", "changed " + to_text(now[place], ports) + ": " + difference(before[place], now[place]) + note,
                {{"member", to_json(now[place], ports)}});
   });
-  return 0;
+  return options.wait ? await(ctx, *options.wait, now) : exit_done;
 }
 
 std::vector<argument> arguments(set_options &options) {
   std::vector<argument> all = member_arguments(options.texts, false);
   all.push_back({"--force", &options.force, "", "Also what the daemon would not act on as it says", ""});
+  all.push_back(wait_argument(options.wait));
   return all;
 }
 

@@ -1,5 +1,6 @@
 // lspanctl session show: the members of sessions, and how far each has come.
 #include "commands.h"
+#include "counters.h"
 #include "member_fields.h"
 #include "member_state.h"
 #include "record_json.h"
@@ -10,6 +11,7 @@ namespace {
 
 struct show_options {
   std::optional<std::string> session;
+  bool counters = false;
 };
 
 std::vector<std::string> row_of(const member &what, const member_state &state, const interfaces &ports) {
@@ -34,6 +36,13 @@ json entry_of(const member &what, const member_state &state, const interfaces &p
   return entry;
 }
 
+// Before the state, which is the longest.
+void add_counts(const std::optional<traffic> &count, json &entry, std::vector<std::string> &row) {
+  entry["packets"] = count ? json(count->packets) : json();
+  entry["bytes"] = count ? json(count->bytes) : json();
+  row.insert(row.end() - 1, {count ? std::to_string(count->packets) : "-", count ? std::to_string(count->bytes) : "-"});
+}
+
 // Whether a record that cannot be used is, as far as its key tells, a member of the session.
 bool is_of_session(const ko_store::owned_change &record, uint32_t session) {
   if (record.hash != session_members) return false;
@@ -49,20 +58,26 @@ int show_members(context &ctx, const show_options &options) {
   const wanted_state state = load_wanted(ctx);
   if (!all) std::erase_if(ctx.unusable, [only](const auto &record) { return !is_of_session(record, only); });
   json list = json::array();
-  table rows(
-      {"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "VLANS", "RATE", "LEARNING", "TYPE", "OWNER", "STATE"});
+  const std::optional<counters> counted = options.counters ? std::optional<counters>(ctx) : std::nullopt;
+  std::vector<std::string> heading = {"SESSION", "SOURCE",   "TARGET", "DIRECTION", "ACL",  "VLANS",
+                                      "RATE",    "LEARNING", "TYPE",   "OWNER",     "STATE"};
+  if (counted) heading.insert(heading.end() - 1, {"PACKETS", "BYTES"});
+  table rows(heading);
   for (const member_outcome &outcome : state.members) {
     if (!all && outcome.what.key.session != only) continue;
     const member_state now = state_of(state, outcome, ports);
     list.push_back(entry_of(outcome.what, now, ports));
-    rows.add(row_of(outcome.what, now, ports));
+    std::vector<std::string> row = row_of(outcome.what, now, ports);
+    if (counted) add_counts(counted->of(outcome.what, ports), list.back(), row);
+    rows.add(row);
   }
   ctx.list(rows, list, all ? "no session members" : "session " + std::to_string(only) + " has no members");
   return 0;
 }
 
 std::vector<argument> arguments(show_options &options) {
-  return {{"session", &options.session, "SESSION", "Only this session", "<session>"}};
+  return {{"session", &options.session, "SESSION", "Only this session", "<session>"},
+          {"--counters", &options.counters, "", "With what the forwarding side has copied", ""}};
 }
 
 }  // namespace
@@ -70,7 +85,8 @@ std::vector<argument> arguments(show_options &options) {
 void add_session_show(command &session, context &ctx) {
   add_command(session, ctx, "show", "Show the members of all sessions, or of one",
               "  lspanctl session show\n"
-              "  lspanctl session show 3 --json",
+              "  lspanctl session show 3 --json\n"
+              "  lspanctl session show --counters",
               show_members, arguments);
 }
 

@@ -1,9 +1,14 @@
 // lspanctl watch: changes as they happen. It holds a copy of what it watches, which tells what a change changed.
+#include <algorithm>
 #include <map>
 #include <ostream>
+#include <set>
+#include <sstream>
 
 #include "clock_text.h"
 #include "commands.h"
+#include "errors.h"
+#include "exit_status.h"
 #include "record_filter.h"
 #include "record_json.h"
 #include "record_line.h"
@@ -20,7 +25,7 @@ using clock = std::chrono::steady_clock;
 
 struct watch_options {
   record_filter filter;
-  std::optional<std::string> count, seconds;
+  std::optional<std::string> count, seconds, until;
 };
 
 // One line of the output.
@@ -30,9 +35,32 @@ struct event {
   std::string text;
 };
 
+// Words that a change must agree with, all of them: its kind, its message or database, NAME=VALUE of the record.
+class condition {
+ public:
+  explicit condition(const std::string &text) {
+    std::istringstream words(text);
+    for (std::string word; words >> word;) words_.push_back(word);
+    if (words_.empty()) throw usage_error("--until: give words such as \"deleted span_dst_info session_id=3\"");
+  }
+
+  bool agrees(const record_kind &kind, const event &what) const {
+    std::set<std::string> has{what.change, db_name(kind.hash.db), std::string(short_name(*kind.hash.type)),
+                              kind.hash.type->name};
+    if (what.message != nullptr)
+      for (const cell &part : to_cells(*what.message)) has.insert(part.name + "=" + part.text);
+    return std::all_of(words_.begin(), words_.end(), [&has](const std::string &word) { return has.contains(word); });
+  }
+
+ private:
+  std::vector<std::string> words_;
+};
+
 class watcher {
  public:
-  watcher(context &ctx, const std::vector<const record_kind *> &kinds) : ctx_(ctx) {
+  watcher(context &ctx, const std::vector<const record_kind *> &kinds, const std::optional<std::string> &until)
+      : ctx_(ctx) {
+    if (until) until_.emplace(*until);
     for (const record_kind *kind : kinds)
       channels_[ko_store::channel_name(kind->hash.db, kind->hash.type->name)] = kind;
   }
@@ -46,6 +74,9 @@ class watcher {
         copy_[channel][record.key] = std::move(record.record);
     }
   }
+
+  // Whether what was waited for has been shown.
+  bool matched() const { return matched_; }
 
   void show(const store_client::announced &announced) {
     const record_kind &kind = *channels_.at(announced.channel);
@@ -97,6 +128,7 @@ class watcher {
   }
 
   void print(const record_kind &kind, const event &what) {
+    matched_ = matched_ || (until_ && until_->agrees(kind, what));
     json value = {
         {"time", now_text(true)}, {"db", kind.hash.db}, {"message", kind.hash.type->name}, {"change", what.change}};
     if (what.message != nullptr && what.change == std::string_view("absent"))
@@ -111,12 +143,14 @@ class watcher {
   }
 
   context &ctx_;
+  std::optional<condition> until_;
+  bool matched_ = false;
   std::map<std::string, const record_kind *> channels_;
   std::map<std::string, records> copy_;
 };
 
 int watch(context &ctx, const watch_options &options) {
-  watcher seen(ctx, wanted_kinds(options.filter));
+  watcher seen(ctx, wanted_kinds(options.filter), options.until);
   const uint32_t count = options.count ? parse_number(*options.count, "count", 1) : 0;
   std::optional<clock::time_point> deadline;
   if (options.seconds) deadline = clock::now() + std::chrono::seconds(parse_number(*options.seconds, "seconds", 1));
@@ -125,31 +159,37 @@ int watch(context &ctx, const watch_options &options) {
   const stop_signals signals;
   seen.start(announcements, store);
   ctx.err << "lspanctl: watching; end it with Ctrl-C" << std::endl;
-  for (uint32_t shown = 0; (count == 0 || shown < count) && !signals.requested() && ctx.out;) {
+  for (uint32_t shown = 0; (count == 0 || shown < count) && !seen.matched() && !signals.requested() && ctx.out;) {
     const auto announced = announcements.next(deadline, signals.mask());
     if (!announced && deadline && clock::now() >= *deadline) break;
     if (!announced) continue;
     seen.show(*announced);
     ++shown;
   }
-  return 0;
+  return options.until && !seen.matched() ? exit_timed_out : exit_done;
 }
 
 std::vector<argument> arguments(watch_options &options) {
   std::vector<argument> all = filter_arguments(options.filter);
   all.push_back({"--count", &options.count, "N", "End after so many changes", ""});
   all.push_back({"--for", &options.seconds, "SECONDS", "End after so many seconds", ""});
+  all.push_back({"--until", &options.until, "CONDITION",
+                 "End with a change that all these words agree with; status 4 without one", ""});
   return all;
 }
 
 }  // namespace
 
 void add_watch(command &root, context &ctx) {
-  add_command(root, ctx, "watch", "Show changes of records as they happen, until Ctrl-C",
-              "  lspanctl watch\n"
-              "  lspanctl watch --db 8 --count 3\n"
-              "  lspanctl watch --message udp_flushdyn --for 60 --json",
-              watch, arguments);
+  add_command(
+      root, ctx, "watch", "Show changes of records as they happen, until Ctrl-C",
+      "  lspanctl watch\n"
+      "  lspanctl watch --db 8 --count 3\n"
+      "  lspanctl watch --message udp_flushdyn --for 60 --json\n"
+      "  lspanctl watch --until 'added span_dst_info session_id=3' --for 10\n\n"
+      "A word of a condition is a kind of change (added, changed, same, deleted, absent, request), a message, a\n"
+      "database or NAME=VALUE of the record, written as they are shown.",
+      watch, arguments);
 }
 
 }  // namespace lspanctl
