@@ -10,11 +10,14 @@
 #include <iterator>
 #include <map>
 #include <set>
+#include <span>
 #include <sstream>
 
+#include "attributes.h"
 #include "driver.h"
 #include "proc/lspan/ko_lspan.h"
 #include "recording.h"
+#include "u_bridge.pb-c.h"
 
 namespace scenario {
 namespace {
@@ -163,6 +166,54 @@ void call(const words &line) {
   recording::note("= " + std::to_string(call(line.at(1), info, line.at(2) == "del" ? 2 : 0)));
 }
 
+using type_texts = std::map<std::string, std::string>;  // by the type's name
+
+const char *describe(const ProtobufCEnumDescriptor &type, type_texts &known) {
+  std::string text;
+  for (const ProtobufCEnumValue &value : std::span(type.values, type.n_values))
+    text += (text.empty() ? "" : ", ") + std::string(value.name) + ' ' + std::to_string(value.value);
+  known[type.name] = text;
+  return type.name;
+}
+
+// A field is its number, type ([]: repeated, packed), name and attribute word (@).
+const char *describe(const ProtobufCMessageDescriptor &type, type_texts &known) {
+  std::string text;
+  for (const ProtobufCFieldDescriptor &field : std::span(type.fields, type.n_fields)) {
+    std::string of = "other";
+    if (field.type == PROTOBUF_C_TYPE_UINT32) of = "uint32";
+    if (field.type == PROTOBUF_C_TYPE_STRING) of = "string";
+    if (field.type == PROTOBUF_C_TYPE_BYTES) of = "bytes";
+    if (field.type == PROTOBUF_C_TYPE_ENUM)
+      of = describe(*static_cast<const ProtobufCEnumDescriptor *>(field.descriptor), known);
+    if (field.type == PROTOBUF_C_TYPE_MESSAGE)
+      of = describe(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), known);
+    const bool packed = (field.flags & PROTOBUF_C_FIELD_FLAG_PACKED) != 0;
+    if (field.label == PROTOBUF_C_LABEL_REPEATED) of += packed ? "[]" : "[unpacked]";
+    if (field.label == PROTOBUF_C_LABEL_OPTIONAL || field.label == PROTOBUF_C_LABEL_REQUIRED) of += '?';
+    const uint32_t word = schema_attribute(&type, &field);
+    text += (text.empty() ? "" : ", ") + std::to_string(field.id) + ' ' + of + ' ' + field.name +
+            (word != 0 ? " @" + std::to_string(word) : "");
+  }
+  known[type.name] = text;
+  return type.name;
+}
+
+// The schemas as others have them compiled in: a number or type that changed would be read as something else there.
+void show_schemas() {
+  type_texts known;
+  for (const ProtobufCMessageDescriptor *record :
+       {&u_monitor__mirror_lspan_info__descriptor, &u_monitor__mirror_result_info__descriptor,
+        &u_monitor__span_port_src_info__descriptor, &u_monitor__span_acl_src_info__descriptor,
+        &u_monitor__span_vlan_src_info__descriptor, &u_monitor__span_dst_info__descriptor,
+        &u_monitor__span_vlan_dst_info__descriptor, &u_monitor__span_ip_dst_info__descriptor,
+        &u_monitor__span_mtp_info__descriptor, &u_monitor__span_vlan_mtp_info__descriptor,
+        &u_monitor__span_ip_mtp_info__descriptor, &p_policy__data_intf_conf__descriptor,
+        &u_bridge__udp_pt_learn__descriptor, &u_bridge__udp_flushdyn__descriptor})
+    describe(*record, known);
+  for (const auto &[name, text] : known) recording::note(name + ": " + text);
+}
+
 }  // namespace
 
 void run(const words &line) {
@@ -182,6 +233,8 @@ void run(const words &line) {
     recording::alloc_fail_at(number(line.at(3)), line.size() > 4 && line[4] == "on");
   } else if (what == "call") {
     call(line);
+  } else if (what == "schemas") {
+    show_schemas();
   } else if (what == "memory" || what == "store") {
     for (const std::string &text : what == "memory" ? driver::memory_text() : recording::store_text())
       recording::note(text);
