@@ -17,6 +17,7 @@ namespace ko_forward {
 namespace {
 
 constexpr int longest_pause_s = 30;
+constexpr auto longest_rest = std::chrono::milliseconds(100);
 
 // What is read. Targets come before members, so that the first copies meet quiet ports.
 struct input {
@@ -151,12 +152,20 @@ int32_t agent::begin() {
 void agent::reconcile_soon() {
   if (!all_read_ || is_due_) return;
   is_due_ = true;
-  event_active(due_.get(), EV_TIMEOUT, 0);
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(rests_until_ - clock::now()).count();
+  const timeval pause = {0, std::max<suseconds_t>(left, 0)};
+  if (left <= 0)
+    event_active(due_.get(), EV_TIMEOUT, 0);
+  else
+    evtimer_add(due_.get(), &pause);
 }
 
+// What takes long is not done more than half of the time: of many changes, the more are taken at once.
 void agent::reconcile() try {
   is_due_ = false;
+  const auto began = clock::now();
   answer(reconciler_.run(records_, std::exchange(flushes_, {})));
+  rests_until_ = clock::now() + std::min<clock::duration>(clock::now() - began, longest_rest);
   if (reconciler_.has_failed()) return try_later();
   pause_s_ = 0;
   evtimer_del(retry_.get());
@@ -194,15 +203,16 @@ void agent::answer(const std::vector<wanted_member> &members) {
 
 void agent::tell(const wanted_member &member) {
   const auto known = told_.find(member.key);
-  if (known == told_.end() || known->second != member.answer.reason) {
-    if (member.answer.code == 0)
-      FORWARD_INFO("%s: in effect", member.name.c_str());
-    else
-      FORWARD_WARN("%s: answered with %s: %s", member.name.c_str(), strerrorname_np(member.answer.code),
-                   member.answer.reason.c_str());
-  }
+  const bool is_news = known == told_.end() || known->second != member.answer.reason;
+  if (!is_news && member.warnings.empty()) return;
+  const std::string name = name_of(member, reconciler_.ports());
+  if (is_news && member.answer.code == 0)
+    FORWARD_INFO("%s: in effect", name.c_str());
+  else if (is_news)
+    FORWARD_WARN("%s: answered with %s: %s", name.c_str(), strerrorname_np(member.answer.code),
+                 member.answer.reason.c_str());
   for (const std::string &warning : member.warnings)
-    if (warned_.insert(member.name + warning).second) FORWARD_WARN("%s: %s", member.name.c_str(), warning.c_str());
+    if (warned_.insert(name + warning).second) FORWARD_WARN("%s: %s", name.c_str(), warning.c_str());
 }
 
 std::string agent::counters_json() {

@@ -2,6 +2,7 @@
 // reconciles once.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <set>
 #include <string>
@@ -30,6 +31,8 @@ class agent {
   std::string counters_json();
 
  private:
+  using clock = std::chrono::steady_clock;
+
   int32_t take_event(uint32_t is_del, const ProtobufCMessage &message);
   int32_t take_flush(const ProtobufCMessage &message);
   int32_t begin();
@@ -52,6 +55,7 @@ class agent {
   std::set<std::string> warned_;
   int64_t since_;
   bool is_due_ = false;
+  clock::time_point rests_until_;
   int pause_s_ = 0;
   ko_platform::event_ptr due_;
   ko_platform::event_ptr news_;

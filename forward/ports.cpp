@@ -15,17 +15,23 @@ port_table::port_table(const ko_platform::config &config) : has_map_(config.has_
   }
 }
 
-std::vector<port> port_table::with_phyid(uint32_t phyid) const {
-  if (!has_map_) return phyid == 0 ? std::vector<port>{} : std::vector<port>{of_number(phyid)};
-  std::vector<port> found;
-  for (auto [at, end] = by_phyid_.equal_range(phyid); at != end; ++at) found.push_back(ports_[at->second]);
+std::vector<const port *> port_table::with_phyid(uint32_t phyid) const {
+  if (!has_map_) return with_number(phyid);
+  std::vector<const port *> found;
+  for (auto [at, end] = by_phyid_.equal_range(phyid); at != end; ++at) found.push_back(&ports_[at->second]);
   return found;
 }
 
-std::vector<port> port_table::with_ifx(uint32_t ifx) const {
-  if (!has_map_) return ifx == 0 ? std::vector<port>{} : std::vector<port>{of_number(ifx)};
+std::vector<const port *> port_table::with_ifx(uint32_t ifx) const {
+  if (!has_map_) return with_number(ifx);
   const auto found = by_ifx_.find(ifx);
-  return found == by_ifx_.end() ? std::vector<port>{} : std::vector<port>{ports_[found->second]};
+  return found == by_ifx_.end() ? std::vector<const port *>{} : std::vector<const port *>{&ports_[found->second]};
+}
+
+std::vector<const port *> port_table::with_number(uint32_t number) const {
+  if (number == 0) return {};
+  const auto known = numbered_.find(number);
+  return {known != numbered_.end() ? &known->second : &numbered_.emplace(number, of_number(number)).first->second};
 }
 
 device_finder::device_finder(const link_table &links) : links_(links) {

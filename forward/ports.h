@@ -53,14 +53,17 @@ class port_table {
   bool has_map() const { return has_map_; }
   const std::vector<port> &all() const { return ports_; }
   // The ports with that physical id, or interface index: one, unless the platform file is wrong or does not name it.
-  std::vector<port> with_phyid(uint32_t phyid) const;
-  std::vector<port> with_ifx(uint32_t ifx) const;
+  std::vector<const port *> with_phyid(uint32_t phyid) const;
+  std::vector<const port *> with_ifx(uint32_t ifx) const;
 
  private:
+  std::vector<const port *> with_number(uint32_t number) const;
+
   bool has_map_;
   std::vector<port> ports_;
   std::multimap<uint32_t, size_t> by_phyid_;
   std::map<uint32_t, size_t> by_ifx_;
+  mutable std::map<uint32_t, port> numbered_;  // without a map: those that were asked for
 };
 
 // Finds the devices of ports: one look at all links, then by name.

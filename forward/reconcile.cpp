@@ -91,8 +91,8 @@ void reconciler::quiet_ports(const wanted &target, const std::set<uint32_t> &flu
 void reconciler::add_flushes(const std::set<uint32_t> &flushes, std::map<int, port_change> &changes) const {
   const device_finder devices(kernel_.links());
   for (const uint32_t ifx : flushes) {
-    for (const port &at : ports_.with_ifx(ifx)) {
-      const link *device = devices.of(at);
+    for (const port *at : ports_.with_ifx(ifx)) {
+      const link *device = devices.of(*at);
       if (device != nullptr && device->bridge != 0)
         changes.try_emplace(device->index, port_change{device->index, no_flags, true});
     }

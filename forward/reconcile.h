@@ -32,6 +32,7 @@ class reconciler {
   explicit reconciler(const ko_platform::config &settings);
 
   kernel &with() { return kernel_; }
+  const port_table &ports() const { return ports_; }
 
   // One reconciliation with `from`; `flushes` are the interface indexes whose dynamic entries are to be forgotten.
   // Returns an answer for each member. Throws std::system_error; what was left undone then, the next one does.

@@ -9,6 +9,15 @@
 namespace ko_forward {
 namespace {
 
+constexpr std::array<uint8_t, 4> magic = {'k', 'o', 'f', 'w'};
+
+// FNV-1a, from a start of its own.
+uint64_t hash_of(const std::string &bytes, uint64_t start) {
+  uint64_t hash = start;
+  for (const char byte : bytes) hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001B3;
+  return hash;
+}
+
 std::string text_of(const char *text) { return text == nullptr ? "" : text; }
 
 member_key key_of(const UMonitor__SpanSrcInfoIndex &index) {
@@ -70,12 +79,28 @@ std::optional<member_key> take_source(const ProtobufCMessage &message, bool gone
 
 }  // namespace
 
+mark mark_of(const member_key &key) {
+  std::string bytes;
+  for (const uint32_t number : {key.session, key.s_phyid, key.d_phyid, key.dir, key.acl_id})
+    bytes.append(std::to_string(number)).append(1, ' ');
+  bytes += key.owner;
+  const uint64_t first = hash_of(bytes, 0xCBF29CE484222325);
+  const uint64_t second = hash_of(bytes, 0x9E3779B97F4A7C15);
+  mark out{};
+  std::copy(magic.begin(), magic.end(), out.begin());
+  for (size_t i = 0; i < 8; ++i) out[4 + i] = static_cast<uint8_t>(first >> 8 * i);
+  for (size_t i = 0; i < 4; ++i) out[12 + i] = static_cast<uint8_t>(second >> 8 * i);
+  return out;
+}
+
+bool is_own_mark(const mark &what) { return std::equal(magic.begin(), magic.end(), what.begin()); }
+
 std::optional<member_key> take_record(const ProtobufCMessage &message, bool gone, records &into) {
   const ProtobufCMessageDescriptor *type = message.descriptor;
   if (type == &u_monitor__span_dst_info__descriptor) {
     const auto &record = as<UMonitor__SpanDstInfo>(message);
     const member_key key = key_of(*record.index);
-    const member_record member{record.module_type, record.role, record.apply_type, record.sample_rate};
+    const member_record member{record.module_type, record.role, record.apply_type, record.sample_rate, mark_of(key)};
     set_or_erase(into.members, gone, std::pair(key, member));
     return key;
   }

@@ -1,6 +1,7 @@
 // What the store says: the daemon's records, as the forwarding side needs them. No input and output here.
 #pragma once
 
+#include <array>
 #include <bitset>
 #include <compare>
 #include <cstdint>
@@ -34,12 +35,19 @@ struct member_key {
   auto operator<=>(const member_key &) const = default;
 };
 
+// By what the kernel's filters are known again: four bytes that are the same for all of this program's, and twelve that
+// come from the member.
+using mark = std::array<uint8_t, 16>;
+mark mark_of(const member_key &key);
+bool is_own_mark(const mark &what);
+
 // The destination record, which is the member.
 struct member_record {
   uint32_t module = 0;  // u_monitor.mirror_module
   uint32_t role = 0;    // u_monitor.mirror_role
   uint32_t apply = 0;   // u_monitor.mirror_type: which source record belongs to it
   uint32_t sample_rate = 0;
+  mark marked{};  // that of its key
 };
 
 using vlan_set = std::bitset<4096>;

@@ -10,15 +10,6 @@
 namespace ko_forward {
 namespace {
 
-constexpr std::array<uint8_t, 4> magic = {'k', 'o', 'f', 'w'};
-
-// FNV-1a, from a start of its own.
-uint64_t hash_of(const std::string &bytes, uint64_t start) {
-  uint64_t hash = start;
-  for (const char byte : bytes) hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001B3;
-  return hash;
-}
-
 const char *name_of_dir(uint32_t dir) {
   constexpr const char *names[] = {"no direction", "rx", "tx", "both"};
   return dir <= dir_both ? names[dir] : "an unknown direction";
@@ -49,7 +40,7 @@ class planner {
 
   void plan(const member_key &key, const member_record &record);
   bool has_source(const member_key &key, const member_record &record) const;
-  void name_member(const member_key &key, bool to_group, wanted_member &member) const;
+  void key_results(const member_key &key, bool to_group, wanted_member &member) const;
   bool is_sound(const member_key &key, const member_record &record, wanted_member &member) const;
   std::vector<end> sources_of(const member_key &key) const;
   std::vector<end> targets_of(const member_key &key, const member_record &record) const;
@@ -60,7 +51,7 @@ class planner {
                   const std::shared_ptr<const program> &code, wanted_member &member);
   bool copies_reach(int from, int to) const;
   void plan_quiet();
-  void be_quiet(const std::vector<port> &ports);
+  void be_quiet(const std::vector<const port *> &ports);
 
   static void refuse(wanted_member &member, int code, std::string reason) {
     if (member.answer.code == 0) member.answer = {code, std::move(reason)};
@@ -84,8 +75,9 @@ void planner::plan(const member_key &key, const member_record &record) {
   if (!has_source(key, record)) return;
   wanted_member member;
   member.key = key;
-  member.marked = mark_of(key);
-  name_member(key, record.module == U_MONITOR__MIRROR_MODULE__GROUP, member);
+  member.to_group = record.module == U_MONITOR__MIRROR_MODULE__GROUP;
+  member.marked = record.marked;
+  key_results(key, member.to_group, member);
   frame_choice choice;
   if (is_sound(key, record, member) && choose(key, record, member, choice)) {
     const std::vector<end> targets = targets_of(key, record);
@@ -112,28 +104,19 @@ bool planner::has_source(const member_key &key, const member_record &record) con
   }
 }
 
-// The name, and the keys of the results. More than one port means that one of them is meant and nobody knows which.
-void planner::name_member(const member_key &key, bool to_group, wanted_member &member) const {
-  const auto name = [](const std::vector<port> &found, uint32_t phyid) {
-    return found.size() == 1 ? found.front().name : "physical id " + std::to_string(phyid);
-  };
-  const std::vector<port> sources = ports_.with_phyid(key.s_phyid);
-  const std::vector<port> targets = to_group ? std::vector<port>{} : ports_.with_phyid(key.d_phyid);
-  const uint32_t group = key.d_phyid ^ group_tag;
-  member.name = "session " + std::to_string(key.session) + ", " +
-                (key.s_phyid == 0 ? "all ports" : name(sources, key.s_phyid)) + " -> " +
-                (to_group ? "group " + std::to_string(group) : name(targets, key.d_phyid)) + ", " +
-                name_of_dir(key.dir) + (key.acl_id == 0 ? "" : ", ACL " + std::to_string(key.acl_id));
-
+// The keys of the results. More than one port means that one of them is meant and nobody knows which.
+void planner::key_results(const member_key &key, bool to_group, wanted_member &member) const {
+  const std::vector<const port *> sources = ports_.with_phyid(key.s_phyid);
+  const std::vector<const port *> targets = to_group ? std::vector<const port *>{} : ports_.with_phyid(key.d_phyid);
   std::vector<uint32_t> s_ifx;
   std::vector<uint32_t> d_ifx;
   if (key.s_phyid == 0) s_ifx.push_back(0);
-  for (const port &at : sources) s_ifx.push_back(at.ifx);
+  for (const port *at : sources) s_ifx.push_back(at->ifx);
   if (to_group)
     d_ifx.push_back((key.d_phyid & group_tag) == group_tag ? key.d_phyid & ~group_tag : key.d_phyid);
   else if (key.d_phyid == 0)
     d_ifx.push_back(0);
-  for (const port &at : targets) d_ifx.push_back(at.ifx);
+  for (const port *at : targets) d_ifx.push_back(at->ifx);
   for (const uint32_t s : s_ifx)
     for (const uint32_t d : d_ifx) member.results.push_back({key.session, s, d, key.dir, key.acl_id});
 }
@@ -143,6 +126,7 @@ bool planner::is_sound(const member_key &key, const member_record &record, wante
   const bool to_group = record.module == U_MONITOR__MIRROR_MODULE__GROUP;
   const auto check_port = [&](uint32_t phyid) {
     const size_t n = ports_.with_phyid(phyid).size();
+    if (n == 1) return;
     const std::string id = "physical id " + std::to_string(phyid);
     if (n == 0) refuse(member, EINVAL, id + " belongs to no port of the platform file");
     if (n > 1) refuse(member, EINVAL, id + " belongs to " + std::to_string(n) + " ports of the platform file");
@@ -164,7 +148,7 @@ bool planner::is_sound(const member_key &key, const member_record &record, wante
   else if (!ports_.has_map())
     refuse(member, EINVAL, "all ports are meant, and the platform file names none");
   else if (!ports_.with_phyid(0).empty())
-    refuse(member, EINVAL, "no port and the port " + ports_.with_phyid(0).front().name + " both have physical id 0");
+    refuse(member, EINVAL, "no port and the port " + ports_.with_phyid(0).front()->name + " both have physical id 0");
   if (!to_group && key.d_phyid == 0)
     refuse(member, EINVAL, "there is no target");
   else if (!to_group)
@@ -175,7 +159,7 @@ bool planner::is_sound(const member_key &key, const member_record &record, wante
 std::vector<planner::end> planner::sources_of(const member_key &key) const {
   std::vector<end> sources;
   if (key.s_phyid != 0) {
-    for (const port &at : ports_.with_phyid(key.s_phyid)) sources.push_back(end_of(at));
+    for (const port *at : ports_.with_phyid(key.s_phyid)) sources.push_back(end_of(*at));
     return sources;
   }
   const std::set<int> targets = targets_of_session(key);
@@ -189,12 +173,12 @@ std::vector<planner::end> planner::sources_of(const member_key &key) const {
 std::vector<planner::end> planner::targets_of(const member_key &key, const member_record &record) const {
   std::vector<end> targets;
   if (record.module != U_MONITOR__MIRROR_MODULE__GROUP) {
-    for (const port &at : ports_.with_phyid(key.d_phyid)) targets.push_back(end_of(at));
+    for (const port *at : ports_.with_phyid(key.d_phyid)) targets.push_back(end_of(*at));
     return targets;
   }
   for (auto [at, last] = in_group_.equal_range(key.d_phyid ^ group_tag); at != last; ++at) {
-    const std::vector<port> found = ports_.with_ifx(at->second);
-    for (const port &one : found) targets.push_back(end_of(one));
+    const std::vector<const port *> found = ports_.with_ifx(at->second);
+    for (const port *one : found) targets.push_back(end_of(*one));
     if (found.empty()) targets.push_back({"interface " + std::to_string(at->second), nullptr});
   }
   return targets;
@@ -309,29 +293,24 @@ void planner::plan_quiet() {
   }
 }
 
-void planner::be_quiet(const std::vector<port> &ports) {
+void planner::be_quiet(const std::vector<const port *> &ports) {
   if (ports.size() != 1) return;
-  const link *device = devices_.of(ports.front());
+  const link *device = devices_.of(*ports.front());
   if (device != nullptr) out_.quiet.insert(device->index);
 }
 
 }  // namespace
 
-mark mark_of(const member_key &key) {
-  std::string bytes;
-  for (const uint32_t number : {key.session, key.s_phyid, key.d_phyid, key.dir, key.acl_id})
-    bytes.append(std::to_string(number)).append(1, ' ');
-  bytes += key.owner;
-  const uint64_t first = hash_of(bytes, 0xCBF29CE484222325);
-  const uint64_t second = hash_of(bytes, 0x9E3779B97F4A7C15);
-  mark out{};
-  std::copy(magic.begin(), magic.end(), out.begin());
-  for (size_t i = 0; i < 8; ++i) out[4 + i] = static_cast<uint8_t>(first >> 8 * i);
-  for (size_t i = 0; i < 4; ++i) out[12 + i] = static_cast<uint8_t>(second >> 8 * i);
-  return out;
+std::string name_of(const wanted_member &member, const port_table &ports) {
+  const auto name = [&ports](uint32_t phyid) {
+    const std::vector<const port *> found = ports.with_phyid(phyid);
+    return found.size() == 1 ? found.front()->name : "physical id " + std::to_string(phyid);
+  };
+  const member_key &key = member.key;
+  return "session " + std::to_string(key.session) + ", " + (key.s_phyid == 0 ? "all ports" : name(key.s_phyid)) +
+         " -> " + (member.to_group ? "group " + std::to_string(key.d_phyid ^ group_tag) : name(key.d_phyid)) + ", " +
+         name_of_dir(key.dir) + (key.acl_id == 0 ? "" : ", ACL " + std::to_string(key.acl_id));
 }
-
-bool is_own_mark(const mark &what) { return std::equal(magic.begin(), magic.end(), what.begin()); }
 
 size_t program_cache::key_hash::operator()(const key &what) const {
   return std::hash<vlan_set>{}(what.vlans) ^ std::hash<std::string>{}(what.acl) ^

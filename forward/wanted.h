@@ -2,7 +2,6 @@
 // changed.
 #pragma once
 
-#include <array>
 #include <map>
 #include <memory>
 #include <set>
@@ -29,12 +28,6 @@ struct place {
   auto operator<=>(const place &) const = default;
 };
 
-// By what the kernel's filters are known again: four bytes that are the same for all of this program's, and twelve that
-// come from the member.
-using mark = std::array<uint8_t, 16>;
-mark mark_of(const member_key &key);
-bool is_own_mark(const mark &what);
-
 struct wanted_filter {
   std::shared_ptr<const program> code;
   std::set<int> targets;  // indexes of links; not empty
@@ -60,7 +53,7 @@ struct result_key {
 struct wanted_member {
   member_key key;
   mark marked{};
-  std::string name;                 // "session 1, ge1 -> ge5, rx"
+  bool to_group = false;
   std::vector<result_key> results;  // under which it is answered; none when its ports have no interface index
   verdict answer;                   // as far as it is known before the kernel was asked
   std::vector<place> places;        // of its filters
@@ -107,6 +100,9 @@ class program_cache {
 };
 
 using acl_table = std::map<uint32_t, std::string>;  // expressions by acl_id
+
+// "session 1, ge1 -> ge5, rx"
+std::string name_of(const wanted_member &member, const port_table &ports);
 
 wanted make_wanted(const records &from, const port_table &ports, const link_table &links, const acl_table &acls,
                    program_cache &programs);

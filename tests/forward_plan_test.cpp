@@ -279,6 +279,7 @@ struct world {
 
   void member(uint32_t session, uint32_t s, uint32_t d, uint32_t dir, member_record record = {}, uint32_t acl = 0) {
     const member_key key{session, s, d, dir, acl, "ko_lspan"};
+    record.marked = mark_of(key);
     from.members[key] = record;
     from.port_sources.insert(key);
     from.acl_sources.insert(key);

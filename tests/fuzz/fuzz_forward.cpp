@@ -96,7 +96,7 @@ uint32_t any_id(fuzz::bytes &input) {
 
 void change_records(fuzz::bytes &input, records &in) {
   const member_key key{input.below(4), any_id(input), any_id(input), input.below(5), input.below(5), "ko_lspan"};
-  member_record record{input.next() % 8U, input.next() % 8U % 7, input.next() % 5U, 0};
+  member_record record{input.next() % 8U, input.next() % 8U % 7, input.next() % 5U, 0, mark_of(key)};
   const uint8_t how = input.next();
   record.sample_rate = how % 4 == 0 ? 0xFFFFFFFF : how % 3;
   if (record.module == U_MONITOR__MIRROR_MODULE__GROUP && how % 2 == 0)
