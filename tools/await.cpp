@@ -22,7 +22,7 @@ constexpr auto pause = std::chrono::milliseconds(30);  // between two looks
 // How far it has come.
 struct progress {
   bool written = false;                    // all records are right
-  bool forwarded = false;                  // the forwarding side is there
+  bool answerable = false;                 // there are members, and a forwarding side that answers for them
   std::vector<std::string> open, refused;  // members, with their states
 };
 
@@ -35,8 +35,9 @@ class waiting {
   progress look() {
     progress now;
     barrier(daemon_program);
-    now.forwarded = barrier(forwarding_program);
-    if (now.forwarded) barrier(daemon_program);  // it relays the answers
+    const bool forwarded = barrier(forwarding_program);
+    if (forwarded) barrier(daemon_program);  // it relays the answers
+    now.answerable = forwarded && !members_.empty();
     const wanted_state state = load_wanted(ctx_);
     now.written = all_right(state);
     const interfaces ports = ctx_.ports();
@@ -82,7 +83,7 @@ class waiting {
 
 int tell(context &ctx, const progress &now, int status) {
   const char *words[] = {"written", "accepted", "refused", "not yet"};
-  const char *word = words[now.forwarded ? 1 : 0];
+  const char *word = words[now.answerable ? 1 : 0];
   if (status == exit_not_accepted) word = words[2];
   if (status == exit_timed_out) word = words[3];
   std::string why;
@@ -106,7 +107,7 @@ int await(context &ctx, const std::string &seconds, const std::vector<member> &m
   waiting on(ctx, members, deadline);
   for (bool resynced = false;;) {
     const progress now = on.look();
-    if (now.written && (!now.forwarded || now.open.empty()))
+    if (now.written && (!now.answerable || now.open.empty()))
       return tell(ctx, now, now.refused.empty() ? exit_done : exit_not_accepted);
     if (clock::now() >= deadline) return tell(ctx, now, exit_timed_out);
     if (!now.written && !std::exchange(resynced, true))

@@ -1,4 +1,5 @@
 // lspanctl top: what is copied, as it is copied.
+#include <cmath>
 #include <ostream>
 
 #include "clock_text.h"
@@ -55,7 +56,7 @@ std::vector<rate> rates_of(const std::vector<member> &members, const sample &bef
   return rates;
 }
 
-std::string rounded(double value) { return std::to_string(static_cast<uint64_t>(value + 0.5)); }
+std::string rounded(double value) { return std::to_string(std::llround(value)); }
 
 void show(context &ctx, const std::vector<rate> &rates, const interfaces &ports) {
   table rows({"SESSION", "SOURCE", "TARGET", "DIRECTION", "ACL", "PACKETS/S", "BYTES/S", "PACKETS", "BYTES"});
