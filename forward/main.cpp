@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <system_error>
 
 #include "agent.h"
@@ -18,12 +21,20 @@ namespace {
 
 using ko_forward::agent;
 
-constexpr int already_running = 3;
 constexpr int cannot_work = 1;
+constexpr int wrong_use = 2;
+constexpr int already_running = 3;
 
 struct global_finisher {
   void operator()(vx_global *global) const { vx_global_finish(global); }
 };
+
+// Tells why the program ends: in the log, and at the terminal when the log is elsewhere.
+int end_with(int status, const char *reason) {
+  FORWARD_ERROR("%s", reason);
+  if (!ko_platform::process_log_settings().file.empty()) std::fprintf(stderr, "%s: %s\n", ko_forward::app_name, reason);
+  return status;
+}
 
 // One program for each network namespace: an abstract socket is known in its namespace only, and goes with the process.
 // Returns -1 when another has it.
@@ -66,10 +77,7 @@ int clear() {
 
 int run(bool is_clearing) {
   const int lock = take_namespace();
-  if (lock < 0) {
-    FORWARD_ERROR("another ko_lspan_fwd runs in this network namespace");
-    return already_running;
-  }
+  if (lock < 0) return end_with(already_running, "another ko_lspan_fwd runs in this network namespace; stop it first");
   std::signal(SIGPIPE, SIG_IGN);
   return is_clearing ? clear() : serve();
 }
@@ -80,15 +88,24 @@ int main(int argc, char **argv) try {
   ko_platform::hold_standard_files();
   CLI::App app("Copies packets as the records of ko_lspan say, with filters of the Linux kernel.",
                ko_forward::app_name);
+  app.footer(
+      "It needs CAP_NET_ADMIN, and stays in the foreground; lspanctl(1) sets up sessions. More: man ko_lspan_fwd\n");
   std::string platform_file = ko_platform::default_config_path;
   bool is_clearing = false;
-  app.add_option("--platform-file", platform_file, "The platform file")->type_name("FILE")->capture_default_str();
+  CLI::Option *named = app.add_option("--platform-file", platform_file, "The store, the ports and the ACLs")
+                           ->type_name("FILE")
+                           ->capture_default_str();
   app.add_flag("--clear", is_clearing, "Take everything of this program's out of the kernel, and end");
-  app.set_version_flag("--version", KO_VERSION);
-  CLI11_PARSE(app, argc, argv);
+  app.set_version_flag("--version", std::string(ko_forward::app_name) + " " + KO_VERSION);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : wrong_use;
+  }
+  if (*named && access(platform_file.c_str(), F_OK) != 0)
+    throw ko_platform::config_error(platform_file + ": " + std::strerror(errno));
   ko_platform::use_config(ko_platform::load_config(platform_file));
   return run(is_clearing);
 } catch (const std::exception &error) {
-  FORWARD_ERROR("%s", error.what());
-  return cannot_work;
+  return end_with(cannot_work, error.what());
 }

@@ -24,8 +24,12 @@ std::string concerned(uint32_t code, const member &what, const interfaces &ports
       return missing_ports(what, ports);
     case EBUSY:
       return ports.text(what.key.s_ifx);
+    case ENETDOWN:
     case ELOOP:
       return ports.target_text(what.key.d_ifx, what.targets_group());
+    case EPERM:
+      return "the forwarding side lacks CAP_NET_ADMIN";
+    case EINVAL:
     case EOPNOTSUPP:
       return what.key.acl_id == 0 ? "" : "acl " + std::to_string(what.key.acl_id);
     default:
