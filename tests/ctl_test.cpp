@@ -380,8 +380,8 @@ TEST_F(ctl, operating_a_daemon) {
        "replaced session 5, ge5 -> ge9, rx\n"
        "lspanctl: no daemon answers, so that there is nothing to wait for; what was written stays\n"},
       {"status", 1,
-       "ko_lspan: not there: no program of this name waits for requests\n"
-       "ko_lspan_fwd: not there: no program of this name waits for requests\n"},
+       "ko_lspan: not there: nobody answers on this store; start it, or see in its log why\n"
+       "ko_lspan_fwd: not there: nobody answers on this store; start it, or see in its log why\n"},
       {"resync", 1, "lspanctl: no ko_lspan answers; start it, and see that it is on the same store\n"},
       {"session show --counters", 1,
        "lspanctl: no ko_lspan_fwd answers; start it, and see that it is on the same store\n"},

@@ -34,7 +34,9 @@ struct advice {
 constexpr advice all_advice[] = {
     {"NOAUTH", "give a user and password in the platform file, best in the tool's own (lspanctl --help)"},
     {"WRONGPASS", "correct user and password in the platform file that the tool reads (lspanctl --help)"},
-    {"NOPERM", "log in as a user who may, or have it allowed by ACL SETUSER at the server"},
+    {"NOPERM",
+     "log in as a user who may (lspanctl --help: its own platform file), or have it allowed by ACL SETUSER at the "
+     "server"},
     {"WRONGTYPE", "something else has that name there; look at it with redis-cli and take it away"},
     {"OOM", "give the server more memory, or empty it of what is not needed"},
     {"LOADING", "the server is still reading its file; try again in a moment"},

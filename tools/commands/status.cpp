@@ -29,9 +29,11 @@ struct program_status {
 
 program_status ask_status(requester &from, const char *program, std::chrono::milliseconds patience) {
   answer got = from.ask(program, "status", patience);
-  if (!got.listening) return {program, "not there: no program of this name waits for requests", json::object()};
+  if (!got.listening)
+    return {program, "not there: nobody answers on this store; start it, or see in its log why", json::object()};
   if (!got.value)
-    return {program, "no answer within " + std::to_string(patience.count() / 1000) + " s", json::object()};
+    return {program, "no answer within " + std::to_string(patience.count() / 1000) + " s; look at its log",
+            json::object()};
   return {program, "", std::move(*got.value)};
 }
 
