@@ -175,7 +175,7 @@ TEST(record_table, holds_what_a_map_holds) {
     if (what < 60) {
       table.put(key, record);
       model[key] = record;
-      ASSERT_EQ(table.find(key)->mark(), 0U);
+      ASSERT_EQ(table.find(key)->has_mark(0), true);
       table.find(key)->set_mark(5);
     } else if (what < 99) {
       table.erase(key);

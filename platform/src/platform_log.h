@@ -39,4 +39,5 @@ inline log_channel platform_channel{"ko_platform", 2};
 #define PLATFORM_LOG(level, ...) KO_CHANNEL_LOG(ko_platform::platform_channel, level, __VA_ARGS__)
 #define PLATFORM_ERROR(...) PLATFORM_LOG(VX_ZLOG_ERROR, __VA_ARGS__)
 #define PLATFORM_WARN(...) PLATFORM_LOG(VX_ZLOG_WARN, __VA_ARGS__)
+#define PLATFORM_DEBUG(...) PLATFORM_LOG(VX_ZLOG_DEBUG, __VA_ARGS__)
 #define PLATFORM_INFO(...) PLATFORM_LOG(VX_ZLOG_INFO, __VA_ARGS__)

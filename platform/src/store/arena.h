@@ -1,8 +1,10 @@
-// Memory for one decoded message: handed out in pieces, taken back all at once.
+// Memory for one decoded message: handed out in pieces, taken back all at once. It is kept for the next message, in one
+// piece, up to a limit.
 #pragma once
 
 #include <cstddef>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include <protobuf-c/protobuf-c.h>
@@ -15,13 +17,11 @@ class arena {
   arena(const arena &) = delete;
   arena &operator=(const arena &) = delete;
 
-  // For the decoder. Its free does nothing; memory that cannot be had gives null.
-  ProtobufCAllocator *allocator() { return &allocator_; }
-
-  // Takes everything back. The memory is kept for the next message, in one piece, up to a limit.
-  void reset();
+  // Decodes a message in place of the one before. Null when `bytes` are no such message. Throws bad_alloc.
+  const ProtobufCMessage *decode(const ProtobufCMessageDescriptor &type, std::string_view bytes);
 
  private:
+  void reset();
   static void *allocate(void *self, size_t size);
   static void release(void *, void *) {}
 
@@ -33,6 +33,7 @@ class arena {
   ProtobufCAllocator allocator_;
   std::vector<block> blocks_;  // the last one is being handed out
   size_t used_ = 0;            // bytes of the last block
+  bool exhausted_ = false;     // memory could not be had for this message
 };
 
 }  // namespace ko_store

@@ -57,7 +57,8 @@ class engine {
   // Publishes a text that is no change, behind what was written before. Only while up.
   virtual void publish(std::string_view, std::string_view) {}
 
-  // Reads a whole hash; the answers are calls of page, or one of unreadable. Only while up.
+  // Reads a whole hash; the answers are calls of page, or one of unreadable. It takes the place of a scan of the same
+  // hash that is under way. Only while up.
   virtual void scan(size_t hash) = 0;
   // Reads one record of an input. Only while up.
   virtual void fetch(size_t input, std::string_view key) = 0;

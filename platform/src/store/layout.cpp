@@ -28,6 +28,8 @@ std::string channel_name(uint32_t db, std::string_view message) {
   return std::to_string(db).append(":").append(message);
 }
 
+std::string channel_name(const hash_id &hash) { return channel_name(hash.db, hash.type->name); }
+
 size_t announcement_size(const change &announced) {
   return header_size + announced.key.size() + announced.record.size();
 }

@@ -19,6 +19,7 @@ namespace ko_store {
 
 // Name of the channel that announces changes of `message` (a full name) in database `db`.
 std::string channel_name(uint32_t db, std::string_view message);
+std::string channel_name(const hash_id &hash);
 
 // Appends what is published on the channel: the kind's character, the length of the key as four bytes, most significant
 // first, key, record.

@@ -1,5 +1,6 @@
 #include "store/memory_engine.h"
 
+#include <algorithm>
 #include <new>
 
 namespace ko_store {
@@ -25,7 +26,11 @@ void memory_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t
   add(job_kind::up, 0);
 }
 
-void memory_engine::scan(size_t hash) { add(job_kind::scan, hash); }
+void memory_engine::scan(size_t hash) {
+  const auto jobs_end = jobs_.begin() + static_cast<std::ptrdiff_t>(n_jobs_);
+  const auto is_same = [hash](const job &due) { return due.kind == job_kind::scan && due.hash == hash; };
+  if (std::none_of(jobs_.begin(), jobs_end, is_same)) add(job_kind::scan, hash);
+}
 
 void memory_engine::fetch(size_t input, std::string_view key) { add(job_kind::fetch, input).about.key = key; }
 

@@ -1,5 +1,5 @@
 // Memory for many small pieces of few sizes. A piece that is given back waits for the next of its size; everything goes
-// with the pool. Pieces are aligned as those of new are.
+// with the pool. Pieces are aligned as pointers are.
 //
 // The standard library's own pool is no choice here: when it is refused memory for its bookkeeping, GCC 12's goes on
 // with a null pointer.
@@ -18,8 +18,8 @@ class pool final : public std::pmr::memory_resource {
   ~pool() override;
 
  private:
-  static constexpr size_t step = alignof(std::max_align_t);  // sizes are rounded up to multiples of it
-  static constexpr size_t largest = 1024;                    // bytes; what is larger comes from the system
+  static constexpr size_t step = alignof(void *);  // sizes are rounded up to multiples of it
+  static constexpr size_t largest = 1024;          // bytes; what is larger comes from the system
 
   struct piece {  // that was given back
     piece *next;

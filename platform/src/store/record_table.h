@@ -16,27 +16,31 @@ class record_table {
   // One record. Its texts stay where they are until the record is replaced or erased.
   class entry {
    public:
-    std::string_view key() const { return {bytes() + key_start_, key_size_}; }
+    std::string_view key() const { return {bytes() + (key_is_inside_ ? key_start : record_size_), key_size_}; }
     std::string_view record() const { return {bytes(), record_size_}; }
 
-    // A number of the user's own; a put makes it 0.
-    uint32_t mark() const { return mark_; }
-    void set_mark(uint32_t mark) { mark_ = mark; }
+    // A number of the user's own, of which 24 bits count; a put makes it 0.
+    bool has_mark(uint32_t mark) const { return mark_ == (mark & mark_bits); }
+    void set_mark(uint32_t mark) { mark_ = mark & mark_bits; }
 
    private:
     friend class record_table;
+    static constexpr size_t key_start = 2;  // behind the key field's tag and length, a byte each
+    static constexpr uint32_t mark_bits = (1U << 24) - 1, most_key_size = (1U << 31) - 1;
     const char *bytes() const { return reinterpret_cast<const char *>(this + 1); }
     char *bytes() { return reinterpret_cast<char *>(this + 1); }
 
-    void fill(std::string_view key, std::string_view record);
+    void fill(std::string_view key, std::string_view record, size_t room);
+    size_t room() const;
+    static size_t room_for(std::string_view key, std::string_view record);
 
     entry *next_;  // in the bucket
-    uint32_t hash_;
-    uint32_t room_;  // bytes that follow: the record, and behind it the key where it is not in the record
+    uint32_t hash_value_;
     uint32_t record_size_;
-    uint32_t key_start_;
-    uint32_t key_size_;
-    uint32_t mark_;
+    uint32_t key_size_ : 31;
+    uint32_t key_is_inside_ : 1;  // else it follows the record
+    uint32_t mark_ : 24;
+    uint32_t spare_ : 8;  // bytes that follow record and key and belong to the piece
   };
 
   // `memory` (borrowed) gives and takes the records' pieces; what is erased is used again.
@@ -47,8 +51,8 @@ class record_table {
 
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  const entry *find(std::string_view key) const { return *place_of(key, hash_of(key)); }
-  entry *find(std::string_view key) { return *place_of(key, hash_of(key)); }
+  const entry *find(std::string_view key) const { return *place_of(key, hash_value_of(key)); }
+  entry *find(std::string_view key) { return *place_of(key, hash_value_of(key)); }
   bool contains(std::string_view key) const { return find(key) != nullptr; }
 
   // Adds or replaces a record, which must not lie in this table. Throws bad_alloc and leaves all as it was.
@@ -67,11 +71,13 @@ class record_table {
   }
 
  private:
-  static uint32_t hash_of(std::string_view key) { return static_cast<uint32_t>(std::hash<std::string_view>{}(key)); }
+  static uint32_t hash_value_of(std::string_view key) {
+    return static_cast<uint32_t>(std::hash<std::string_view>{}(key));
+  }
   // The link to the record, or the one that ends its bucket.
-  entry *const *place_of(std::string_view key, uint32_t hash) const;
-  entry **place_of(std::string_view key, uint32_t hash);
-  entry *make(std::string_view key, std::string_view record, uint32_t hash);
+  entry *const *place_of(std::string_view key, uint32_t hash_value) const;
+  entry **place_of(std::string_view key, uint32_t hash_value);
+  entry *make(std::string_view key, std::string_view record, uint32_t hash_value);
   void destroy(entry *gone);
 
   std::pmr::memory_resource *memory_;
