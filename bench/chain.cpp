@@ -1,6 +1,6 @@
 // The chain: a producer writes session records, the daemon answers with its records, an observer sees the last of them.
-// Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the floor alternate
-// on one server.
+// Server, daemon and this program (producer and observer) share one core. Runs of the daemon and of the two floors, one
+// with a transaction a record and one that batches as the daemon does, alternate on one server.
 //
 //   bench_chain FLOOR [EVENTS] [RUNS] [aof]
 //
@@ -23,6 +23,7 @@ namespace {
 
 constexpr uint32_t most_waiting = 4000;  // events on their way at once
 constexpr uint32_t burst = 250;          // the producer's
+constexpr double producer_commands = 4;  // of an event
 constexpr int silence_ms = 10'000;       // an answer that takes longer never comes
 
 [[noreturn]] void fail(const char *what) {
@@ -118,6 +119,7 @@ struct figures {
   std::vector<double> per_second, waiting_p50, single_p50, single_p99;
   // Per event with thousands waiting: processor time, and what the server counts.
   std::vector<double> own_cpu, server_cpu, commands, reads, writes;
+  std::vector<double> single_commands;  // one event at a time
 };
 
 double server_count(harness::client &server, const std::string &name) {
@@ -141,7 +143,11 @@ void measure(harness::sandbox &box, const harness::process &measured, const std:
   chain it(box.socket());
   it.run(1, 1, 1);                           // what comes while the daemon still reads is answered in another order
   it.run(events / 10, most_waiting, burst);  // everything has met everything once
+  const double commands_before = server_count(server, "total_commands_processed");
   const auto single = it.run(events / 10, 1, 1);
+  out.single_commands.push_back((server_count(server, "total_commands_processed") - commands_before) /
+                                    static_cast<double>(single.size()) -
+                                producer_commands);
   const char *counted[] = {"total_commands_processed", "total_reads_processed", "total_writes_processed"};
   double before[3];
   for (int i = 0; i < 3; ++i) before[i] = server_count(server, counted[i]);
@@ -157,20 +163,27 @@ void measure(harness::sandbox &box, const harness::process &measured, const std:
   out.single_p99.push_back(bench::quantile(single, 0.99) * 1e6);
   std::vector<double> *counts[] = {&out.commands, &out.reads, &out.writes};
   for (int i = 0; i < 3; ++i) counts[i]->push_back((server_count(server, counted[i]) - before[i]) / events);
+  out.commands.back() -= producer_commands;
 }
 
-// The ratio is the median of those of the pairs; in brackets the least and the largest.
-void print(const char *what, const std::vector<double> &daemon, const std::vector<double> &bare) {
-  std::vector<double> ratios;
-  for (size_t i = 0; i < daemon.size(); ++i) ratios.push_back(daemon[i] / bare[i]);
-  std::printf("%-44s %10.2f %10.2f %8.3f (%.3f to %.3f)\n", what, bench::median(daemon), bench::median(bare),
-              bench::median(ratios), bench::quantile(ratios, 1e-9), bench::quantile(ratios, 1));
+// Ratios are the medians of those of the runs; in brackets the least and the largest.
+void print(const char *what, const figures (&all)[3], std::vector<double> figures::*figure) {
+  std::printf("%-40s", what);
+  for (const figures &each : all) std::printf(" %9.2f", bench::median(each.*figure));
+  for (const size_t floor : {1, 2}) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < (all[0].*figure).size(); ++i)
+      ratios.push_back((all[0].*figure)[i] / (all[floor].*figure)[i]);
+    std::printf(" %6.3f (%.3f to %.3f)", bench::median(ratios), bench::quantile(ratios, 1e-9),
+                bench::quantile(ratios, 1));
+  }
+  std::printf("\n");
 }
 
 }  // namespace
 
 int main(int n_words, char **words) {
-  if (n_words < 2) fail("usage: bench_chain FLOOR [EVENTS] [RUNS]");
+  if (n_words < 2) fail("usage: bench_chain FLOOR [EVENTS] [RUNS] [aof]");
   const auto events = static_cast<uint32_t>(n_words > 2 ? std::atoi(words[2]) : 100'000);
   const int runs = n_words > 3 ? std::atoi(words[3]) : 5;
   if (!bench::pin_to_one_core()) fail("cannot be tied to one core");
@@ -184,30 +197,36 @@ int main(int n_words, char **words) {
     box.start_server();
 
   harness::process bare;
-  const std::function<void()> start_daemon = [&] { box.start_daemon(); };
-  const std::function<void()> start_bare = [&] { bare.start({words[1], "chain", box.socket()}); };
-  figures daemon_figures, bare_figures;
-  std::vector<std::string> dumps[2];
-  for (int run = -1; run < runs; ++run) {
-    figures ignored;
-    const uint32_t n = run < 0 ? 100 : events;  // the first only shows that both write the same
-    measure(box, box.daemon(), start_daemon, n, run < 0 ? ignored : daemon_figures);
-    if (run < 0) dumps[0] = box.dump();
-    box.daemon().stop();
-    measure(box, bare, start_bare, n, run < 0 ? ignored : bare_figures);
-    if (run < 0) dumps[1] = box.dump();
-    bare.stop();
-  }
-  if (dumps[0] != dumps[1]) fail("the floor does not write what the daemon writes");
-  std::printf("chain, %s: %u events a run, medians of %d runs\n%55s %10s %8s\n",
-              append_only ? "append-only file" : "no persistence", events, runs, "daemon", "floor", "ratio");
-  print("events/s, 4000 waiting", daemon_figures.per_second, bare_figures.per_second);
-  print("latency p50, 4000 waiting, ms", daemon_figures.waiting_p50, bare_figures.waiting_p50);
-  print("latency p50, one at a time, us", daemon_figures.single_p50, bare_figures.single_p50);
-  print("latency p99, one at a time, us", daemon_figures.single_p99, bare_figures.single_p99);
-  print("own processor time per event, us", daemon_figures.own_cpu, bare_figures.own_cpu);
-  print("server's processor time per event, us", daemon_figures.server_cpu, bare_figures.server_cpu);
-  print("server commands per event, 4000 waiting", daemon_figures.commands, bare_figures.commands);
-  print("server reads per event, 4000 waiting", daemon_figures.reads, bare_figures.reads);
-  print("server writes per event, 4000 waiting", daemon_figures.writes, bare_figures.writes);
+  const std::function<void()> starts[3] = {[&] { box.start_daemon(); },
+                                           [&] {
+                                             bare.start({words[1], "chain", box.socket()});
+                                           },
+                                           [&] {
+                                             bare.start({words[1], "batches", box.socket()});
+                                           }};
+  figures all[3];
+  std::vector<std::string> dumps[3];
+  for (int run = -1; run < runs; ++run)
+    for (int i = 0; i < 3; ++i) {
+      harness::process &measured = i == 0 ? box.daemon() : bare;
+      figures ignored;
+      // The first run only shows that all write the same.
+      measure(box, measured, starts[i], run < 0 ? 100 : events, run < 0 ? ignored : all[i]);
+      if (run < 0) dumps[i] = box.dump();
+      measured.stop();
+    }
+  if (dumps[0] != dumps[1] || dumps[0] != dumps[2]) fail("a floor does not write what the daemon writes");
+  std::printf("chain, %s: %u events a run, medians of %d runs\n%50s %9s %9s %8s %26s\n",
+              append_only ? "append-only file" : "no persistence", events, runs, "daemon", "floor", "batching",
+              "daemon/floor", "daemon/batching");
+  print("events/s, 4000 waiting", all, &figures::per_second);
+  print("latency p50, 4000 waiting, ms", all, &figures::waiting_p50);
+  print("latency p50, one at a time, us", all, &figures::single_p50);
+  print("latency p99, one at a time, us", all, &figures::single_p99);
+  print("own processor time per event, us", all, &figures::own_cpu);
+  print("server's processor time per event, us", all, &figures::server_cpu);
+  print("commands per event, 4000 waiting", all, &figures::commands);
+  print("commands per event, one at a time", all, &figures::single_commands);
+  print("server reads per event, 4000 waiting", all, &figures::reads);
+  print("server writes per event, 4000 waiting", all, &figures::writes);
 }

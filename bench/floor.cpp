@@ -1,8 +1,10 @@
 // The floor: what the store and its client library cost without a daemon. It stands in the daemon's place, listens to
-// the same announcements and answers each with as many commands, transactions and bytes as the daemon does, from
-// patterns, without looking at what came.
+// the same announcements and answers each with as many commands and bytes as the daemon does, from patterns, without
+// looking at what came.
 //
-//   bench_floor chain SOCKET               answers session announcements until it is killed
+//   bench_floor chain SOCKET               answers session announcements until it is killed, each record with a
+//                                          transaction of its own
+//   bench_floor batches SOCKET             the same, with one transaction for what was read at once, as the daemon does
 //   bench_floor recovery SOCKET N WRITES   reads what the daemon reads at its start, then writes what it writes for N
 //                                          events: all of it (WRITES 1), or only the flush requests (0)
 #include <event2/event.h>
@@ -49,8 +51,8 @@ redisAsyncContext *connect(event_base *base, const char *socket) {
   return c;
 }
 
-// The commands of one event, with the SELECTs between databases that they need.
-std::vector<bench::pattern> answer_patterns() {
+// The commands of one event, with the SELECTs between databases that they need. `batches`: without transactions.
+std::vector<bench::pattern> answer_patterns(bool batches = false) {
   std::vector<bench::pattern> all;
   uint32_t selected = 8;
   for (const bench::record &what : bench::derived_records(bench::pattern::number)) {
@@ -58,28 +60,50 @@ std::vector<bench::pattern> answer_patterns() {
       selected = what.hash.db;
       all.emplace_back(bench::command({"SELECT", std::to_string(selected)}));
     }
-    for (const std::string &text : bench::commands_of(what)) all.emplace_back(text);
+    for (const std::string &text : bench::commands_of(what))
+      if (!batches || (text.find("\nMULTI\r") == text.npos && text.find("\nEXEC\r") == text.npos))
+        all.emplace_back(text);
   }
   return all;
 }
 
 struct chain {
-  redisAsyncContext *writer;
-  std::vector<bench::pattern> answer = answer_patterns();
+  event_base *base;
+  bool batches;
+  redisAsyncContext *writer = nullptr;
+  std::vector<bench::pattern> answer = answer_patterns(batches);
   uint32_t number = bench::first_number;
+  uint32_t in_batch = 0;  // events
+  event *end = nullptr;   // of the batch, when everything was taken that was read at once
+
+  static constexpr uint32_t most_in_batch = 100;
+
+  void send(std::string_view bytes) {
+    redisAsyncFormattedCommand(writer, nullptr, nullptr, bytes.data(), bytes.size());
+  }
 
   void on_message() {
-    for (bench::pattern &part : answer) {
-      const std::string_view bytes = part.with(number);
-      redisAsyncFormattedCommand(writer, nullptr, nullptr, bytes.data(), bytes.size());
+    if (batches && in_batch++ == 0) {
+      send("*1\r\n$5\r\nMULTI\r\n");
+      event_active(end, EV_TIMEOUT, 0);
     }
+    for (bench::pattern &part : answer) send(part.with(number));
     ++number;
+    if (in_batch == most_in_batch) end_batch();
+  }
+
+  void end_batch() {
+    if (in_batch > 0) send("*1\r\n$4\r\nEXEC\r\n");
+    in_batch = 0;
   }
 };
 
-int run_chain(const char *socket) {
+int run_chain(const char *socket, bool batches) {
   event_base *base = event_base_new();
-  chain self{connect(base, socket)};
+  chain self{base, batches};
+  self.writer = connect(base, socket);
+  self.end = event_new(
+      base, -1, 0, [](evutil_socket_t, short, void *at) { static_cast<chain *>(at)->end_batch(); }, &self);
   redisAsyncContext *reader = connect(base, socket);
   redisAsyncCommand(self.writer, nullptr, nullptr, "SELECT 8");
   redisAsyncCommand(
@@ -165,9 +189,10 @@ int run_recovery(const char *socket, uint32_t n, bool writes) {
 }  // namespace
 
 int main(int n_words, char **words) {
-  if (n_words == 3 && std::strcmp(words[1], "chain") == 0) return run_chain(words[2]);
+  if (n_words == 3 && std::strcmp(words[1], "chain") == 0) return run_chain(words[2], false);
+  if (n_words == 3 && std::strcmp(words[1], "batches") == 0) return run_chain(words[2], true);
   if (n_words == 5 && std::strcmp(words[1], "recovery") == 0)
     return run_recovery(words[2], static_cast<uint32_t>(std::atoi(words[3])), std::atoi(words[4]) != 0);
-  std::fprintf(stderr, "usage: %s chain SOCKET | recovery SOCKET N WRITES\n", words[0]);
+  std::fprintf(stderr, "usage: %s chain|batches SOCKET | recovery SOCKET N WRITES\n", words[0]);
   return 2;
 }

@@ -1,7 +1,8 @@
-// The daemon is killed after any of its writes and started again; what is in the store then must be what a daemon
-// started fresh writes, and what one that was never killed has written.
+// The daemon is killed inside or after any of its transactions and started again; what is in the store then must be
+// what a daemon started fresh writes, and what one that was never killed has written.
 //
-// A run tries a sample; with KO_CRASH_ALL in the environment, every write.
+// Events come to it one by one, so that each has a transaction of its own. A run tries a sample; with KO_CRASH_ALL in
+// the environment, every transaction.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include <iostream>
 #include <map>
 #include <random>
+#include <set>
 
 #include "proxy.h"
 #include "sandbox.h"
@@ -144,6 +146,7 @@ class crash : public ::testing::Test {
   crash() : wire(box.folder() + "/wire.sock", box.socket()) {
     box.use_socket(box.folder() + "/wire.sock");
     box.start_server();
+    wire.pace(true);
   }
 
   size_t feed(const std::vector<row> &rows) {
@@ -156,7 +159,7 @@ class crash : public ::testing::Test {
     return events;
   }
 
-  // Starts the daemon and runs `meanwhile`; it dies after its `count`-th write, or when all is done. 0: only then.
+  // Starts the daemon and runs `meanwhile`; it dies where proxy::kill_after says, or when all is done. 0: only then.
   void live(size_t count, const std::function<void()> &meanwhile) {
     wire.kill_after(count, [this] { box.daemon().signal(SIGKILL); });
     box.start_daemon();
@@ -165,6 +168,27 @@ class crash : public ::testing::Test {
     if (!box.settle()) eventually([this] { return wire.killed(); }, "the server's end of a kill");
     wire.kill_after(0, {});
     box.daemon().stop();
+  }
+
+  // The connections are cut after so many bytes of the daemon's; whatever it publishes is in `clean`.
+  void check_cut(size_t bytes, const std::set<std::string> &clean) {
+    SCOPED_TRACE("cut after byte " + std::to_string(bytes));
+    box.restore({});
+    wire.forget();
+    wire.cut_after(bytes);
+    live(0, [&] { feed(scenario); });
+    wire.cut_after(0);
+    for (const std::string &request : published()) EXPECT_TRUE(clean.contains(request)) << request;
+    lines end = box.dump();  // before the cut, or after it: a daemon that goes on may leave results behind, or not
+    for (const record &what : left_behind) std::erase(end, what.line());
+    EXPECT_EQ(difference(end, fresh(box.inputs())), "");
+  }
+
+  std::set<std::string> published() {
+    std::set<std::string> out;
+    for (const std::string &command : wire.commands())
+      if (command.starts_with("PUBLISH 6:u_bridge.udp_flushdyn")) out.insert(command);
+    return out;
   }
 
   lines fresh(const lines &inputs) {
@@ -186,8 +210,8 @@ class crash : public ::testing::Test {
   }
 
   void check(size_t k, size_t j, const variant &how, const lines &reference, bool is_rough) {
-    SCOPED_TRACE(std::string(how.what) + (is_rough ? ", rough" : "") + ", killed after write " + std::to_string(k) +
-                 " and after write " + std::to_string(j) + " of the recovery");
+    SCOPED_TRACE(std::string(how.what) + (is_rough ? ", rough" : "") + ", killed at " + std::to_string(k) + " and at " +
+                 std::to_string(j) + " of the recovery");
     box.restore({});
     live(k, [&] {
       feed(scenario);
@@ -220,16 +244,26 @@ TEST_F(crash, any_write_may_be_the_last) {
     box.restore({});
     wire.forget();
     live(0, [&] { EXPECT_GE(feed(scenario), 60U); });
-    const size_t writes = wire.transactions() - 4;  // of the marks
-    ASSERT_GT(writes, 100U);
-    const size_t stride = all ? 1 : writes / 5;
-    for (size_t k = all ? 1 : 1 + random() % stride; k <= writes; k += stride, ++runs)
-      check(k, k % 3 == 0 ? 0 : 1 + random() % 40, how, reference, !all && runs % 4 == 3);
+    const size_t points = 2 * (wire.transactions() - 4);  // not those of the marks
+    ASSERT_GT(points, 100U);
+    const size_t stride = all ? 1 : points / 5;
+    for (size_t k = all ? 1 : 1 + random() % stride; k <= points; k += stride, ++runs)
+      check(k, k % 3 == 0 ? 0 : 1 + random() % 4, how, reference, !all && runs % 4 == 3);
     if (all)
-      for (size_t k = 1; k <= writes; k += 7, ++runs) check(k, random() % 40, how, {}, true);
+      for (size_t k = 1; k <= points; k += 7, ++runs) check(k, random() % 4, how, {}, true);
     if (HasFailure()) break;
   }
   std::cout << runs << " kills\n";
+}
+
+TEST_F(crash, any_byte_may_be_the_last_of_a_connection) {
+  box.restore({});
+  wire.forget();
+  live(0, [&] { feed(scenario); });
+  const std::set<std::string> clean = published();
+  ASSERT_FALSE(clean.empty());
+  const size_t all = wire.bytes(), stride = std::getenv("KO_CRASH_ALL") != nullptr ? 1 : all / 25;
+  for (size_t bytes = 1 + all % 7; bytes < all && !HasFailure(); bytes += stride) check_cut(bytes, clean);
 }
 
 }  // namespace

@@ -114,8 +114,9 @@ int32_t vx_mom_reg_key_event(struct vx_mom_ab *ab, const struct mom_ds_entry *in
 int32_t vx_mom_reg_all_ds_event(struct vx_mom_ab *ab, uint32_t flags, vx_mom_all_ds_cb handler, void *user);
 
 /* The record calls. `message` is encoded during the call and stays the caller's; the last two arguments are 0.
- * 0 means that the write is accepted: it is sent with the others of this turn of the loop, sent again after a lost
- * connection, and logged and counted when the server refuses it. Other results: VX_MOM_MISSING,
+ * 0 means that the write is accepted: it is sent with the others of this turn of the loop, in one transaction, so that
+ * readers get what one event leads to together; sent again after a lost connection; and logged and counted when the
+ * server refuses it. Other results: VX_MOM_MISSING,
  * VX_MOM_INVALID.
  *
  * set: creates the record or replaces the one with the same key.

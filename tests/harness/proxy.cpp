@@ -92,7 +92,7 @@ std::vector<std::string> proxy::commands() {
 void proxy::forget() {
   const std::lock_guard lock(mutex_);
   commands_.clear();
-  transactions_ = 0;
+  transactions_ = bytes_ = 0;
 }
 
 void proxy::run() {
@@ -103,7 +103,10 @@ void proxy::run() {
     }
     std::vector<pollfd> files{{listener_, POLLIN, 0}};
     for (const auto &over : links_) files.insert(files.end(), {{over->daemon, POLLIN, 0}, {over->server, POLLIN, 0}});
-    if (poll(files.data(), files.size(), 5) <= 0) continue;
+    if (poll(files.data(), files.size(), paced_ ? 1 : 5) <= 0) {
+      release_one();
+      continue;
+    }
     dropped_ = false;
     for (size_t i = links_.size(); i-- > 0 && !dropped_;) {
       link &over = *links_[i];
@@ -144,18 +147,40 @@ bool proxy::from_daemon(link &over) {
 }
 
 bool proxy::forward(link &over, const std::vector<std::string> &words, std::string_view bytes) {
-  if (!send_all(over.server, bytes)) return false;
+  if (cuts_here(over, bytes)) return true;
   over.subscribes = over.subscribes || words[0] == "SUBSCRIBE";
   const std::lock_guard lock(mutex_);
+  if (words[0] == "EXEC" && dies_now(lock)) {
+    send_all(over.server, bytes.substr(0, bytes.size() - 1));
+    finish_kill();
+    return true;
+  }
+  if (!send_all(over.server, bytes)) return false;
   std::string all;
   for (const std::string &word : words) all += (all.empty() ? "" : " ") + word;
   commands_.push_back(std::move(all));
   if (words[0] != "EXEC") return true;
   ++transactions_;
-  if (until_kill_ == 0 || --until_kill_ > 0) return true;
-  victim_dies_();
-  finish_kill();
+  if (dies_now(lock)) finish_kill();
   return true;
+}
+
+bool proxy::dies_now(const std::lock_guard<std::mutex> &) {
+  if (until_kill_ == 0 || --until_kill_ > 0) return false;
+  victim_dies_();
+  return true;
+}
+
+bool proxy::cuts_here(link &over, std::string_view bytes) {
+  bytes_ += bytes.size();
+  if (until_cut_ == 0 || until_cut_ > bytes.size()) {
+    until_cut_ -= until_cut_ == 0 ? 0 : bytes.size();
+    return false;
+  }
+  send_all(over.server, bytes.substr(0, until_cut_.exchange(0)));
+  for (const auto &each : links_) close(*each);
+  links_.clear();
+  return dropped_ = true;
 }
 
 // The server has read all and closed its side once nothing more comes from it.
@@ -176,7 +201,22 @@ bool proxy::from_server(link &over) {
   const ssize_t length = read(over.server, bytes, sizeof(bytes));
   if (length <= 0) return false;
   if (deaf_ && over.subscribes) return true;
+  if (over.subscribes && (paced_ || !over.held.empty())) {
+    over.held.append(bytes, static_cast<size_t>(length));
+    return true;
+  }
   return send_all(over.daemon, {bytes, static_cast<size_t>(length)});
+}
+
+// What else a subscriber is sent, a confirmation, is no array of texts alone, and goes with the rest.
+void proxy::release_one() {
+  std::vector<std::string> words;
+  for (const auto &over : links_) {
+    const size_t size = paced_ ? parse_command(over->held, words) : over->held.size();
+    const std::string next = over->held.substr(0, size == 0 ? over->held.size() : size);
+    over->held.erase(0, next.size());
+    send_all(over->daemon, next);
+  }
 }
 
 void proxy::close(link &over) {

@@ -19,15 +19,20 @@ class proxy {
   proxy &operator=(const proxy &) = delete;
   ~proxy();
 
-  // Right after the `count`-th EXEC from now on has gone to the server, calls `victim_dies`, lets nothing more through
-  // and waits for the server to have carried out what it got. 0: never.
+  // Of the transactions from now on, the first ends in the middle with a `count` of 1, and is whole with 2; so on with
+  // the second. Then calls `victim_dies`, lets nothing more through and waits for the server to have carried out what
+  // it got. 0: never.
   void kill_after(size_t count, std::function<void()> victim_dies);
   bool killed() const { return killed_; }
+  // Closes every connection when `count` more bytes have gone to the server. 0: never.
+  void cut_after(size_t count) { until_cut_ = count; }
 
   size_t transactions() const { return transactions_; }  // EXECs forwarded since forget
+  size_t bytes() const { return bytes_; }                // that went to the server since forget
   std::vector<std::string> commands();                   // words of each command since forget, joined by blanks
   void forget();
 
+  void pace(bool on) { paced_ = on; }   // announcements go through one by one, each when nothing else does
   void deafen(bool on) { deaf_ = on; }  // announcements are lost
   void cut() { cut_ = true; }           // closes every connection once
 
@@ -37,14 +42,18 @@ class proxy {
     int server;
     bool subscribes = false;
     std::string unparsed = {};
+    std::string held = {};  // announcements
   };
 
   void run();
   void accept_one();
   bool from_daemon(link &over);
   bool from_server(link &over);
+  void release_one();
+  bool dies_now(const std::lock_guard<std::mutex> &);
   bool forward(link &over, const std::vector<std::string> &words, std::string_view bytes);
   void finish_kill();
+  bool cuts_here(link &over, std::string_view bytes);
   void close(link &over);
 
   const std::string server_path_;
@@ -55,8 +64,8 @@ class proxy {
   std::vector<std::string> commands_;
   size_t until_kill_ = 0;
   std::function<void()> victim_dies_;
-  std::atomic<size_t> transactions_{0};
-  std::atomic<bool> killed_{false}, deaf_{false}, cut_{false}, ended_{false};
+  std::atomic<size_t> transactions_{0}, bytes_{0}, until_cut_{0};
+  std::atomic<bool> killed_{false}, deaf_{false}, paced_{false}, cut_{false}, ended_{false};
   std::thread thread_;
 };
 

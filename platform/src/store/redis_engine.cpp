@@ -3,7 +3,6 @@
 #include <hiredis/hiredis.h>
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -15,14 +14,23 @@ namespace {
 
 constexpr int first_pause_ms = 50;
 constexpr int longest_pause_ms = 5'000;
-constexpr std::string_view page_size = "1000";   // records of one scan step
-constexpr size_t most_unanswered = 8192;         // requests; above, long work waits
-constexpr size_t few_unanswered = 2048;          // below, it goes on
-constexpr size_t most_unsent = size_t{1} << 20;  // bytes
+constexpr std::string_view page_size = "1000";  // records of one scan step
 constexpr timeval at_once{0, 0};
-constexpr timeval patience{1, 0};   // without an answer, before that is said
+constexpr timeval patience{1, 0};   // without an answer, before that is reported
 constexpr int most_late = 30;       // times that, before the connections are made anew
 constexpr timeval idle_time{5, 0};  // without a word, before the server is asked for one
+
+// What one transaction holds at most; the server serves nobody else meanwhile.
+constexpr size_t batch_writes = 500;
+constexpr size_t batch_bytes = size_t{256} << 10;  // a single write may be larger
+
+// Long work pauses above one of these, and resumes below both.
+constexpr size_t pause_requests = 8192, resume_requests = 2048;
+constexpr size_t pause_bytes = size_t{2} << 20, resume_bytes = size_t{1} << 19;
+
+constexpr int64_t unknown_db = -1;
+constexpr std::string_view multi = "*1\r\n$5\r\nMULTI\r\n";
+constexpr std::string_view exec = "*1\r\n$4\r\nEXEC\r\n";
 
 void append_command(std::string &out, std::initializer_list<std::string_view> words) {
   append_head(out, words.size());
@@ -35,12 +43,14 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
     : base_(ko_platform::context_of(&global).base.get()), address_(std::move(address)) {
   retry_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
+  send_.reset(event_new(
+      base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->send_due(); }, this));
   watch_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->look(); }, this));
   poke_.reset(event_new(
       base_, -1, EV_PERSIST, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->poke(); },
       this));
-  if (retry_ == nullptr || watch_ == nullptr || poke_ == nullptr) throw std::bad_alloc();
+  if (retry_ == nullptr || send_ == nullptr || watch_ == nullptr || poke_ == nullptr) throw std::bad_alloc();
 }
 
 void redis_engine::serve(const std::string &program) {
@@ -50,14 +60,15 @@ void redis_engine::serve(const std::string &program) {
 
 void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) {
   close();
+  queue_.clear();
   user_ = &user;
   hashes_ = std::move(hashes);
+  scans_.assign(hashes_.size(), 0);
   channels_.clear();
   for (const hash_id &id : hashes_) channels_.push_back(channel_name(id.db, id.type->name));
   n_inputs_ = n_inputs;
   subscription_.clear();
   for (size_t i = 0; i < n_inputs_; ++i) subscription_.append(i == 0 ? "" : ", ").append(channels_[i]);
-  while (queued_ > 0) drop_oldest();
   event_add(retry_.get(), &at_once);
   event_add(poke_.get(), &idle_time);
 }
@@ -67,25 +78,15 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
 // Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
 // database before it.
 void redis_engine::connect() try {
-  ready_ = false;
-  subscriptions_ = 0;
-  selected_db_ = 0;
+  connected_ = true;
   redis_link_user &self = *this;
   writer_ = std::make_unique<redis_link>(base_, address_, self);
   command_.clear();
-  unsigned answers = log_in();
-  for (const hash_id &id : hashes_) {
-    if (selected_db_ == id.db) continue;
-    append_command(command_, {"SELECT", std::to_string(id.db)});
-    selected_db_ = id.db;
-    ++answers;
-  }
-  ask({.kind = request::login, .answers = answers});
-  if (!program_.empty()) {
-    command_.clear();
-    append_name();
-    ask({.kind = request::name, .answers = 1});
-  }
+  writer_logins_ = log_in();
+  for (const hash_id &id : hashes_) writer_logins_ += append_select(id.db);
+  writer_named_ = program_.empty();
+  if (!writer_named_) append_name();
+  writer_->send(command_);
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
 } catch (const std::bad_alloc &) {
@@ -110,7 +111,6 @@ void redis_engine::subscribe() {
   command_.clear();
   reader_logins_ = log_in();
   reader_named_ = program_.empty();
-  reader_poked_ = false;
   if (!reader_named_) append_name();
   if (n_inputs_ > 0) {
     append_head(command_, n_inputs_ + 1);
@@ -122,11 +122,36 @@ void redis_engine::subscribe() {
   watch();
 }
 
+void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
+  ++answers_;
+  if (std::exchange(silent_, false)) PLATFORM_WARN("the store answers again");
+  if (&link == reader_.get())
+    on_subscription(answer);
+  else if (writer_logins_ > 0 || !writer_named_)
+    on_login(answer);
+  else
+    on_request(answer);
+} catch (const std::bad_alloc &) {
+  broken("memory is exhausted");
+}
+
+void redis_engine::on_login(const redis_answer &answer) {
+  if (writer_logins_ == 0) {
+    writer_named_ = true;
+    if (!answer.errors.empty()) report_refusal("name its connections", program_, answer.first_error());
+    return;
+  }
+  if (!answer.errors.empty()) return broken(answer.first_error());
+  --writer_logins_;
+  check_up();
+}
+
 void redis_engine::on_subscription(const redis_answer &answer) {
-  if (!answer.error.empty()) return on_subscription_error(answer.error);
+  if (!answer.errors.empty()) return on_subscription_error(answer.first_error());
   const std::string_view what = answer.texts.empty() ? std::string_view() : answer.texts[0];
   if (reader_logins_ > 0) {
     --reader_logins_;
+    check_up();
   } else if (!reader_named_) {
     reader_named_ = true;
   } else if (answer.texts.size() == 2 && what == "pong") {
@@ -141,15 +166,15 @@ void redis_engine::on_subscription(const redis_answer &answer) {
 
 void redis_engine::on_subscription_error(std::string_view why) {
   if (reader_logins_ == 0 && !std::exchange(reader_named_, true))
-    return tell_refusal("name its connections", program_, why);
-  if (reader_logins_ == 0 && subscriptions_ == n_inputs_) return tell_refusal("listen to", request_channel_, why);
-  if (reader_logins_ == 0 && !told_.contains(why))
+    return report_refusal("name its connections", program_, why);
+  if (reader_logins_ == 0 && subscriptions_ == n_inputs_) return report_refusal("listen to", request_channel_, why);
+  if (reader_logins_ == 0 && !reported_.contains(why))
     PLATFORM_ERROR("the subscription to %s is refused", subscription_.c_str());
   broken(why);
 }
 
 // The store serves without it.
-void redis_engine::tell_refusal(const char *what, std::string_view where, std::string_view why) {
+void redis_engine::report_refusal(const char *what, std::string_view where, std::string_view why) {
   if (!refused_.emplace(what).second) return;
   PLATFORM_WARN("the store does not let this process %s %.*s: %.*s", what, static_cast<int>(where.size()), where.data(),
                 static_cast<int>(why.size()), why.data());
@@ -161,34 +186,39 @@ void redis_engine::on_message(const redis_answer &answer) {
   const auto channel = std::find(channels_.begin(), channels_end, answer.texts[1]);
   if (channel == channels_end) return;
   const auto input = static_cast<size_t>(channel - channels_.begin());
-  const auto what = parse_announcement(hashes_[input], answer.texts[2]);
-  if (what.has_value())
-    user_->changed(input, *what);
+  const auto announced = parse_announcement(hashes_[input], answer.texts[2]);
+  if (announced.has_value())
+    user_->changed(input, *announced);
   else
     user_->malformed(input);
 }
 
 void redis_engine::check_up() {
-  if (up_ || !ready_ || subscriptions_ < n_inputs_) return;
+  if (up_ || writer_logins_ > 0 || reader_logins_ > 0 || subscriptions_ < n_inputs_) return;
   up_ = true;
   up_since_ = std::chrono::steady_clock::now();
-  if (told_.empty())
+  if (reported_.empty())
     PLATFORM_INFO("connected to the store at %s", to_string(address_).c_str());
   else
     PLATFORM_WARN("connected to the store at %s", to_string(address_).c_str());
-  told_.clear();
+  reported_.clear();
   user_->up();
 }
 
 void redis_engine::lost(redis_link &, const std::string &why) { broken(why); }
 
+// The links stay until the next are made: this may happen inside a call of theirs.
 void redis_engine::close() {
   event_del(retry_.get());
-  reader_.reset();
-  writer_.reset();
-  up_ = false;
+  event_del(send_.get());
+  if (reader_ != nullptr) reader_->close();
+  if (writer_ != nullptr) writer_->close();
+  connected_ = up_ = congested_ = reader_poked_ = false;
+  subscriptions_ = 0;
   late_ = 0;
-  was_congested_ = false;
+  selected_db_ = unknown_db;
+  sent_ = batch_ = singles_ = 0;
+  answered_ = 0;
   error_.clear();
 }
 
@@ -198,8 +228,8 @@ void redis_engine::broken(std::string_view why) {
   const auto lasted = std::chrono::steady_clock::now() - up_since_;
   if (was_up && lasted > std::chrono::milliseconds(longest_pause_ms)) pause_ms_ = 0;
   try {
-    if (!told_.contains(why)) {
-      told_.emplace(why);
+    if (!reported_.contains(why)) {
+      reported_.emplace(why);
       PLATFORM_ERROR("the store at %s cannot be used: %.*s; it is tried again with growing pauses",
                      to_string(address_).c_str(), static_cast<int>(why.size()), why.data());
     }
@@ -208,8 +238,8 @@ void redis_engine::broken(std::string_view why) {
   }
   close();  // `why` may be gone now
   if (was_up) user_->down();
-  for (; queued_ > 0; drop_oldest())
-    if (was_up && oldest().kind == request::write) user_->not_written(oldest_change(), {});
+  for (; !queue_.empty(); queue_.pop())
+    if (was_up && queue_.at(0).kind == request_kind::write) user_->not_written(queue_.change_at(0), {});
   retry_later();
 }
 
@@ -221,100 +251,105 @@ void redis_engine::retry_later() {
 
 // ---- requests ----
 
-void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
-  ++answers_;
-  if (std::exchange(silent_, false)) PLATFORM_WARN("the store answers again");
-  if (&link == reader_.get())
-    on_subscription(answer);
-  else
-    on_request(answer);
+void redis_engine::scan(size_t hash) {
+  push({.kind = request_kind::page, .hash = hashes_[hash], .number = hash, .scan = ++scans_[hash]}, "0");
+}
+
+void redis_engine::fetch(size_t input, std::string_view key) {
+  push({.kind = request_kind::fetch, .hash = hashes_[input], .number = input}, key);
+}
+
+void redis_engine::write(const change &what) {
+  push({.kind = request_kind::write, .change = what.kind, .hash = what.hash}, what.key, what.record);
+}
+
+void redis_engine::publish(std::string_view channel, std::string_view text) {
+  push({.kind = request_kind::publish}, channel, text);
+}
+
+void redis_engine::push(const request &added, std::string_view key, std::string_view record) {
+  queue_.push(added, key, record);
+  if (queue_.size() > pause_requests || queue_.bytes() > pause_bytes) congested_ = true;
+  if (queue_.size() == sent_ + 1) send_later();
+}
+
+// In this turn of the loop, after what is due.
+void redis_engine::send_later() { event_active(send_.get(), EV_TIMEOUT, 0); }
+
+// Sends what there is, up to the end of a batch: what is behind it waits for its outcome.
+void redis_engine::send_due() try {
+  command_.clear();
+  while (batch_ == 0 && sent_ < queue_.size()) {
+    if (queue_.at(sent_).kind == request_kind::write)
+      append_batch();
+    else
+      append_single(sent_++);
+  }
+  if (command_.empty()) return;
+  writer_->send(command_);
+  watch();
 } catch (const std::bad_alloc &) {
   broken("memory is exhausted");
 }
 
-void redis_engine::on_request(const redis_answer &answer) {
-  if (queued_ == 0) return broken("it answers what it was not asked");
-  if (error_.empty()) error_ = answer.error;
-  const awaited asked = oldest();
-  if (++answered_ < asked.answers) return;
-  switch (asked.kind) {
-    case request::login:
-    case request::select:
-      if (!error_.empty()) return broken(error_);
-      drop_oldest();
-      ready_ = ready_ || asked.kind == request::login;
-      return check_up();
-    case request::name:
-      if (!error_.empty()) tell_refusal("name its connections", program_, error_);
-      error_.clear();
-      return drop_oldest();
-    case request::publish:
-      if (!error_.empty()) tell_refusal("answer on", oldest_key(), error_);
-      error_.clear();
-      return drop_oldest();
-    case request::ping:
-      error_.clear();
-      return drop_oldest();
-    case request::page:
-      return on_page(answer);
-    case request::fetch:
-      return on_fetched(answer);
-    case request::write:
-      return on_outcome(answer);
+void redis_engine::append_single(size_t i) {
+  request &next = queue_.at(i);
+  const bool reads = next.kind == request_kind::page || next.kind == request_kind::fetch;
+  next.commands = 1 + (reads ? append_select(next.hash.db) : 0);
+  if (next.kind == request_kind::page)
+    append_command(command_, {"HSCAN", next.hash.type->name, queue_.key(i), "COUNT", page_size});
+  else if (next.kind == request_kind::fetch)
+    append_command(command_, {"HGET", next.hash.type->name, queue_.key(i)});
+  else if (next.kind == request_kind::publish)
+    append_command(command_, {"PUBLISH", queue_.key(i), queue_.change_at(i).record});
+  else
+    append_command(command_, {"PING"});
+}
+
+// What is only published needs no transaction.
+void redis_engine::append_batch() {
+  const size_t start = command_.size();
+  const size_t most = singles_ > 0 ? 1 : batch_writes;
+  bool stores = false;
+  command_.append(multi);
+  for (batch_commands_ = 0; batch_ < most && sent_ < queue_.size(); ++sent_, ++batch_) {
+    request &next = queue_.at(sent_);
+    if (next.kind != request_kind::write || command_.size() - start > batch_bytes) break;
+    next.commands = append_write(queue_.change_at(sent_));
+    batch_commands_ += next.commands;
+    stores = stores || next.change != change_kind::publish;
+  }
+  if (stores) {
+    command_.append(exec);
+  } else {
+    command_.erase(start, multi.size());
+    batch_commands_ = 0;
   }
 }
 
-void redis_engine::select(uint32_t db) {
-  if (selected_db_ == db) return;
-  command_.clear();
+// Returns how many commands that are, as append_select does.
+uint32_t redis_engine::append_write(const change &what) {
+  const hash_words &words = words_of(what.hash);
+  uint32_t commands = 1;
+  if (what.kind != change_kind::publish) {
+    commands += 1 + append_select(what.hash.db);
+    const bool is_set = what.kind == change_kind::set;
+    command_.append(is_set ? "*4\r\n$4\r\nHSET\r\n" : "*3\r\n$4\r\nHDEL\r\n").append(words.name);
+    append_word(command_, what.key);
+    if (is_set) append_word(command_, what.record);
+  }
+  command_.append("*3\r\n$7\r\nPUBLISH\r\n").append(words.channel);
+  append_length(command_, announcement_size(what));
+  append_announcement(what, command_);
+  command_.append("\r\n");
+  return commands;
+}
+
+uint32_t redis_engine::append_select(uint32_t db) {
+  if (selected_db_ == db) return 0;
   append_command(command_, {"SELECT", std::to_string(db)});
-  ask({.kind = request::select, .answers = 1});
   selected_db_ = db;
-}
-
-void redis_engine::scan(size_t hash) { ask_page(hash, "0"); }
-
-void redis_engine::ask_page(size_t hash, std::string_view cursor) {
-  select(hashes_[hash].db);
-  command_.clear();
-  append_command(command_, {"HSCAN", hashes_[hash].type->name, cursor, "COUNT", page_size});
-  ask({.kind = request::page, .answers = 1, .hash = hash});
-}
-
-void redis_engine::on_page(const redis_answer &answer) {
-  const size_t hash = oldest().hash;
-  drop_oldest();
-  const std::string why = std::exchange(error_, {});
-  if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
-    return user_->unreadable(hash, why.empty() ? "the answer is no page" : why);
-  std::vector<change> records;
-  records.reserve(answer.texts.size() / 2);
-  for (size_t i = 1; i < answer.texts.size(); i += 2)
-    records.push_back({hashes_[hash], change_kind::set, answer.texts[i], answer.texts[i + 1]});
-  const bool last = answer.texts[0] == "0";
-  if (!last) ask_page(hash, answer.texts[0]);
-  user_->page(hash, records, last);
-}
-
-void redis_engine::fetch(size_t input, std::string_view key) {
-  select(hashes_[input].db);
-  command_.clear();
-  append_command(command_, {"HGET", hashes_[input].type->name, key});
-  ask({.kind = request::fetch, .answers = 1, .hash = input}, key);
-}
-
-// When it cannot be read, what was known of it stands.
-void redis_engine::on_fetched(const redis_answer &answer) {
-  const size_t input = oldest().hash;
-  const std::string key(oldest_key());
-  drop_oldest();
-  const std::string why = std::exchange(error_, {});
-  if (answer.type == REDIS_REPLY_STRING)
-    user_->fetched(input, key, answer.texts[0]);
-  else if (answer.type == REDIS_REPLY_NIL)
-    user_->fetched(input, key, std::nullopt);
-  else if (!why.empty() && told_.insert(why).second)
-    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
+  return 1;
 }
 
 const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
@@ -326,91 +361,130 @@ const redis_engine::hash_words &redis_engine::words_of(const hash_id &id) {
   return words_.emplace_back(std::move(made));
 }
 
-void redis_engine::write(const change &what) {
-  const hash_words &words = words_of(what.hash);
-  const bool stored = what.kind != change_kind::publish;
-  if (stored) select(what.hash.db);
-  command_.clear();
-  if (stored) {
-    command_.append("*1\r\n$5\r\nMULTI\r\n");
-    command_.append(what.kind == change_kind::set ? "*4\r\n$4\r\nHSET\r\n" : "*3\r\n$4\r\nHDEL\r\n").append(words.name);
-    append_word(command_, what.key);
-    if (what.kind == change_kind::set) append_word(command_, what.record);
-  }
-  command_.append("*3\r\n$7\r\nPUBLISH\r\n").append(words.channel);
-  append_length(command_, announcement_size(what));
-  append_announcement(what, command_);
-  command_.append("\r\n");
-  if (stored) command_.append("*1\r\n$4\r\nEXEC\r\n");
+// ---- answers ----
 
-  ask({.kind = request::write, .change = what.kind, .answers = stored ? 4U : 1U, .changed = what.hash}, what.key,
-      what.record);
+void redis_engine::on_request(const redis_answer &answer) {
+  if (sent_ == 0) return broken("it answers what it was not asked");
+  if (error_.empty()) error_ = answer.first_error();
+  ++answered_;
+  if (queue_.at(0).kind == request_kind::write)
+    on_batch(answer);
+  else
+    on_single(answer);
 }
 
-void redis_engine::publish(std::string_view channel, std::string_view text) {
-  command_.clear();
-  append_command(command_, {"PUBLISH", channel, text});
-  ask({.kind = request::publish, .answers = 1}, channel);
+void redis_engine::on_single(const redis_answer &answer) {
+  const request &asked = queue_.at(0);
+  if (answered_ < asked.commands) {  // the SELECT: what follows a refused one is of another database
+    if (!error_.empty()) broken(std::exchange(error_, {}));
+    return;
+  }
+  switch (asked.kind) {
+    case request_kind::page:
+      return on_page(answer);
+    case request_kind::fetch:
+      return on_fetched(answer);
+    case request_kind::publish:
+      return on_published();
+    default:  // any answer to a ping is one
+      error_.clear();
+      return drop_oldest();
+  }
 }
 
-// The end of a transaction, or the answer to a lone PUBLISH.
-void redis_engine::on_outcome(const redis_answer &answer) {
-  if (answer.type == REDIS_REPLY_NIL && error_.empty()) error_ = "the transaction was dropped";
-  if (!error_.empty()) {
-    user_->not_written(oldest_change(), error_);
-    error_.clear();
-  }
+void redis_engine::on_page(const redis_answer &answer) {
+  const request asked = queue_.at(0);
+  const size_t hash = asked.number;
+  const std::string why = std::exchange(error_, {});
   drop_oldest();
-  if (!was_congested_ || queued_ > few_unanswered) return;
-  was_congested_ = false;
-  user_->relieved();
+  if (asked.scan != scans_[hash]) return;  // another has taken its place
+  if (!why.empty() || answer.type != REDIS_REPLY_ARRAY || answer.texts.size() % 2 == 0)
+    return user_->unreadable(hash, why.empty() ? "the answer is no page" : why);
+  std::vector<change> records;
+  records.reserve(answer.texts.size() / 2);
+  for (size_t i = 1; i < answer.texts.size(); i += 2)
+    records.push_back({hashes_[hash], change_kind::set, answer.texts[i], answer.texts[i + 1]});
+  const bool last = answer.texts[0] == "0";
+  if (!last) push(asked, answer.texts[0]);
+  user_->page(hash, records, last);
 }
 
-bool redis_engine::congested() const {
-  const bool now = queued_ > most_unanswered || (writer_ != nullptr && writer_->unsent() > most_unsent);
-  was_congested_ = was_congested_ || now;
-  return now;
+// When it cannot be read, what was known of it stands.
+void redis_engine::on_fetched(const redis_answer &answer) {
+  const size_t input = queue_.at(0).number;
+  const std::string key(queue_.key(0));
+  const std::string why = std::exchange(error_, {});
+  drop_oldest();
+  if (answer.type == REDIS_REPLY_STRING)
+    user_->fetched(input, key, answer.texts[0]);
+  else if (answer.type == REDIS_REPLY_NIL)
+    user_->fetched(input, key, std::nullopt);
+  else if (!why.empty() && reported_.insert(why).second)
+    PLATFORM_ERROR("a record on %s cannot be read again: %s", channels_[input].c_str(), why.c_str());
 }
 
-// ---- requests without an answer ----
+void redis_engine::on_published() {
+  if (!error_.empty()) report_refusal("answer on", queue_.key(0), std::exchange(error_, {}));
+  drop_oldest();
+}
 
-// Sends the command and notes that its answers are awaited; or throws, and neither has happened.
-void redis_engine::ask(awaited what, std::string_view key, std::string_view record) {
-  what.key_size = key.size();
-  what.record_size = record.size();
-  const size_t size = queue_.size();
-  try {
-    queue_.append(reinterpret_cast<const char *>(&what), sizeof(what)).append(key).append(record);
-    writer_->send(command_);
-  } catch (const std::bad_alloc &) {
-    queue_.resize(size);
-    throw;
+// A transaction ends with the answer to its EXEC; messages that are only published are answered one by one.
+void redis_engine::on_batch(const redis_answer &answer) {
+  if (batch_commands_ == 0) {
+    answered_ = 0;
+    end_write(std::exchange(error_, {}));
+  } else if (answered_ == batch_commands_ + 2) {
+    answered_ = 0;
+    const bool dropped = answer.type != REDIS_REPLY_ARRAY || answer.elements != batch_commands_;
+    if (dropped)
+      on_dropped();
+    else
+      on_transaction(answer);
   }
-  ++queued_;
-  if (what.kind == request::write) ++writes_;
-  watch();
+  if (up_ && batch_ == 0 && sent_ < queue_.size()) send_later();
 }
 
-redis_engine::awaited redis_engine::oldest() const {
-  awaited found;
-  std::memcpy(&found, queue_.data() + queue_start_, sizeof(found));
-  return found;
+// Each write has the elements of its commands in the answer. Three commands begin with a SELECT: where that fails, what
+// follows is in another database.
+void redis_engine::on_transaction(const redis_answer &answer) {
+  error_.clear();
+  auto error = answer.errors.begin();
+  for (size_t first = 0, next = 0; batch_ > 0; first = next) {
+    const bool selects = queue_.at(0).commands == 3;
+    next = first + queue_.at(0).commands;
+    std::string_view why;
+    for (; error != answer.errors.end() && error->element < next; ++error) {
+      if (selects && error->element == first) return broken(error->text);
+      if (why.empty()) why = error->text;
+    }
+    end_write(why);
+  }
 }
 
-change redis_engine::oldest_change() const {
-  const awaited what = oldest();
-  const char *record = oldest_key().data() + what.key_size;
-  return {what.changed, what.change, oldest_key(), {record, what.record_size}};
+// Nothing of the transaction was written. Its writes go out again, each by itself; one that does so already is refused.
+void redis_engine::on_dropped() {
+  const std::string why = std::exchange(error_, {});
+  selected_db_ = unknown_db;
+  if (batch_ == 1) return end_write(why.empty() ? "the transaction was dropped" : why);
+  singles_ = batch_;
+  sent_ -= std::exchange(batch_, 0);
+}
+
+// The oldest request was a write, and has its outcome.
+void redis_engine::end_write(std::string_view error) {
+  if (!error.empty()) user_->not_written(queue_.change_at(0), error);
+  --batch_;
+  if (singles_ > 0) --singles_;
+  drop_oldest();
 }
 
 void redis_engine::drop_oldest() {
-  const awaited gone = oldest();
-  queue_start_ += sizeof(gone) + gone.key_size + gone.record_size;
-  --queued_;
-  if (gone.kind == request::write) --writes_;
+  queue_.pop();
+  --sent_;
   answered_ = 0;
-  if (queued_ > 0 && queue_start_ <= queue_.size() / 2) return;
-  queue_.erase(0, std::exchange(queue_start_, 0));  // half of it at least, so that a byte is moved once on average
+  if (!congested_ || queue_.size() > resume_requests || queue_.bytes() > resume_bytes) return;
+  congested_ = false;
+  user_->relieved();
 }
 
 // ---- a server that does not answer ----
@@ -422,12 +496,16 @@ void redis_engine::watch() {
   event_add(watch_.get(), &patience);
 }
 
+bool redis_engine::waits() const { return connected_ && (!up_ || sent_ > 0 || reader_poked_); }
+
 // Looks again while there is something to wait for; the next command starts it otherwise.
 void redis_engine::look() {
   watching_ = false;
-  const bool awaits = queued_ > 0 || (reader_ != nullptr && (subscriptions_ < n_inputs_ || reader_poked_));
-  late_ = awaits && answers_ == seen_ ? late_ + 1 : 0;
-  if (!awaits) return;
+  if (!waits()) {
+    late_ = 0;
+    return;
+  }
+  late_ = answers_ == seen_ ? late_ + 1 : 0;
   if (late_ > 0 && !std::exchange(silent_, true))
     PLATFORM_ERROR("the store does not answer; its answers are waited for");
   if (late_ >= most_late) return broken("it has not answered for half a minute");
@@ -437,7 +515,7 @@ void redis_engine::look() {
 // A server that has nothing to say could be gone, and a connection that nobody uses could have been forgotten on its
 // way.
 void redis_engine::poke() {
-  const bool idle = up_ && queued_ == 0 && answers_ == poked_;
+  const bool idle = up_ && queue_.empty() && answers_ == poked_;
   poked_ = answers_;
   if (!idle) return;
   try {
@@ -445,7 +523,7 @@ void redis_engine::poke() {
     append_command(command_, {"PING"});
     reader_->send(command_);
     reader_poked_ = true;
-    ask({.kind = request::ping, .answers = 1});
+    push({.kind = request_kind::ping}, {});
   } catch (const std::bad_alloc &) {
     broken("memory is exhausted");
   }

@@ -1,16 +1,21 @@
 // The engine that is a Redis server: one connection for the subscription, one for reads and writes.
 //
-// Every change is a transaction (MULTI, HSET or HDEL, PUBLISH, EXEC). What one turn of the loop writes goes out
-// together; answers are looked at as they come. When either connection breaks both are made anew, with growing pauses.
+// What is written in one turn of the loop goes out as one transaction, the SELECTs inside:
+//
+//   MULTI  [SELECT] HSET|HDEL PUBLISH  [SELECT] HSET|HDEL PUBLISH ...  EXEC
+//
+// The next one waits for its answer, so that it can be written again in its place: when the server drops a transaction
+// as a whole, its writes go out once more, each by itself, and only those that are refused then are given up. Reads
+// keep their place among the writes. When either connection breaks both are made anew, with growing pauses.
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <set>
 
 #include "store/engine.h"
 #include "store/redis_link.h"
+#include "store/request_queue.h"
 
 namespace ko_store {
 
@@ -24,20 +29,10 @@ class redis_engine final : public engine, private redis_link_user {
   void scan(size_t hash) override;
   void fetch(size_t input, std::string_view key) override;
   void write(const change &what) override;
-  bool congested() const override;
-  bool quiet() const override { return writes_ == 0; }
+  bool congested() const override { return congested_; }
+  bool quiet() const override { return queue_.writes() == 0; }
 
  private:
-  enum class request { login, name, select, page, fetch, write, publish, ping };
-  struct awaited {  // a request that is not answered yet; its key and record stand behind it in the queue
-    request kind{};
-    change_kind change{};  // of a write
-    unsigned answers = 0;  // of its commands; the last one is the outcome
-    size_t hash = 0;       // of a page or a fetch
-    hash_id changed{};     // of a write
-    size_t key_size = 0;
-    size_t record_size = 0;
-  };
   // The words that name a hash and its channel, as commands have them.
   struct hash_words {
     hash_id id;
@@ -45,6 +40,7 @@ class redis_engine final : public engine, private redis_link_user {
     std::string channel;
   };
 
+  // connections
   void connect();
   void close();
   void broken(std::string_view why);
@@ -53,38 +49,47 @@ class redis_engine final : public engine, private redis_link_user {
   void subscribe();
   unsigned log_in();
   void append_name();
-  void tell_refusal(const char *what, std::string_view where, std::string_view why);
-  void select(uint32_t db);
-  void ask_page(size_t hash, std::string_view cursor);
-  const hash_words &words_of(const hash_id &id);
-
-  // redis_link_user
   void answered(redis_link &link, const redis_answer &answer) override;
   void lost(redis_link &link, const std::string &why) override;
-  void on_answer(const redis_link &link, const redis_answer &answer);
   void on_subscription(const redis_answer &answer);
   void on_subscription_error(std::string_view why);
   void on_message(const redis_answer &answer);
+  void report_refusal(const char *what, std::string_view where, std::string_view why);
+  void on_login(const redis_answer &answer);
+
+  // requests
+  void push(const request &added, std::string_view key, std::string_view record = {});
+  void send_later();
+  void send_due();
+  void append_single(size_t i);
+  void append_batch();
+  uint32_t append_write(const change &what);
+  uint32_t append_select(uint32_t db);
+  const hash_words &words_of(const hash_id &id);
+
+  // answers
   void on_request(const redis_answer &answer);
+  void on_single(const redis_answer &answer);
   void on_page(const redis_answer &answer);
   void on_fetched(const redis_answer &answer);
-  void on_outcome(const redis_answer &answer);
-
-  void ask(awaited what, std::string_view key = {}, std::string_view record = {});
-  awaited oldest() const;
-  std::string_view oldest_key() const { return {queue_.data() + queue_start_ + sizeof(awaited), oldest().key_size}; }
-  change oldest_change() const;
+  void on_published();
+  void on_batch(const redis_answer &answer);
+  void on_transaction(const redis_answer &answer);
+  void on_dropped();
+  void end_write(std::string_view error);
   void drop_oldest();
 
   void watch();
   void look();
   void poke();
+  bool waits() const;
 
   event_base *base_;
   ko_platform::store_address address_;
   engine_user *user_ = nullptr;
   std::vector<hash_id> hashes_;
   std::vector<std::string> channels_;  // one for each hash
+  std::vector<uint32_t> scans_;        // likewise: how many were begun
   std::vector<hash_words> words_;      // of every hash that was written
   size_t n_inputs_ = 0;
   std::string subscription_;  // channels of the inputs, for people
@@ -93,36 +98,41 @@ class redis_engine final : public engine, private redis_link_user {
 
   std::unique_ptr<redis_link> reader_;  // the subscription
   std::unique_ptr<redis_link> writer_;
+  bool connected_ = false;  // or being connected
   bool up_ = false;
-  bool ready_ = false;          // the writer answered
   unsigned reader_logins_ = 0;  // answers that the reader expects before those of its subscription
   bool reader_named_ = false;   // the answer to its name came, or is not expected
+  bool writer_named_ = false;   // likewise
   bool reader_poked_ = false;   // it owes an answer to a ping
+  unsigned writer_logins_ = 0;  // answers that the writer expects before those of its requests
   size_t subscriptions_ = 0;    // confirmed
-  int64_t selected_db_ = 0;     // of the writer
-  std::string queue_;           // of the writer's requests
-  size_t queue_start_ = 0;      // the oldest
-  size_t queued_ = 0;           // requests
-  size_t writes_ = 0;           // of these
-  unsigned answered_ = 0;       // commands of the oldest that were answered
-  std::string error_;           // the first of the request that is being answered
-  mutable bool was_congested_ = false;
+
+  request_queue queue_;          // of the writer
+  size_t sent_ = 0;              // requests of these, from the oldest
+  size_t batch_ = 0;             // of those that were sent, the writes at the end, which are written together
+  uint32_t batch_commands_ = 0;  // between MULTI and EXEC; 0: the batch is no transaction
+  size_t singles_ = 0;           // requests, from the oldest, that go out each by itself
+  uint32_t answered_ = 0;        // commands of the oldest, or of the batch
+  std::string error_;            // the first of these
+  int64_t selected_db_ = 0;      // of the writer, when what was sent is carried out
+  bool congested_ = false;
   std::string command_;
 
   int pause_ms_ = 0;
   std::chrono::steady_clock::time_point up_since_;
-  std::set<std::string, std::less<>> told_;  // what was said of this outage
+  std::set<std::string, std::less<>> reported_;  // of this outage
   ko_platform::event_ptr retry_;
+  ko_platform::event_ptr send_;
 
   uint64_t answers_ = 0;  // that came
   uint64_t seen_ = 0;     // of these, when the watch last looked
   uint64_t poked_ = 0;    // of these, when an idle server was last thought of
   int late_ = 0;          // looks of the watch since something came that was awaited
-  bool silent_ = false;   // the server does not answer, and that was said
+  bool silent_ = false;   // the server does not answer, and that was reported
   bool watching_ = false;
   ko_platform::event_ptr watch_;
   ko_platform::event_ptr poke_;
-  std::set<std::string, std::less<>> refused_;  // what the server does not let this process do, and that was said
+  std::set<std::string, std::less<>> refused_;  // what the server does not let this process do, and that was reported
 };
 
 }  // namespace ko_store

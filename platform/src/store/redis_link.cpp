@@ -21,7 +21,7 @@ constexpr size_t kept_size = size_t{4} << 20;  // a larger buffer is given back 
 constexpr int dead_peer_ms = 30'000;  // what was sent to another machine and not confirmed
 
 // A connection to another machine that has gone without a word is noticed, too.
-void expect_life(redisContext *connection) {
+void enable_keepalive(redisContext *connection) {
   redisEnableKeepAlive(connection);
   setsockopt(connection->fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_peer_ms, sizeof(dead_peer_ms));
 }
@@ -42,38 +42,48 @@ void redis_link::reader_deleter::operator()(redisReader *reader) const { redisRe
 
 // Where hiredis' parser puts an answer. It wants an object for each part, which is nothing to us but not null.
 struct redis_link::parsed {
-  redis_answer answer{};
-  std::string bytes;                              // of its texts
-  std::vector<std::pair<size_t, size_t>> ranges;  // of each text
-  std::string error;
+  struct range {  // of `bytes`
+    size_t start;
+    size_t length;
+  };
 
-  void *note(const redisReadTask &task) {
-    if (task.parent == nullptr) answer.type = task.type;
+  redis_answer answer{};
+  std::string bytes;  // of its texts and errors
+  std::vector<range> texts;
+  std::vector<std::pair<size_t, range>> errors;  // with the elements
+
+  void *note(const redisReadTask &task, size_t elements = 0) {
+    if (task.parent == nullptr) answer.type = task.type, answer.elements = elements;
     return this;
   }
 
   void *take_text(const redisReadTask &task, std::string_view text) try {
-    if (task.type == REDIS_REPLY_ERROR && error.empty()) error = text;
-    if (task.type == REDIS_REPLY_STRING) {
-      ranges.emplace_back(bytes.size(), text.size());
-      bytes.append(text);
-    }
+    const range taken{bytes.size(), text.size()};
+    if (task.type == REDIS_REPLY_ERROR)
+      errors.emplace_back(task.parent == nullptr ? 0 : static_cast<size_t>(task.idx), taken);
+    else if (task.type == REDIS_REPLY_STRING)
+      texts.push_back(taken);
+    else
+      return note(task);
+    bytes.append(text);
     return note(task);
   } catch (const std::bad_alloc &) {
     return nullptr;
   }
 
   const redis_answer &finish() {
+    const auto text_of = [this](const range &at) { return std::string_view(bytes).substr(at.start, at.length); };
     answer.texts.clear();
-    for (const auto &[start, length] : ranges) answer.texts.emplace_back(bytes.data() + start, length);
-    answer.error = error;
+    answer.errors.clear();
+    for (const range &text : texts) answer.texts.push_back(text_of(text));
+    for (const auto &[element, text] : errors) answer.errors.push_back({element, text_of(text)});
     return answer;
   }
 
   void clear() {
     empty(bytes);
-    ranges.clear();
-    error.clear();
+    texts.clear();
+    errors.clear();
   }
 };
 
@@ -84,7 +94,7 @@ redisReader *redis_link::make_reader(parsed *into) {
           [](const redisReadTask *task, char *text, size_t length) {
             return of(task)->take_text(*task, {text, length});
           },
-      .createArray = [](const redisReadTask *task, int) { return of(task)->note(*task); },
+      .createArray = [](const redisReadTask *task, int n) { return of(task)->note(*task, static_cast<size_t>(n)); },
       .createInteger = [](const redisReadTask *task, long long) { return of(task)->note(*task); },
       .createNil = [](const redisReadTask *task) { return of(task)->note(*task); },
       .freeObject = [](void *) {},
@@ -109,7 +119,7 @@ redis_link::redis_link(event_base *base, const ko_platform::store_address &addre
   if (context_->err != 0)
     failure_ = context_->errstr;
   else if (address.socket.empty())
-    expect_life(context_.get());
+    enable_keepalive(context_.get());
   readable_.reset(event_new(
       base, context_->fd, EV_READ | EV_PERSIST,
       [](evutil_socket_t, short, void *self) { static_cast<redis_link *>(self)->on_readable(); }, this));
@@ -123,8 +133,14 @@ redis_link::redis_link(event_base *base, const ko_platform::store_address &addre
     event_active(writable_.get(), EV_WRITE, 0);
 }
 
-redis_link::~redis_link() {
-  if (gone_ != nullptr) *gone_ = true;
+redis_link::~redis_link() = default;
+
+// What it holds beside its descriptor stays: this may happen inside a call of its own.
+void redis_link::close() {
+  closed_ = true;
+  readable_.reset();
+  writable_.reset();
+  context_.reset();
 }
 
 void redis_link::fail(const std::string &why) { owner_.lost(*this, why); }
@@ -166,22 +182,16 @@ void redis_link::on_readable() {
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (n < 0) return fail(std::strerror(errno));
   if (n == 0) return fail("Server closed the connection");
-  bool gone = false;
-  gone_ = &gone;
-  const bool sound = feed(in_.data(), static_cast<size_t>(n));
-  if (gone) return;
-  gone_ = nullptr;
-  if (!sound) fail(reader_->errstr);
+  if (!feed(in_.data(), static_cast<size_t>(n)) && !closed_) fail(reader_->errstr);
 }
 
 // Hands over every answer that is complete. False when the bytes are no answers, or memory is exhausted.
 bool redis_link::feed(const char *bytes, size_t length) {
-  const bool *gone = gone_;
   if (redisReaderFeed(reader_.get(), bytes, length) != REDIS_OK) return false;
   for (void *object = nullptr; redisReaderGetReply(reader_.get(), &object) == REDIS_OK; object = nullptr) {
     if (object == nullptr) return true;
     owner_.answered(*this, parsed_->finish());
-    if (*gone) return true;
+    if (closed_) return true;
     parsed_->clear();
   }
   return false;

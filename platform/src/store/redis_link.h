@@ -18,9 +18,17 @@ namespace ko_store {
 
 // What the server answered. Texts are valid during the call that hands it over.
 struct redis_answer {
+  struct failure {
+    size_t element;  // of the array, from 0; 0 when the answer is none
+    std::string_view text;
+  };
+
   int type;                             // REDIS_REPLY_... of the whole
+  size_t elements;                      // of the array, when it is one
   std::vector<std::string_view> texts;  // the strings in it, in their order, however deep they stand
-  std::string_view error;               // the first error in it, or empty
+  std::vector<failure> errors;          // the errors in it, in their order
+
+  std::string_view first_error() const { return errors.empty() ? std::string_view() : errors.front().text; }
 };
 
 class redis_link;
@@ -35,7 +43,8 @@ class redis_link_user {
 
 class redis_link {
  public:
-  // Begins to connect; never calls the user from here. `owner` (borrowed) may destroy the link from inside its calls.
+  // Begins to connect; never calls the user from here. `owner` (borrowed) must not destroy the link from inside its
+  // calls, but may close it.
   redis_link(event_base *base, const ko_platform::store_address &address, redis_link_user &owner);
   redis_link(const redis_link &) = delete;
   redis_link &operator=(const redis_link &) = delete;
@@ -43,7 +52,9 @@ class redis_link {
 
   // Takes what is to be sent, all of it or (with bad_alloc) nothing. It goes out when control is back in the loop.
   void send(std::string_view bytes);
-  size_t unsent() const { return out_.size() - sent_; }
+
+  // Ends the connection. The user is not called any more, and nothing may be sent.
+  void close();
 
  private:
   struct context_deleter {
@@ -54,6 +65,7 @@ class redis_link {
   };
   struct parsed;  // the answer that is coming in
 
+  size_t unsent() const { return out_.size() - sent_; }
   void on_readable();
   void on_writable();
   bool finish_connect();
@@ -68,8 +80,8 @@ class redis_link {
   std::string out_;
   size_t sent_ = 0;  // bytes of out_
   bool connected_ = false;
-  bool *gone_ = nullptr;  // set when the link is destroyed while it calls its user
-  std::string failure_;   // of the beginning; told from the loop
+  bool closed_ = false;
+  std::string failure_;  // of the beginning; reported from the loop
   std::vector<char> in_;
   ko_platform::event_ptr readable_;
   ko_platform::event_ptr writable_;
