@@ -47,6 +47,7 @@ void *__wrap_realloc(void *old, size_t size) { return refuses() ? nullptr : __re
   void *made = __wrap_malloc(size);
   return made != nullptr ? made : throw std::bad_alloc();
 }
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept { return __wrap_malloc(size); }
 [[gnu::noinline]] void operator delete(void *gone) noexcept { std::free(gone); }
 [[gnu::noinline]] void operator delete(void *gone, size_t) noexcept { std::free(gone); }
 

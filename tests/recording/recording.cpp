@@ -228,7 +228,7 @@ std::vector<std::string> store_text() {
 vx_global *global() { return &the_global; }
 
 vx_zlog_category *category(const char *name) {
-  static std::map<std::string, vx_zlog_category> categories;
+  static auto &categories = *new std::map<std::string, vx_zlog_category>;  // also for what runs at the exit
   return &categories.try_emplace(name, vx_zlog_category{name}).first->second;
 }
 
