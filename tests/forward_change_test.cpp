@@ -38,8 +38,17 @@ class changes : public testing::Test {
     ASSERT_EQ(0U, net.code(group_of_four()));
   }
 
+  // A port that was just set up loses what it is to send until the kernel has noticed its carrier, up to a second
+  // later.
+  static void await_carrier(std::initializer_list<const char *> ports) {
+    for (const std::string port : ports)
+      eventually([&] { return shell("ip link show " + port).find("state UP") != std::string::npos; },
+                 "carrier at " + port);
+  }
+
   // Frames of VLAN 5 on ge1 while `what` happens: each comes to ge6 and ge4 exactly once.
   void under_traffic(const std::function<void()> &what) {
+    await_carrier({"ge1-w", "ge1", "ge6", "ge4"});
     tap wire("ge1-w"), port("ge1"), single("ge6-w"), grouped("ge4-w");
     traffic frames(wire, port, {&single, &grouped}, {.tags = {5}});
     what();
@@ -282,6 +291,7 @@ TEST_F(changes, among_two_thousand_ports) {
   net.set(large);
   net.settle();
   ASSERT_EQ(0U, net.code(large));
+  await_carrier({"many1", "many40"});
   tap wire("ge1-w"), port("ge1"), first("many1-w"), last("many40-w");
   traffic frames(wire, port, {&first, &last});
   for (uint32_t i = 2; i < 40; ++i) net.leave(100 + i);
