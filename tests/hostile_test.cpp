@@ -4,9 +4,7 @@
 
 #include <event2/event.h>
 
-#include <cstdarg>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <new>
@@ -19,8 +17,6 @@
 #include "proc/lspan/outgrb_hash.h"
 #include "store/layout.h"
 #include "u_monitor.pb-c.h"
-
-struct vx_zlog_category {};
 
 namespace {
 
@@ -53,28 +49,19 @@ void *__wrap_realloc(void *old, size_t size) { return refuses() ? nullptr : __re
 
 const bool libevent_counted = (event_set_mem_functions(__wrap_malloc, __wrap_realloc, std::free), true);
 
-vx_zlog_category *vx_zlog_init(const char *) {
-  static vx_zlog_category only;
-  return &only;
-}
-
-void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int level, const char *format,
-               ...) {
-  char text[2048];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof(text), format, arguments);
-  va_end(arguments);
-  const bool was_armed = std::exchange(armed, false);
-  const bool fails = std::strstr(text, "can't alloc memory") != nullptr || std::strstr(text, "=-2") != nullptr;
-  if (level >= VX_ZLOG_WARN || fails) logged.emplace_back(text);
-  armed = was_armed;
-}
-
 namespace {
 
 using namespace harness;
 using namespace ko_store;
+
+void note_line(int level, std::string_view text) {
+  const bool was_armed = std::exchange(armed, false);
+  const bool fails = text.find("can't alloc memory") != text.npos || text.find("=-2") != text.npos;
+  if (level >= VX_ZLOG_WARN || fails) logged.emplace_back(text);
+  armed = was_armed;
+}
+
+const bool log_is_noted = (on_log = note_line, true);
 
 world &the_world() {
   static world *only = nullptr;

@@ -3,7 +3,6 @@
 // traces are in scenarios/start.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,6 +18,7 @@
 #include <sstream>
 
 #include "001_init_a/dl_init.h"
+#include "namespaces.h"
 #include "proc/lspan/ko_lspan.h"
 #include "recording.h"
 #include "scenario.h"
@@ -62,14 +62,7 @@ void make_file(const string &path, const string &contents) {
 }
 
 void own_folders() {
-  const string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-  if (unshare(CLONE_NEWNS | (uid == "0" ? 0 : CLONE_NEWUSER)) != 0) _exit(no_namespace);
-  if (uid != "0") {
-    make_file("/proc/self/setgroups", "deny");
-    make_file("/proc/self/uid_map", "0 " + uid + " 1");
-    make_file("/proc/self/gid_map", "0 " + gid + " 1");
-  }
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(no_namespace);
+  if (!harness::enter_namespaces()) _exit(no_namespace);
   make_file("/var/run", "<covered>");
   make_file("/var/tmp", "<covered>");
 }

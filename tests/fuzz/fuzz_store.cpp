@@ -292,15 +292,6 @@ class attempt {
 
 }  // namespace
 
-struct vx_zlog_category {};
-
-vx_zlog_category *vx_zlog_init(const char *) {
-  static vx_zlog_category only;
-  return &only;
-}
-
-void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int, const char *, ...) {}
-
 extern "C" {
 
 // Takes the place of the C library's, for the event loop and the slices of long work.

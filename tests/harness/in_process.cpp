@@ -1,5 +1,7 @@
 #include "in_process.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -15,7 +17,27 @@
 
 using namespace ko_store;
 
+struct vx_zlog_category {};
+
+vx_zlog_category *vx_zlog_init(const char *) {
+  static vx_zlog_category only;
+  return &only;
+}
+
+void vxdf_zlog(vx_zlog_category *, const char *, size_t, const char *, size_t, long, int level, const char *format,
+               ...) {
+  if (harness::on_log == nullptr) return;
+  char text[2048];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  harness::on_log(level, text);
+}
+
 namespace harness {
+
+void (*on_log)(int level, std::string_view text);
 
 const std::vector<hash_id> input_hashes{{4, &u_monitor__mirror_lspan_info__descriptor},
                                         {4, &p_policy__data_intf_conf__descriptor},

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "records.h"
@@ -15,6 +16,9 @@ namespace harness {
 
 // What the daemon reads, and what it writes.
 extern const std::vector<ko_store::hash_id> input_hashes, output_hashes;
+
+// Called with each line that anybody in this process logs; null: the lines go nowhere.
+extern void (*on_log)(int level, std::string_view text);
 
 // The engine between the daemon and the store in memory.
 class scrambler final : public ko_store::engine, private ko_store::engine_user {

@@ -10,7 +10,6 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -26,6 +25,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "namespaces.h"
 #include "sandbox.h"
 
 namespace harness {
@@ -88,16 +88,7 @@ std::string_view bytes_of(const tpacket2_hdr *header) {
 }  // namespace
 
 std::string enter_network() {
-  const uid_t user = getuid();
-  const gid_t group = getgid();
-  if (unshare(CLONE_NEWNET | CLONE_NEWNS | (user == 0 ? 0 : CLONE_NEWUSER)) != 0)
-    return std::string("network namespaces: ") + std::strerror(errno);
-  if (user != 0) {
-    write_file("/proc/self/setgroups", "deny");
-    write_file("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-    write_file("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-  }
-  mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+  if (!enter_namespaces(CLONE_NEWNET)) return std::string("network namespaces: ") + std::strerror(errno);
   for (const char *which : {"all", "default"})  // no frames but ours
     write_file(std::string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6", "1");
   for (const auto &[command, what] : needs)

@@ -2,24 +2,12 @@
 
 #include "p_policy.pb-c.h"
 #include "store/layout.h"
-#include "u_monitor.pb-c.h"
 
 namespace harness {
 namespace {
 
 constexpr uint32_t conf_db = 4;
 constexpr uint32_t udp_db = 8;
-
-UMonitor__MirrorIndex index_of(const member &of, const char *user) {
-  UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
-  index.t_user = const_cast<char *>(user);
-  index.session_num = of.session;
-  index.s_ifx = of.s_ifx;
-  index.d_ifx = of.d_ifx;
-  index.dir = of.dir;
-  index.acl_id = of.acl;
-  return index;
-}
 
 record result_of(const member &of, const char *user, uint32_t db, uint32_t value, uint32_t msg_type) {
   UMonitor__MirrorIndex index = index_of(of, user);
@@ -54,8 +42,18 @@ record any(uint32_t db, const ProtobufCMessage &message) {
   return out;
 }
 
-record session(const member &of, const char *user) {
-  UMonitor__MirrorIndex index = index_of(of, user);
+UMonitor__MirrorIndex index_of(const member &of, const char *user) {
+  UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
+  index.t_user = const_cast<char *>(user);
+  index.session_num = of.session;
+  index.s_ifx = of.s_ifx;
+  index.d_ifx = of.d_ifx;
+  index.dir = of.dir;
+  index.acl_id = of.acl;
+  return index;
+}
+
+UMonitor__MirrorLspanInfo message_of(const member &of, UMonitor__MirrorIndex &index) {
   UMonitor__MirrorLspanInfo message = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
   message.index = &index;
   message.module_type = static_cast<UMonitor__MirrorModule>(of.module);
@@ -65,7 +63,12 @@ record session(const member &of, const char *user) {
   message.sample_rate = of.sample;
   message.n_vlan_map = of.vlans.size();
   message.vlan_map = const_cast<uint32_t *>(of.vlans.data());
-  return any(conf_db, message.base);
+  return message;
+}
+
+record session(const member &of, const char *user) {
+  UMonitor__MirrorIndex index = index_of(of, user);
+  return any(conf_db, message_of(of, index).base);
 }
 
 record membership(uint32_t ifx, uint32_t group) {

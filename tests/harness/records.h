@@ -8,7 +8,8 @@
 
 #include <protobuf-c/protobuf-c.h>
 
-#include "store/engine.h"
+#include "store/change.h"
+#include "u_monitor.pb-c.h"
 
 namespace harness {
 
@@ -26,7 +27,7 @@ struct record {
 };
 
 struct member {
-  uint32_t session, s_ifx, d_ifx;  // a port, or group_target(...)
+  uint32_t session = 0, s_ifx = 0, d_ifx = 0;  // a port, or group_target(...)
   uint32_t dir = 1, acl = 0;
   uint32_t apply = 0;   // 0 port, 1 ACL, 2 VLAN
   uint32_t module = 0;  // 5: d_ifx is a group
@@ -35,6 +36,10 @@ struct member {
 };
 
 constexpr uint32_t group_target(uint32_t group) { return group ^ 0xFD000000U; }
+
+// What is borrowed has to outlive what is returned.
+UMonitor__MirrorIndex index_of(const member &of, const char *user);
+UMonitor__MirrorLspanInfo message_of(const member &of, UMonitor__MirrorIndex &index);
 
 record session(const member &of, const char *user = "config");                // u_monitor.mirror_lspan_info
 record membership(uint32_t ifx, uint32_t group);                              // p_policy.data_intf_conf

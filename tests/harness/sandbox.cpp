@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -21,6 +20,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "namespaces.h"
 #include "p_policy.pb-c.h"
 #include "store/layout.h"
 #include "store/record_text.h"
@@ -44,20 +44,11 @@ void must(bool ok, const char *what) {
   _exit(127);
 }
 
-// A file system of the child's own over what a daemon reads and writes outside its store.
-void enter_namespace(const std::string &folder) {
-  const uid_t user = getuid();
-  const gid_t group = getgid();
-  must(unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0, "unshare");
-  if (user != 0) {
-    write_file("/proc/self/setgroups", "deny");
-    write_file("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-    write_file("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-  }
-  must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-  must(mount((folder + "/run").c_str(), "/run", nullptr, MS_BIND, nullptr) == 0, "/run");
-  must(mount((folder + "/tmp").c_str(), "/var/tmp", nullptr, MS_BIND, nullptr) == 0, "/var/tmp");
-  must(mount((folder + "/etc").c_str(), "/etc", nullptr, MS_BIND, nullptr) == 0, "/etc");
+// Folders of the sandbox in place of those in which a daemon reads and writes outside its store.
+void cover_folders(const std::string &folder) {
+  must(enter_namespaces(), "namespaces");
+  for (const auto &[own, covered] : {std::pair("/run", "/run"), {"/tmp", "/var/tmp"}, {"/etc", "/etc"}})
+    must(mount((folder + own).c_str(), covered, nullptr, MS_BIND, nullptr) == 0, covered);
 }
 
 std::string text_of(const redisReply *reply) {
@@ -310,7 +301,7 @@ void sandbox::start_daemon(process &as) const { start(as, {KO_LSPAN_PROGRAM}); }
 
 void sandbox::start(process &as, const std::vector<std::string> &arguments) const {
   as.stop_signal = KO_STOP_SIGNAL;
-  as.start(arguments, folder_ + "/stderr", [this] { enter_namespace(folder_); });
+  as.start(arguments, folder_ + "/stderr", [this] { cover_folders(folder_); });
 }
 
 // Twice: when the first is gone, what was announced during the daemon's read may still wait; the second comes behind

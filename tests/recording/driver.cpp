@@ -7,21 +7,6 @@
 #include "recording.h"
 
 namespace driver {
-namespace {
-
-UMonitor__MirrorIndex index_of(const member &what, char *user) {
-  UMonitor__MirrorIndex index = U_MONITOR__MIRROR_INDEX__INIT;
-  index.t_user = user;
-  index.session_num = what.session;
-  index.s_ifx = what.s;
-  index.d_ifx = what.d;
-  index.dir = what.dir;
-  index.acl_id = what.acl;
-  return index;
-}
-
-}  // namespace
-
 void reset() {
   recording::reset();
   static const bool tables_made = outgrb_mbr_hash_init() == 0 && outgrb_group_hash_init() == 0;
@@ -32,17 +17,8 @@ void reset() {
 }
 
 int32_t member_event(const member &what, bool is_del) {
-  char user[] = "cli";
-  UMonitor__MirrorIndex index = index_of(what, user);
-  UMonitor__MirrorLspanInfo record = U_MONITOR__MIRROR_LSPAN_INFO__INIT;
-  record.index = &index;
-  record.module_type = static_cast<UMonitor__MirrorModule>(what.module);
-  record.role = static_cast<UMonitor__MirrorRole>(what.role);
-  record.apply_type = static_cast<UMonitor__MirrorType>(what.apply);
-  record.mtp_switch = what.mtp_switch;
-  record.sample_rate = what.rate;
-  record.n_vlan_map = what.vlan.size();
-  record.vlan_map = const_cast<uint32_t *>(what.vlan.data());
+  UMonitor__MirrorIndex index = harness::index_of(what, "cli");
+  const UMonitor__MirrorLspanInfo record = harness::message_of(what, index);
   const uint64_t failures = recording::failure_count();
   const int32_t status = ko_lspan_info_handle(nullptr, is_del, &record);
   note_saved(what.session, !is_del && recording::failure_count() != failures);
@@ -60,8 +36,8 @@ int32_t group_event(uint32_t ifx, uint32_t group_id, bool is_del) {
   return status;
 }
 
-int32_t result_event(const member &of, std::string user, uint32_t result, uint32_t msg_type) {
-  UMonitor__MirrorIndex index = index_of(of, user.data());
+int32_t result_event(const member &of, const std::string &user, uint32_t result, uint32_t msg_type) {
+  UMonitor__MirrorIndex index = harness::index_of(of, user.c_str());
   UMonitor__MirrorResultInfo record = U_MONITOR__MIRROR_RESULT_INFO__INIT;
   record.index = &index;
   record.result = result;

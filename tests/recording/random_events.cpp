@@ -89,15 +89,15 @@ const char *random_events::event() {
 member random_events::any_member() {
   member what;
   what.session = 1 + below(sessions);
-  what.s = below(3);
+  what.s_ifx = below(3);
   what.dir = one_in(8);
   what.acl = one_in(8);
   what.role = below(6);
   what.apply = below(4);
   what.mtp_switch = below(2);
-  what.vlan.assign(one_in(100) ? 129 : below(4), 7);
+  what.vlans.assign(one_in(100) ? 129 : below(4), 7);
   what.module = one_in(2) ? 5 : below(5);
-  what.d = what.module == 5 ? group_target(1 + below(groups)) : below(interfaces + 1);
+  what.d_ifx = what.module == 5 ? group_target(1 + below(groups)) : below(interfaces + 1);
   return what;
 }
 
@@ -110,7 +110,7 @@ member random_events::known_member() {
   if (one_in(8)) what.apply = below(4);
   if (one_in(60)) {
     what.module = what.module == 5 ? 0 : 5;
-    what.d = what.module == 5 ? group_target(1 + below(groups)) : below(interfaces + 1);
+    what.d_ifx = what.module == 5 ? group_target(1 + below(groups)) : below(interfaces + 1);
   }
   return what;
 }
@@ -118,21 +118,21 @@ member random_events::known_member() {
 const char *random_events::set_event(const member &what) {
   const int32_t status = member_event(what, false);
   if (status == 0) members_.push_back(what);
-  if (status != (what.vlan.size() > MIRROR_VLAN_WORDS ? -4 : 0)) return "status of a set";
+  if (status != (what.vlans.size() > MIRROR_VLAN_WORDS ? -4 : 0)) return "status of a set";
   if (status != 0) return "";
-  const uint32_t d_phyid = what.module == 5 ? what.d : phyids_[what.d];
-  const kept of(what, phyids_[what.s], d_phyid);
+  const uint32_t d_phyid = what.module == 5 ? what.d_ifx : phyids_[what.d_ifx];
+  const kept of(what, phyids_[what.s_ifx], d_phyid);
   if (of.source == nullptr || of.pair == nullptr || of.target == nullptr) return "an entry is missing after a set";
   if (of.target->d_phyid != d_phyid || of.target->module_type != what.module ||
       of.target->mtp_switch != what.mtp_switch)
     return "another mirror target after a set";
-  const uint32_t group_id = group_target(what.d);
+  const uint32_t group_id = group_target(what.d_ifx);
   const outgrb_group_info *group = what.module == 5 ? outgrb_group_hash_get(&group_id) : nullptr;
   return group == nullptr || group->mtp_info == of.target ? "" : "the group names another target after a set";
 }
 
 const char *random_events::del_event(const member &what) {
-  const uint32_t s_phyid = phyids_[what.s], d_phyid = what.module == 5 ? what.d : phyids_[what.d];
+  const uint32_t s_phyid = phyids_[what.s_ifx], d_phyid = what.module == 5 ? what.d_ifx : phyids_[what.d_ifx];
   const bool known = kept(what, s_phyid, d_phyid).session != nullptr;
   const int32_t status = member_event(what, true);
   const kept of(what, s_phyid, d_phyid);

@@ -44,7 +44,7 @@ std::vector<uint32_t> numbers(const std::string &text) {
 
 // What an event's line says in name=value pairs.
 struct event {
-  driver::member member;
+  driver::member member{.dir = 0};
   uint32_t ifx = 0, group = 0, result = 0, msg_type = 0;
   std::string user = "du_span";
 
@@ -54,20 +54,20 @@ struct event {
         read(pair.substr(0, split), pair.substr(split + 1));
     if (group == 0) return;
     member.module = U_MONITOR__MIRROR_MODULE__GROUP;
-    member.d = driver::group_target(group);
+    member.d_ifx = driver::group_target(group);
   }
 
   void read(const std::string &name, const std::string &value) {
     const std::map<std::string, uint32_t *> fields = {{"session", &member.session},
-                                                      {"s", &member.s},
-                                                      {"d", &member.d},
+                                                      {"s", &member.s_ifx},
+                                                      {"d", &member.d_ifx},
                                                       {"dir", &member.dir},
                                                       {"acl", &member.acl},
                                                       {"module", &member.module},
                                                       {"role", &member.role},
                                                       {"apply", &member.apply},
                                                       {"switch", &member.mtp_switch},
-                                                      {"rate", &member.rate},
+                                                      {"rate", &member.sample},
                                                       {"ifx", &ifx},
                                                       {"group", &group},
                                                       {"result", &result},
@@ -75,7 +75,7 @@ struct event {
     if (name == "user")
       user = value;
     else if (name == "vlan")
-      member.vlan = numbers(value);
+      member.vlans = numbers(value);
     else
       *fields.at(name) = number(value);
   }
@@ -149,16 +149,16 @@ void call(const words &line) {
   span_info info = {};
   info.t_user = ko_lspan_app_name;
   info.session_num = of.session;
-  info.s_ifx = of.s;
-  info.d_ifx = of.d;
+  info.s_ifx = of.s_ifx;
+  info.d_ifx = of.d_ifx;
   info.dir = of.dir;
   info.module_type = of.module;
   info.role = of.role;
   info.apply_type = of.apply;
   info.acl_id = of.acl;
-  info.sample_rate = of.rate;
-  info.n_vlan_map = static_cast<uint32_t>(of.vlan.size());
-  std::copy(of.vlan.begin(), of.vlan.end(), info.vlan_map);
+  info.sample_rate = of.sample;
+  info.n_vlan_map = static_cast<uint32_t>(of.vlans.size());
+  std::copy(of.vlans.begin(), of.vlans.end(), info.vlan_map);
   info.rspan_vlan = 30;
   info.ip_head = {1, 2, 64, 46, 5};
   info.mtp_switch = static_cast<uint8_t>(of.mtp_switch);
