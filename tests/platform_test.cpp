@@ -27,6 +27,17 @@ struct file_case {
 const file_case files[] = {
     {"{}", "/run/redis/redis-server.sock  - "},
     {R"({"store":{"host":"h"}})", "h:6379  - "},
+    {R"({"store":{"sentinels":["a","b:1","[::1]","[::2]:65535"],"master":"m","user":"u","password":"p"}})",
+     "the master \"m\" at a:26379 b:1 ::1:26379 ::2:65535 u - "},
+    {R"({"store":{"sentinels":[],"master":"m"}})", ": store.sentinels: must be an array of texts \"host:port\""},
+    {R"({"store":{"sentinels":["a:"],"master":"m"}})", ": store.sentinels: must hold texts \"host:port\""},
+    {R"({"store":{"sentinels":["a:65536"],"master":"m"}})", ": store.sentinels: must hold texts \"host:port\""},
+    {R"({"store":{"sentinels":["[::1"],"master":"m"}})", ": store.sentinels: must hold texts \"host:port\""},
+    {R"({"store":{"sentinels":[7],"master":"m"}})", ": store.sentinels: must hold texts \"host:port\""},
+    {R"({"store":{"sentinels":["a"]}})", ": store: \"sentinels\" need the name of the \"master\""},
+    {R"({"store":{"sentinels":["a"],"master":"m","host":"h"}})",
+     ": store: \"sentinels\" stand for \"socket\" and \"host\""},
+    {R"({"store":{"master":"m"}})", ": store: names no \"sentinels\""},
     {R"({"store":{"host":"h","port":65535,"user":"u","password":"p"},"log":{"file":"/l"}})", "h:65535 u - /l"},
     {R"({"ports":{}})", "/run/redis/redis-server.sock   "},
     {R"({"ports":{"a":{"ifx":1,"phyid":0},"b":{"ifx":4294967295,"phyid":7}}})",
@@ -72,7 +83,10 @@ TEST(platform_file, says_where_and_what) {
     std::string outcome;
     try {
       const ko_platform::config read = ko_platform::load_config(path);
-      outcome = to_string(read.store) + " " + read.store.user + " " + (read.has_ports ? "" : "-");
+      outcome = to_string(read.store);
+      if (!read.store.sentinels.empty()) outcome += " at";
+      for (const auto &[host, port] : read.store.sentinels) outcome += " " + host + ":" + std::to_string(port);
+      outcome += " " + read.store.user + " " + (read.has_ports ? "" : "-");
       for (const ko_platform::port &port : read.ports)
         outcome += port.name + "=" + std::to_string(port.ifx) + ":" + std::to_string(port.phyid) + ",";
       outcome += " " + read.log.file;

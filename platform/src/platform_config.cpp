@@ -57,9 +57,48 @@ void read_number(const json &object, const char *name, const std::string &where,
   out = found->get<Number>();
 }
 
+// "host:port", where an IPv6 address stands in brackets, or a host alone.
+sentinel_address parse_sentinel(const json &entry, const std::string &where) {
+  const std::string text = entry.is_string() ? entry.get<std::string>() : "";
+  const bool in_brackets = text.starts_with('[');
+  const size_t host_end = in_brackets ? text.find(']') : text.find(':');
+  sentinel_address out{text.substr(in_brackets ? 1 : 0, host_end - (in_brackets ? 1 : 0))};
+  const std::string rest = host_end == std::string::npos ? "" : text.substr(host_end + (in_brackets ? 1 : 0));
+  if (!rest.empty()) {
+    const char *first = rest.data() + 1, *last = rest.data() + rest.size();
+    const auto [end, error] = std::from_chars(first, last, out.port);
+    if (rest[0] != ':' || error != std::errc() || end != last || out.port == 0) out.host.clear();
+  }
+  if (out.host.empty() || (in_brackets && host_end == std::string::npos) || out.host.find('\0') != std::string::npos)
+    fail(where, "must hold texts \"host:port\"");
+  return out;
+}
+
+void read_sentinels(const json &store, const std::string &where, store_address &out) {
+  read_text(store, "master", where, out.master);
+  read_text(store, "sentinel_user", where, out.sentinel_user);
+  read_text(store, "sentinel_password", where, out.sentinel_password);
+  const auto found = store.find("sentinels");
+  if (found == store.end()) {
+    if (!out.master.empty() || !out.sentinel_user.empty() || !out.sentinel_password.empty())
+      fail(where, "names no \"sentinels\"");
+    return;
+  }
+  if (store.contains("socket") || store.contains("host"))
+    fail(where, "\"sentinels\" stand for \"socket\" and \"host\"");
+  if (!found->is_array() || found->empty()) fail(where + ".sentinels", "must be an array of texts \"host:port\"");
+  for (const json &entry : *found) out.sentinels.push_back(parse_sentinel(entry, where + ".sentinels"));
+  if (out.master.empty()) fail(where, "\"sentinels\" need the name of the \"master\"");
+  if (!out.sentinel_user.empty() && out.sentinel_password.empty())
+    fail(where, "\"sentinel_user\" needs \"sentinel_password\"");
+  out.socket.clear();
+}
+
 void read_store(const json &store, const std::string &path, store_address &out) {
   const std::string where = path + ": store";
-  check_members(store, where, {"socket", "host", "port", "user", "password"});
+  check_members(
+      store, where,
+      {"socket", "host", "port", "user", "password", "sentinels", "master", "sentinel_user", "sentinel_password"});
   if (store.contains("socket") && store.contains("host")) fail(where, "name either \"socket\" or \"host\", not both");
   if (store.contains("host")) out.socket.clear();
   read_text(store, "socket", where, out.socket);
@@ -69,7 +108,8 @@ void read_store(const json &store, const std::string &path, store_address &out) 
   read_number<uint16_t>(store, "port", where, 1, out.port);
   read_text(store, "user", where, out.user);
   read_text(store, "password", where, out.password);
-  if (out.socket.empty() && out.host.empty()) fail(where, "names neither a socket nor a host");
+  read_sentinels(store, where, out);
+  if (out.socket.empty() && out.host.empty() && out.sentinels.empty()) fail(where, "names neither a socket nor a host");
   if (!out.user.empty() && out.password.empty()) fail(where, "\"user\" needs \"password\"");
 }
 
@@ -187,6 +227,7 @@ std::string position_of(const std::string &text, size_t offset) {
 }
 
 std::string to_string(const store_address &address) {
+  if (address.socket.empty() && address.host.empty()) return "the master \"" + address.master + "\"";
   return address.socket.empty() ? address.host + ":" + std::to_string(address.port) : address.socket;
 }
 

@@ -8,7 +8,9 @@
 //     "forward": { "pref": 20, "saved_flags": "/run/ko_lspan_fwd/saved.json" }
 //   }
 //
-// Every part may be left out. "store" may name "host" and "port" instead of "socket".
+// Every part may be left out. "store" may name "host" and "port" instead of "socket"; or, where Redis' sentinels watch
+// over several servers, "sentinels": ["10.0.0.1:26379", ...] and what the "master" is called there, with
+// "sentinel_user" and "sentinel_password" where they want a login.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +25,25 @@ inline constexpr const char *default_config_path = "/etc/ko_platform/platform.js
 
 inline constexpr size_t longest_socket_path = 107;  // bytes; what is longer, the kernel cannot connect to
 
+struct sentinel_address {
+  std::string host;
+  uint16_t port = 26379;
+};
+
 struct store_address {
   std::string socket = "/run/redis/redis-server.sock";  // Unix socket; empty: host and port are used
   std::string host;
   uint16_t port = 6379;
   std::string user;      // empty: the server's default user
   std::string password;  // empty: no login
+
+  std::vector<sentinel_address> sentinels;  // when there are some, they know socket or host
+  std::string master;                       // its name there
+  std::string sentinel_user;                // the login there, as above
+  std::string sentinel_password;
 };
 
-// One line for messages, without the password: the socket, or host:port.
+// One line for messages, without the password: the socket, host:port, or the master's name while nothing else is known.
 std::string to_string(const store_address &address);
 
 struct port {

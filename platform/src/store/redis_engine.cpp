@@ -42,7 +42,7 @@ void append_command(std::string &out, std::initializer_list<std::string_view> wo
 redis_engine::redis_engine(vx_global &global, ko_platform::store_address address)
     : base_(ko_platform::context_of(&global).base.get()), address_(std::move(address)) {
   retry_.reset(event_new(
-      base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->connect(); }, this));
+      base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->begin(); }, this));
   send_.reset(event_new(
       base_, -1, 0, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->send_due(); }, this));
   watch_.reset(event_new(
@@ -51,6 +51,14 @@ redis_engine::redis_engine(vx_global &global, ko_platform::store_address address
       base_, -1, EV_PERSIST, [](evutil_socket_t, short, void *self) { static_cast<redis_engine *>(self)->poke(); },
       this));
   if (retry_ == nullptr || send_ == nullptr || watch_ == nullptr || poke_ == nullptr) throw std::bad_alloc();
+  if (address_.sentinels.empty()) return;
+  masters_ = std::make_unique<master_watch>(
+      base_, address_,
+      [this](const ko_platform::store_address &master) {
+        address_ = master;
+        connect();
+      },
+      [this](const ko_platform::store_address &master) { on_master(master); });
 }
 
 void redis_engine::serve(const std::string &program) {
@@ -75,6 +83,23 @@ void redis_engine::start(engine_user &user, std::vector<hash_id> hashes, size_t 
 
 // ---- connections ----
 
+void redis_engine::begin() {
+  if (masters_ == nullptr)
+    connect();
+  else
+    masters_->find();
+}
+
+// Told by a sentinel that was not asked: only another address is news.
+void redis_engine::on_master(const ko_platform::store_address &master) {
+  if (master.host == address_.host && master.port == address_.port) return;
+  pause_ms_ = 0;
+  if (connected_)
+    broken("the master is now at " + to_string(master));
+  else
+    event_add(retry_.get(), &at_once);
+}
+
 // Every database is selected once before anything is written: a command that follows a refused SELECT would go to the
 // database before it.
 void redis_engine::connect() try {
@@ -84,6 +109,10 @@ void redis_engine::connect() try {
   command_.clear();
   writer_logins_ = log_in();
   for (const hash_id &id : hashes_) writer_logins_ += append_select(id.db);
+  if (masters_ != nullptr) {  // the answer is looked at in its place, the last
+    append_command(command_, {"ROLE"});
+    ++writer_logins_;
+  }
   writer_named_ = program_.empty();
   if (!writer_named_) append_name();
   writer_->send(command_);
@@ -125,7 +154,9 @@ void redis_engine::subscribe() {
 void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
   ++answers_;
   if (std::exchange(silent_, false)) PLATFORM_WARN("the store answers again");
-  if (&link == reader_.get())
+  if (masters_ != nullptr && answer.first_error().starts_with("READONLY"))
+    broken("it is not the master any more");
+  else if (&link == reader_.get())
     on_subscription(answer);
   else if (writer_logins_ > 0 || !writer_named_)
     on_login(answer);
@@ -142,6 +173,8 @@ void redis_engine::on_login(const redis_answer &answer) {
     return;
   }
   if (!answer.errors.empty()) return broken(answer.first_error());
+  if (masters_ != nullptr && writer_logins_ == 1 && (answer.texts.empty() || answer.texts[0] != "master"))
+    return broken("it is not the master");
   --writer_logins_;
   check_up();
 }

@@ -14,6 +14,7 @@
 #include <set>
 
 #include "store/engine.h"
+#include "store/master_watch.h"
 #include "store/redis_link.h"
 #include "store/request_queue.h"
 
@@ -41,7 +42,9 @@ class redis_engine final : public engine, private redis_link_user {
   };
 
   // connections
+  void begin();
   void connect();
+  void on_master(const ko_platform::store_address &master);
   void close();
   void broken(std::string_view why);
   void retry_later();
@@ -86,6 +89,7 @@ class redis_engine final : public engine, private redis_link_user {
 
   event_base *base_;
   ko_platform::store_address address_;
+  std::unique_ptr<master_watch> masters_;  // where sentinels know the address
   engine_user *user_ = nullptr;
   std::vector<hash_id> hashes_;
   std::vector<std::string> channels_;  // one for each hash
