@@ -139,6 +139,31 @@ TEST(acl, the_tool_needs_and_names_each_right) {
   }
 }
 
+// As installed: the daemon's login is in the shared platform file, the tool's in its own; one that is named goes before
+// both.
+TEST(acl, the_tool_has_a_login_of_its_own) {
+  sandbox box;
+  box.start_server();
+  client server(box.socket());
+  for (const char *user : {"ko_lspan", "lspanctl"}) grant(server, user, sample_rights(user), SIZE_MAX);
+  const std::string store = R"({"store":{"socket":")" + box.socket() + R"(","password":"secret","user":)";
+  const std::string ports = R"(,"ports":{"ge1":{"ifx":1,"phyid":101},"ge2":{"ifx":2,"phyid":102}})";
+  box.platform_file(store + R"("ko_lspan"})" + ports + "}");
+  write_file(box.folder() + "/named.json", R"({"store":{"socket":"/nowhere"}})");
+  const auto add = [&](const std::string &named) {
+    process tool;
+    std::filesystem::remove(box.folder() + "/stderr");
+    box.start(tool, {"env", "LSPANCTL_PLATFORM_FILE=" + named, LSPANCTL_PROGRAM, "session", "add", "1", "--source",
+                     "ge1", "--target", "ge2"});
+    tool.wait();
+    return read_file(box.folder() + "/stderr");
+  };
+  EXPECT_NE(add("").find("to user ko_lspan: NOPERM"), std::string::npos);
+  write_file(box.folder() + "/etc/ko_platform/lspanctl.json", store + R"("lspanctl"}})");
+  EXPECT_EQ(add(""), "added session 1, ge1 -> ge2, both; no daemon answers\n");
+  EXPECT_NE(add(box.folder() + "/named.json").find("interface ge1 is unknown"), std::string::npos);
+}
+
 // What an account that was taken over cannot be used for.
 TEST(acl, nothing_else_is_allowed) {
   const std::string both =

@@ -174,12 +174,28 @@ TEST_F(ctl, records_that_cannot_be_used) {
     const ran answer = tool(line);
     EXPECT_EQ(answer.status, status) << line;
     for (const char *why : {"0x6b31 is left out: it does not decode", "0x6b32 is left out: it has no index"})
-      EXPECT_NE(answer.says.find("lspanctl: CONF_DB u_monitor.mirror_lspan_info: the record with key " +
-                                 std::string(why) + "; have its writer write it again, or delete it\n"),
-                std::string::npos)
+      EXPECT_NE(
+          answer.says.find("lspanctl: CONF_DB u_monitor.mirror_lspan_info: the record with key " + std::string(why) +
+                           "; have its writer write it again, or delete it: lspanctl records --db 4 --message "
+                           "mirror_lspan_info --delete " +
+                           std::string(why, 6) + "\n"),
+          std::string::npos)
           << answer.says;
   }
   EXPECT_EQ(store.run({"HLEN", "u_monitor.mirror_lspan_info"}), "3");  // nothing was applied
+  const std::string sound = harness::hex(harness::session({1, 5, 9, 3}, "lspanctl").key);
+  expect(
+      {{"records --message mirror_lspan_info --delete 0x6b31", 0,
+        "deleted CONF_DB u_monitor.mirror_lspan_info 0x6b31\n"},
+       {"records --delete 0x6b32", 0, "deleted CONF_DB u_monitor.mirror_lspan_info 0x6b32\n"},
+       {"records --delete 0x6b32", 1,
+        "lspanctl: no record has the key 0x6b32; lspanctl records names those that cannot be used\n"},
+       {"records --delete 0x6b3", 2,
+        "lspanctl: key 0x6b3: give it as it is told, 0x and two digits for each byte; see lspanctl records --help\n"}});
+  EXPECT_EQ(tool("records --delete 0x" + sound).says,
+            "lspanctl: the record with the key 0x" + sound +
+                " can be used; take it away with session del, group leave or result --delete\n");
+  EXPECT_EQ(tool("session show").status, 0);
 }
 
 TEST_F(ctl, a_server_that_refuses_writes) {
@@ -302,7 +318,7 @@ TEST_F(ctl, states_and_check) {
       "role=LOCALSPAN_DST\n"
       "missing    UDP_DB   span_dst_info       t_user=ko_lspan session_id=4 s_phyid=105 d_phyid=group:2 dir=both "
       "acl_id=0 module_type=GROUP role=LOCALSPAN_DST\n"
-      "11 right, 2 missing, 2 different, 0 left over\n");
+      "11 right, 2 missing, 2 different, 0 left over; check --repair has the daemon mend them\n");
 
   const lspanctl::json as_json = lspanctl::json::parse(tool("check --json").says);
   EXPECT_EQ(lspanctl::dump(as_json).substr(0, 70),
@@ -320,7 +336,7 @@ TEST_F(ctl, states_and_check) {
   EXPECT_EQ(states(),
             "configured: span_dst_info missing, udp_pt_learn different\nconfigured: "
             "span_dst_info missing, span_port_src_info missing, udp_pt_learn different, span_mtp_info missing\n");
-  EXPECT_NE(tool("check").says.find("7 right, 4 missing, 2 different, 3 left over\n"), std::string::npos);
+  EXPECT_NE(tool("check").says.find("7 right, 4 missing, 2 different, 3 left over; "), std::string::npos);
   box_.start_daemon();
   ASSERT_TRUE(box_.settle());
   expect({{"check", 0, "all is right: 13 right, 0 missing, 0 different, 0 left over\n"}});
@@ -425,6 +441,14 @@ TEST_F(ctl, operating_a_daemon) {
   const ran top = tool("top --count 1 --json");
   EXPECT_EQ(top.status, 0);
   EXPECT_NEAR(lspanctl::json::parse(top.says)["bytes_per_second"].get<double>(), 500 * 64, 64 * 100);
+  const std::string lines = tool("top --count 2").says;
+  EXPECT_EQ(harness::count_of(lines, "SESSION  SOURCE"), 2U) << lines;
+  EXPECT_EQ(harness::count_of(lines, "\033"), 0U) << lines;
+  harness::process terminal;
+  terminal.start({"script", "-qec", LSPANCTL_PROGRAM " top --count 2 --store " + box_.socket(), "/dev/null"},
+                 box_.folder() + "/screen");
+  EXPECT_EQ(terminal.wait(), 0);
+  EXPECT_EQ(harness::count_of(read_file(box_.folder() + "/screen"), "\033[H\033[J"), 2U);
 }
 
 // ---- dry run ----
@@ -558,9 +582,10 @@ TEST_F(ctl, completion_in_bash) {
 }
 
 TEST_F(ctl, help_of_every_command_has_examples) {
-  for (const char *line : {"", "session add", "session set", "session del", "session show", "session export",
-                           "session apply", "group join", "group leave", "group show", "result", "records", "watch",
-                           "status", "resync", "check", "top", "simulate", "completion"}) {
+  for (const char *line :
+       {"",           "session add", "session set", "session del", "session show", "session export", "session apply",
+        "group join", "group leave", "group show",  "result",      "records",      "watch",          "status",
+        "platform",   "resync",      "check",       "top",         "simulate",     "completion"}) {
     const ran answer = tool(line + std::string(" --help"));
     EXPECT_EQ(answer.status, 0) << line;
     EXPECT_NE(answer.says.find("Examples:\n"), std::string::npos) << line;

@@ -98,6 +98,7 @@ void make_command_line(command &root, context &ctx) {
   add_records(root, ctx);
   add_watch(root, ctx);
   add_status(root, ctx);
+  add_platform(root, ctx);
   add_resync(root, ctx);
   add_check(root, ctx);
   add_top(root, ctx);

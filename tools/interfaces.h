@@ -26,6 +26,9 @@ class interfaces {
   // The physical id; without a `ports` map the index, 0 for what is not in it.
   uint32_t phyid(uint32_t ifx) const;
 
+  // Whether the platform file has an ACL of that number.
+  bool has_acl(uint32_t id) const { return settings_.acls.contains(id); }
+
   // The name of its network device: what the platform file says, else its name, else its number.
   std::string device(uint32_t ifx) const;
 

@@ -49,7 +49,9 @@ std::vector<decoded_record> load_records(context &ctx, store_client &store, cons
       continue;
     }
     ctx.err << "lspanctl: " << place_text(hash) << ": the record with key 0x" << ko_store::hex_digits(record.stored.key)
-            << " is left out: " << to_string(why) << "; have its writer write it again, or delete it\n";
+            << " is left out: " << to_string(why)
+            << "; have its writer write it again, or delete it: lspanctl records --db " << hash.db << " --message "
+            << short_name(*hash.type) << " --delete 0x" << ko_store::hex_digits(record.stored.key) << '\n';
     ctx.unusable.push_back(std::move(record.stored));
   }
   std::sort(sound.begin(), sound.end(), [](const decoded_record &a, const decoded_record &b) {

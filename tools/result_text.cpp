@@ -31,7 +31,9 @@ std::string concerned(uint32_t code, const member &what, const interfaces &ports
       return "the forwarding side lacks CAP_NET_ADMIN";
     case EINVAL:
     case EOPNOTSUPP:
-      return what.key.acl_id == 0 ? "" : "acl " + std::to_string(what.key.acl_id);
+      if (what.key.acl_id == 0) return "";
+      return "acl " + std::to_string(what.key.acl_id) +
+             (ports.has_acl(what.key.acl_id) ? "" : " is not in the platform file");
     default:
       return "";
   }

@@ -35,8 +35,11 @@ std::optional<config> &given_config() {
 // The members of an object, each of which `allowed` must name.
 void check_members(const json &object, const std::string &where, const std::set<std::string> &allowed) {
   if (!object.is_object()) fail(where, "must be an object");
+  std::string known;
+  for (const std::string &name : allowed) known += (known.empty() ? "" : ", ") + name;
   for (const auto &item : object.items())
-    if (!allowed.contains(item.key())) fail(where, "unknown member \"" + item.key() + "\"");
+    if (!allowed.contains(item.key()))
+      fail(where, "unknown member \"" + item.key() + "\"; those that are known: " + known);
 }
 
 void read_text(const json &object, const char *name, const std::string &where, std::string &out) {

@@ -68,6 +68,7 @@ void print_report(context &ctx, const report &found, const json &repaired) {
     text += (i == 0 ? "" : ", ") + std::to_string(found.counts[i]) + " " + to_text(what);
     value[json_key(what)] = found.counts[i];
   }
+  if (!found.findings.empty() && repaired.is_null()) text += "; check --repair has the daemon mend them";
   value["findings"] = found.findings;
   if (!repaired.is_null()) value["repaired"] = repaired;
   ctx.line(text, value);

@@ -21,6 +21,7 @@ void add_result(command &root, context &ctx);
 void add_records(command &root, context &ctx);
 void add_watch(command &root, context &ctx);
 void add_status(command &root, context &ctx);
+void add_platform(command &root, context &ctx);
 void add_resync(command &root, context &ctx);
 void add_top(command &root, context &ctx);
 void add_check(command &root, context &ctx);

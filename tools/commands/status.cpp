@@ -39,14 +39,18 @@ program_status ask_status(requester &from, const char *program, std::chrono::mil
 
 std::string to_text(const program_status &status) {
   if (!status.trouble.empty()) return std::string(status.program) + ": " + status.trouble;
-  const auto count = [&status](const char *key, const char *word) { return status.text(key) + " " + word; };
+  const auto count = [&status](const char *key, const char *one, const char *more) {
+    const std::string number = status.text(key);
+    return number + " " + (number == "1" ? one : more);
+  };
   std::string text = std::string(status.program) + ": " + status.text("state") + ", pid " + status.text("pid") +
                      ", version " + status.text("version") + ", since " + status.text("since") + "\n  " +
                      (status.text("connected") == "true" ? "connected since " + status.text("connected_since")
                                                          : "not connected to the store") +
-                     "\n  " + count("events", "events") + ", " + count("handler_failures", "not carried out") + "; " +
-                     count("writes", "writes") + ", " + count("refused", "refused") + "; " +
-                     count("reads", "reads of the inputs") + ", " + count("rejected", "records passed over");
+                     "\n  " + count("events", "event", "events") + ", " + status.text("handler_failures") +
+                     " not carried out; " + count("writes", "write", "writes") + ", " + status.text("refused") +
+                     " refused; " + count("reads", "read", "reads") + " of the inputs, " +
+                     count("rejected", "record", "records") + " passed over";
   const std::string error = status.text("last_error");
   return text + "\n  last error: " + (error.empty() ? "none" : error + " " + status.text("last_error_at"));
 }
