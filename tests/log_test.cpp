@@ -35,22 +35,27 @@ std::string read_file(const std::string &path) {
   return text.str();
 }
 
-// Lines of the log without their times, which must be there.
+// Lines of the log without their times and the program's name and number, which must be there.
 std::string without_times(const std::string &log) {
   std::string out;
   std::istringstream stream(log);
-  for (std::string line; std::getline(stream, line);)
-    out += (line.size() > 24 && line[10] == ' ' && line[19] == '.' ? line.substr(24) : "no time: " + line) + '\n';
+  for (std::string line; std::getline(stream, line);) {
+    const size_t name = line.find(" log_test[");
+    const bool is_right = line.size() > 24 && line[10] == ' ' && line[19] == '.' && name == 23;
+    out += (is_right ? line.substr(line.find("] ") + 2) : "no time: " + line) + '\n';
+  }
   return out;
 }
 
 // Runs `body` in a process that logs to `file`; what it wrote to standard error comes back.
-std::string standard_error(const std::string &file, const std::function<void()> &body) {
+std::string standard_error(const std::string &file, const std::function<void()> &body,
+                           const std::function<void()> &prepare = {}) {
   const std::string path = testing::TempDir() + "log_test." + std::to_string(getpid());
   const pid_t child = fork();
   if (child == 0) {
     log_file = file;
     dup2(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+    if (prepare) prepare();
     body();
     _exit(0);
   }
@@ -124,6 +129,25 @@ TEST(log, where_lines_go) {
   }
   close(reader);
   std::filesystem::remove(fifo);
+}
+
+// The journal gets the priority of each line.
+TEST(log, lines_for_the_journal) {
+  const std::string said = standard_error(
+      "",
+      [] {
+        for (const int level : {VX_ZLOG_ERROR, VX_ZLOG_WARN, VX_ZLOG_INFO, VX_ZLOG_DEBUG})
+          write_record(vx_zlog_init("dl"), level, "line");
+      },
+      [] {
+        struct stat at;
+        fstat(STDERR_FILENO, &at);
+        setenv("JOURNAL_STREAM", (std::to_string(at.st_dev) + ":" + std::to_string(at.st_ino)).c_str(), 1);
+      });
+  std::istringstream lines(said);
+  std::string priorities;
+  for (std::string line; std::getline(lines, line);) priorities += line.substr(0, 3);
+  EXPECT_EQ(priorities, "<3><4><6><7>");
 }
 
 // A process without standard files: what is written to standard error does not get into the next one that is opened.

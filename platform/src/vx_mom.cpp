@@ -2,8 +2,10 @@
 #include "vx_mom.h"
 
 #include <exception>
+#include <fstream>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "platform_config.h"
 #include "platform_log.h"
@@ -48,12 +50,23 @@ int32_t write(vx_global *store, uint32_t db, const ProtobufCMessage *message, ch
   });
 }
 
+// Who brings no context has not read its command line either.
+void tell_passed_over(const char *app_name) {
+  std::ifstream file("/proc/self/cmdline");
+  std::string word;
+  std::string words;
+  std::getline(file, word, '\0');  // the program
+  while (std::getline(file, word, '\0')) words += " " + word;
+  if (!words.empty()) PLATFORM_WARN("%s takes no arguments, and starts without%s", app_name, words.c_str());
+}
+
 }  // namespace
 
 void ko_store::use_engine(engine_factory new_factory) { factory() = std::move(new_factory); }
 
 vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_ab_opt *) try {
   ko_platform::process_config();  // a file that cannot be used is told here, before anything depends on it
+  if (global == nullptr) tell_passed_over(app_name == nullptr ? "this program" : app_name);
   std::unique_ptr<vx_global, decltype(&vx_global_finish)> made_here(
       global == nullptr ? vx_global_init(app_name) : nullptr, vx_global_finish);
   vx_global *context = global != nullptr ? global : made_here.get();

@@ -1,17 +1,20 @@
 // The logging wrappers on spdlog: every category writes to one sink, one line a record. Nothing that goes wrong here
 // may reach the daemon.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <memory_resource>
 #include <string>
+#include <string_view>
 
 #include <spdlog/logger.h>
 #include <spdlog/pattern_formatter.h>
@@ -29,9 +32,24 @@ struct vx_zlog_category {
 
 namespace {
 
+// Whether standard error is the stream that the service manager gave this process for its journal.
+bool has_journal() {
+  const char *given = std::getenv("JOURNAL_STREAM");
+  struct stat at;
+  return given != nullptr && fstat(STDERR_FILENO, &at) == 0 &&
+         given == std::to_string(at.st_dev) + ":" + std::to_string(at.st_ino);
+}
+
+// What the journal takes for the priority of a line that begins with it.
+const char *priority_of(spdlog::level::level_enum level) {
+  if (level >= spdlog::level::err) return "<3>";
+  if (level >= spdlog::level::warn) return "<4>";
+  return level >= spdlog::level::info ? "<6>" : "<7>";
+}
+
 // The log file; what it does not take, and everything without one, goes to standard error. Each record is written at
 // once, so that none is lost with the process. Nothing is waited for: a FIFO needs a reader when it is opened, and what
-// a slow one does not take is not kept for it.
+// a slow one does not take is not kept for it. Who started the program at a terminal sees there what goes wrong.
 class fallback_sink : public spdlog::sinks::sink {
  public:
   explicit fallback_sink(const std::string &path) : path_(path) {
@@ -40,7 +58,7 @@ class fallback_sink : public spdlog::sinks::sink {
     if (file_ < 0) tell("opened", errno == ENXIO ? "nobody reads it" : std::strerror(errno));
   }
 
-  bool is_terminal() const { return file_ < 0 && isatty(STDERR_FILENO) != 0; }
+  bool is_terminal() const { return file_ < 0 && has_terminal_; }
 
   void log(const spdlog::details::log_msg &record) override {
     if (file_ >= 0) {
@@ -50,8 +68,9 @@ class fallback_sink : public spdlog::sinks::sink {
       const bool refused = n != static_cast<ssize_t>(line.size());
       if (refused && !told_) tell("written", n < 0 ? std::strerror(errno) : "a line was cut");
       told_ = refused;
-      if (!refused) return;
+      if (!refused && !(has_terminal_ && record.level >= spdlog::level::warn)) return;
     }
+    if (has_journal_) std::fputs(priority_of(record.level), stderr);
     stderr_.log(record);
   }
 
@@ -72,6 +91,8 @@ class fallback_sink : public spdlog::sinks::sink {
   }
 
   std::string path_;
+  const bool has_terminal_ = isatty(STDERR_FILENO) != 0;
+  const bool has_journal_ = ::has_journal();
   bool told_ = false;  // that it takes nothing
   int file_ = -1;      // open until the process ends
   std::unique_ptr<spdlog::formatter> formatter_;
@@ -83,8 +104,11 @@ struct log_state {
   bool colours;
   std::map<std::string, vx_zlog_category, std::less<>> categories;
 
+  // Programs may share a file, and each has a channel of the platform.
   log_state() : sink(std::make_shared<fallback_sink>(ko_platform::process_log_settings().file)) {
-    sink->set_pattern("%Y-%m-%d %H:%M:%S.%e %l %n %v");
+    std::string program;
+    for (const char c : std::string_view(program_invocation_short_name)) program.append(c == '%' ? 2 : 1, c);
+    sink->set_pattern("%Y-%m-%d %H:%M:%S.%e " + program + "[%P] %l %n %v");
     colours = sink->is_terminal();
   }
 };
