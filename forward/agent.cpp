@@ -50,15 +50,6 @@ union any_record {
   PPolicy__DataIntfConf membership;
 };
 
-mom_ds_entry entry_of(uint32_t db, const ProtobufCMessage &record, bool is_output) {
-  mom_ds_entry entry = {};
-  entry.record = &record;
-  entry.db_id = db;
-  entry.enabled = 1;
-  entry.is_output = is_output ? 1 : 0;
-  return entry;
-}
-
 }  // namespace
 
 agent::agent(vx_global &global, const ko_platform::config &settings)
@@ -85,28 +76,25 @@ bool agent::start() {
     FORWARD_ERROR("the store cannot be set up");
     return false;
   }
+  if (!reconciler_.with().may_change())
+    FORWARD_ERROR("this program lacks CAP_NET_ADMIN: it makes no copies, and answers with EPERM");
   ko_platform::register_request(global_, "counters", [this] { return counters_json(); });
+  ko_platform::before_requests(global_, [this] {
+    if (is_due_) reconcile();
+  });
   return event_add(news_.get(), nullptr) == 0;
 }
 
 bool agent::declare() {
   any_record templates[n_inputs];
-  mom_ds_entry entries[n_inputs];
+  mom_ds_entry entries[n_inputs] = {};
   for (size_t i = 0; i < n_inputs; ++i) {
     protobuf_c_message_init(inputs[i].type, &templates[i]);
-    entries[i] = entry_of(inputs[i].db, templates[i].message, false);
+    entries[i].record = &templates[i].message;
+    entries[i].db_id = inputs[i].db;
+    entries[i].enabled = 1;
   }
-  UMonitor__MirrorResultInfo result;
-  UMonitor__MirrorIndex index;
-  u_monitor__mirror_result_info__init(&result);
-  u_monitor__mirror_index__init(&index);
-  index.t_user = const_cast<char *>(result_owner);
-  result.index = &index;
-  const mom_ds_entry output = entry_of(udp_db, result.base, true);
-
-  const uint32_t number = vx_mom_reg_ds(store_, entries, n_inputs, &output, 1);
-  const uint32_t on = 1;
-  if (vx_mom_set_ds_opt(store_, number, VX_MOM_OPT_OWN_RECORDS, &on) != 0) return false;
+  if (!declare_results(store_, entries)) return false;
   const auto take = [](void *self, uint32_t is_del, const void *message) {
     return static_cast<agent *>(self)->take_event(is_del, *static_cast<const ProtobufCMessage *>(message));
   };
@@ -145,7 +133,7 @@ int32_t agent::take_flush(const ProtobufCMessage &message) {
 int32_t agent::begin() {
   all_read_ = true;
   reconcile();
-  FORWARD_INFO("the records were read, and the kernel is as they say");
+  if (told_failure_.empty()) FORWARD_INFO("the records were read, and the kernel is as they say");
   return 0;
 }
 
@@ -162,14 +150,23 @@ void agent::reconcile_soon() {
 
 // What takes long is not done more than half of the time: of many changes, the more are taken at once.
 void agent::reconcile() try {
-  is_due_ = false;
+  const bool is_retry = !std::exchange(is_due_, false);
   const auto began = clock::now();
   answer(reconciler_.run(records_, std::exchange(flushes_, {})));
   rests_until_ = clock::now() + std::min<clock::duration>(clock::now() - began, longest_rest);
-  if (reconciler_.has_failed()) return try_later();
-  pause_s_ = 0;
-  evtimer_del(retry_.get());
+  const std::string &failure = reconciler_.failure();
+  if (!failure.empty()) {
+    try_later();
+    if (is_retry || failure != told_failure_)
+      FORWARD_ERROR("the kernel is not as the records say: %s; tried again in %d s", failure.c_str(), pause_s_);
+  } else {
+    pause_s_ = 0;
+    evtimer_del(retry_.get());
+    if (!told_failure_.empty()) FORWARD_WARN("the kernel is as the records say again");
+  }
+  told_failure_ = failure;
 } catch (const std::system_error &error) {
+  told_failure_ = error.what();
   FORWARD_ERROR("%s; tried again", error.what());
   reconciler_.with().doubt_all();
   try_later();
@@ -216,7 +213,6 @@ void agent::tell(const wanted_member &member) {
 }
 
 std::string agent::counters_json() {
-  if (is_due_) reconcile();  // what came before the request
   nlohmann::json members = nlohmann::json::array();
   for (const auto &[key, copied] : reconciler_.count())
     members.push_back({{"session", key.session},

@@ -14,8 +14,6 @@
 
 namespace ko_forward {
 
-inline constexpr const char *app_name = "ko_lspan_fwd";
-
 class agent {
  public:
   // `settings` is borrowed. Throws std::system_error when the kernel cannot be talked to.
@@ -57,6 +55,7 @@ class agent {
   bool is_due_ = false;
   clock::time_point rests_until_;
   int pause_s_ = 0;
+  std::string told_failure_;
   ko_platform::event_ptr due_;
   ko_platform::event_ptr news_;
   ko_platform::event_ptr retry_;

@@ -51,9 +51,9 @@ void pass_by_changes_of(uint32_t port, int news) {
 }
 
 bool same_for_us(const link &a, const link &b) {
-  return a.name == b.name && a.mtu == b.mtu && a.is_up == b.is_up && a.is_switched == b.is_switched &&
-         a.bridge == b.bridge && a.flags == b.flags && a.untagged_vlan == b.untagged_vlan &&
-         a.filters_vlans == b.filters_vlans;
+  return a.name == b.name && a.mtu == b.mtu && a.is_up == b.is_up && a.has_carrier == b.has_carrier &&
+         a.is_switched == b.is_switched && a.bridge == b.bridge && a.flags == b.flags &&
+         a.untagged_vlan == b.untagged_vlan && a.filters_vlans == b.filters_vlans;
 }
 
 }  // namespace
@@ -85,6 +85,9 @@ const place_filters &kernel::filters_at(const place &at) const {
 }
 
 int kernel::descriptor() const { return mnl_socket_get_fd(news_.get()); }
+
+// No link has the index 0, and the right is looked at before the link.
+bool kernel::may_change() { return carry_out({remove_hook(0)}).front().code != EPERM; }
 
 // ---- announcements ----
 
@@ -135,8 +138,21 @@ void kernel::take_link(const link_news &news) {
 }
 
 void kernel::drop_filters(int ifindex) {
-  filters_.erase({ifindex, dir_rx});
-  filters_.erase({ifindex, dir_tx});
+  drop_filters(place{ifindex, dir_rx});
+  drop_filters(place{ifindex, dir_tx});
+}
+
+void kernel::drop_filters(const place &at) {
+  for (const auto &[key, filter] : filters_[at].own)
+    for (const copy_action &action : filter.what.actions)
+      if (action.number != 0) missed_.insert_or_assign(action.number, action);
+  filters_.erase(at);
+}
+
+std::vector<copy_action> kernel::take_lost() {
+  std::vector<copy_action> lost;
+  for (const auto &[number, action] : std::exchange(missed_, {})) lost.push_back(action);
+  return lost;
 }
 
 // ---- reading ----
@@ -165,7 +181,7 @@ void kernel::read_hooks(const IsAsked &is_asked) {
 
 void kernel::read_everything() {
   links_.clear();
-  filters_.clear();
+  while (!filters_.empty()) drop_filters(place(filters_.begin()->first));
   doubtful_.clear();
   const auto take_links = [this](const nlmsghdr &from) {
     if (const auto news = read_link(from)) take_link(*news);
@@ -190,9 +206,11 @@ void kernel::read_link_filters(int ifindex) {
 
 void kernel::read_place(const place &at) {
   place_filters found;
+  drop_filters(at);
   read(ask_filters(at), [&](const nlmsghdr &from) {
     auto one = read_filter(from);
     if (!one.has_value()) return;
+    for (const copy_action &action : one->what.actions) missed_.erase(action.number);
     const place_filters::key key = {one->chain, one->what.pref, one->what.handle};
     if (one->is_own)
       found.own.insert_or_assign(key, std::move(*one));

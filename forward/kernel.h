@@ -27,6 +27,9 @@ class kernel {
   kernel &operator=(const kernel &) = delete;
   ~kernel();
 
+  // Whether this process has the right to change anything.
+  bool may_change();
+
   int descriptor() const;  // readable when there are announcements
   // Takes all announcements that wait; whether they may mean work.
   bool take_news();
@@ -41,6 +44,8 @@ class kernel {
   const place_filters &filters_at(const place &at) const;
   // Reads the filters of a place anew, for their counts.
   void read_place(const place &at);
+  // The actions that others have taken away since the last call, as they were seen last.
+  std::vector<copy_action> take_lost();
 
   // Each carries out what it is given, in that order, takes what succeeded over, and returns an outcome for each.
   std::vector<outcome> make_hooks(const std::vector<int> &links);
@@ -70,6 +75,7 @@ class kernel {
   void take(const nlmsghdr &from);
   void take_link(const link_news &news);
   void drop_filters(int ifindex);
+  void drop_filters(const place &at);
 
   socket requests_;
   socket news_;
@@ -78,6 +84,7 @@ class kernel {
 
   link_table links_;
   std::map<place, place_filters> filters_;
+  std::map<uint32_t, copy_action> missed_;  // by number: those that were not found again yet
   bool all_doubtful_ = true;
   std::set<int> doubtful_;  // links whose hook and filters may be others
   bool changed_ = false;    // a link, since take_news began

@@ -32,7 +32,8 @@ struct global_finisher {
 // Tells why the program ends: in the log, and at the terminal when the log is elsewhere.
 int end_with(int status, const char *reason) {
   FORWARD_ERROR("%s", reason);
-  if (!ko_platform::process_log_settings().file.empty()) std::fprintf(stderr, "%s: %s\n", ko_forward::app_name, reason);
+  const bool is_told = ko_platform::process_log_settings().file.empty() || isatty(STDERR_FILENO) != 0;
+  if (!is_told) std::fprintf(stderr, "%s: %s\n", ko_forward::app_name, reason);
   return status;
 }
 
@@ -71,8 +72,12 @@ int serve() {
 }
 
 int clear() {
-  ko_forward::reconciler(ko_platform::process_config()).clear();
-  return 0;
+  ko_forward::reconciler kernel(ko_platform::process_config());
+  kernel.clear();
+  const bool are_results_gone = ko_forward::remove_results();
+  if (!kernel.failure().empty()) return end_with(cannot_work, kernel.failure().c_str());
+  if (are_results_gone) return 0;
+  return end_with(cannot_work, "the kernel is clear, and the results stay in the store, which cannot be used");
 }
 
 int run(bool is_clearing) {

@@ -320,6 +320,7 @@ std::optional<link_news> read_link(const nlmsghdr &from) {
   news.what.name = all.text(IFLA_IFNAME);
   news.what.mtu = all.value<uint32_t>(IFLA_MTU).value_or(0);
   news.what.is_up = (header->ifi_flags & IFF_UP) != 0;
+  news.what.has_carrier = (header->ifi_flags & IFF_RUNNING) != 0;
   news.what.is_switched = all[IFLA_PHYS_SWITCH_ID] != nullptr;
   const int master = all.value<int>(IFLA_MASTER).value_or(0);
   if (news.of_bridge) {
@@ -358,6 +359,8 @@ std::optional<kernel_filter> read_filter(const nlmsghdr &from) {
   out.what.pref = header->tcm_info >> 16;
   out.what.handle = header->tcm_handle;
   if (all.text(TCA_KIND) == "bpf" && all[TCA_OPTIONS] != nullptr) read_bpf(all[TCA_OPTIONS], out);
+  if (out.at.dir == dir_rx)  // where the kernel counts frames without their Ethernet header
+    for (copy_action &action : out.what.actions) action.bytes += action.packets * ETH_HLEN;
   const bool every_protocol = (header->tcm_info & 0xFFFF) == htons(ETH_P_ALL);
   out.is_replaceable = all.text(TCA_KIND) == "bpf" && every_protocol;
   out.is_sound = out.is_sound && out.is_replaceable;

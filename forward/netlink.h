@@ -27,8 +27,8 @@ struct copy_action {
   bool is_last = false;  // after it the classification goes on with the next filter; else with the next action
   mark marked{};
   uint64_t packets = 0;  // that came to it
-  uint64_t bytes = 0;
-  uint64_t lost = 0;  // packets of these that the target did not take
+  uint64_t bytes = 0;    // of whole frames, without the VLAN tag where the kernel keeps that beside
+  uint64_t lost = 0;     // packets of these that the target did not take
 };
 
 struct filter {

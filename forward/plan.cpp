@@ -53,14 +53,14 @@ std::vector<copy_action> actions_for(const share &mine, const mark &marked) {
   if (mine.old != nullptr && is_as_made(*mine.old, marked)) {
     for (const copy_action &old : mine.old->what.actions) {
       if (targets.erase(old.target) == 0) continue;
-      (old.is_last ? last : actions.emplace_back()) = {old.target, old.number, old.is_last, marked};
+      (old.is_last ? last : actions.emplace_back()) = old;
     }
   }
   for (const int target : targets) actions.push_back({target, 0, false, marked});
   if (last.target != 0)
     actions.push_back(last);
   else
-    actions.back().is_last = true, actions.back().number = 0;
+    actions.back() = {actions.back().target, 0, true, marked};
   return actions;
 }
 

@@ -25,8 +25,9 @@ enum class hook_kind { none, clsact, ingress };
 struct link {
   int index = 0;  // the kernel's, from 1 on
   std::string name;
-  uint32_t mtu = 0;  // bytes
-  bool is_up = false;
+  uint32_t mtu = 0;          // bytes
+  bool is_up = false;        // it was set up
+  bool has_carrier = false;  // and can send
   bool is_switched = false;  // hardware forwards what it receives, without the kernel
   int bridge = 0;            // index of the bridge that it is a port of; 0: none
   port_flags flags = no_flags;

@@ -24,7 +24,10 @@ port_flags difference(const port_flags &now, const port_flags &target) {
 
 counts counts_of(const copy_action &action) { return {action.packets, action.bytes, action.lost}; }
 
-std::string reason_of(const outcome &what) { return what.text.empty() ? std::strerror(what.code) : what.text; }
+std::string reason_of(const outcome &what) {
+  if (what.code == EPERM) return "Operation not permitted, as this program lacks CAP_NET_ADMIN";
+  return what.text.empty() ? std::strerror(what.code) : what.text;
+}
 
 }  // namespace
 
@@ -43,9 +46,10 @@ std::vector<wanted_member> reconciler::run(const records &from, const std::set<u
   std::set<uint32_t> to_flush = flushes;
   for (int i = 0; i < most_passes; ++i) {
     kernel_.refresh();
+    keep_lost_counts();
     target = make_wanted(from, ports_, kernel_.links(), settings_.acls, programs_);
     failures_.clear();
-    has_failed_ = false;
+    failure_.clear();
     pass(target, std::exchange(to_flush, {}));
     if (!kernel_.take_news()) break;
   }
@@ -81,7 +85,7 @@ void reconciler::quiet_ports(const wanted &target, const std::set<uint32_t> &flu
       state.ports.insert_or_assign(index, saved_port{port.name, port.bridge, port.flags});
   }
   if (!saved_.keep(state)) {
-    has_failed_ = true;
+    fail("what ports were before cannot be kept, and so their learning stays on");
     changes.clear();
   }
   if (!flushes.empty()) add_flushes(flushes, changes);
@@ -108,11 +112,9 @@ std::set<int> reconciler::set_ports(const std::map<int, port_change> &changes) {
   const std::vector<outcome> outcomes = kernel_.set_ports(list);
   for (size_t i = 0; i < list.size(); ++i) {
     if (outcomes[i].code == 0) continue;
-    has_failed_ = true;
     failed.insert(list[i].ifindex);
-    const std::string text = "the learning of the link with index " + std::to_string(list[i].ifindex) +
-                             " cannot be switched, or its addresses be flushed: " + reason_of(outcomes[i]);
-    if (port_failures_told_.insert(text).second) FORWARD_ERROR("%s", text.c_str());
+    fail("the learning of " + name_of(list[i].ifindex) +
+         " cannot be switched, or its addresses be flushed: " + reason_of(outcomes[i]));
   }
   return failed;
 }
@@ -190,6 +192,7 @@ void reconciler::change_filters(const wanted &target) {
 
 void reconciler::put_filters(const std::vector<filter_change> &changes) {
   if (changes.empty()) return;
+  keep_lost_counts();
   for (const filter_change &change : changes) {
     const auto &own = kernel_.filters_at(change.at).own;
     const auto old = own.find({0, change.what.pref, change.what.handle});
@@ -211,16 +214,23 @@ void reconciler::remove_filters(const std::vector<kernel_filter> &gone) {
   const std::vector<outcome> outcomes = kernel_.remove(gone);
   for (size_t i = 0; i < gone.size(); ++i) {
     if (outcomes[i].code == 0 || outcomes[i].code == ENOENT) continue;
-    has_failed_ = true;
-    FORWARD_WARN("a filter at the link with index %d cannot be taken away: %s", gone[i].at.ifindex,
-                 reason_of(outcomes[i]).c_str());
+    fail("a filter of " + name_of(gone[i].at.ifindex) + " cannot be taken away: " + reason_of(outcomes[i]));
   }
 }
 
 // ---- answers ----
 
+void reconciler::fail(std::string what) {
+  if (failure_.empty()) failure_ = std::move(what);
+}
+
+std::string reconciler::name_of(int ifindex) const {
+  const auto link = kernel_.links().find(ifindex);
+  return link == kernel_.links().end() ? "a port that is gone" : link->second.name;
+}
+
 void reconciler::note_failure(const place &at, const mark &marked, const outcome &what) {
-  has_failed_ = true;
+  fail("a filter of " + name_of(at.ifindex) + " cannot be set: " + reason_of(what));
   failures_.insert_or_assign({at, marked}, what);
 }
 
@@ -229,10 +239,8 @@ void reconciler::answer(wanted &target) const {
     for (const place &at : member.places) {
       const auto failed = failures_.find({at, member.marked});
       if (failed == failures_.end() || member.answer.code != 0) continue;
-      const auto link = kernel_.links().find(at.ifindex);
       member.answer.code = failed->second.code;
-      member.answer.reason = (link == kernel_.links().end() ? "a port that is gone" : link->second.name) + ": " +
-                             reason_of(failed->second);
+      member.answer.reason = name_of(at.ifindex) + ": " + reason_of(failed->second);
     }
   }
 }
@@ -248,8 +256,12 @@ void reconciler::keep_counts(const kernel_filter &old, const std::vector<copy_ac
   }
 }
 
+void reconciler::keep_lost_counts() {
+  for (const copy_action &action : kernel_.take_lost()) counted_before_[action.marked] += counts_of(action);
+}
+
 std::vector<member_counts> reconciler::count() {
-  std::map<mark, counts> sums = counted_before_;
+  std::map<mark, counts> sums;
   std::vector<place> places;
   for (const auto &[at, filters] : kernel_.filters())
     if (!filters.own.empty()) places.push_back(at);
@@ -258,6 +270,8 @@ std::vector<member_counts> reconciler::count() {
     for (const auto &[key, filter] : kernel_.filters_at(at).own)
       for (const copy_action &action : filter.what.actions) sums[mark_in(filter.what)] += counts_of(action);
   }
+  keep_lost_counts();
+  for (const auto &[marked, before] : counted_before_) sums[marked] += before;
   std::vector<member_counts> out;
   for (const auto &[marked, key] : members_) out.push_back({key, sums[marked]});
   return out;
@@ -282,8 +296,11 @@ void reconciler::clear() {
     }
     if (is_empty) hooks.push_back(index);
   }
-  kernel_.remove_hooks(hooks);
-  if (!has_failed_) saved_.keep({});
+  const std::vector<outcome> outcomes = kernel_.remove_hooks(hooks);
+  for (size_t i = 0; i < hooks.size(); ++i)
+    if (outcomes[i].code != 0)
+      fail("the clsact qdisc of " + name_of(hooks[i]) + " cannot be taken away: " + reason_of(outcomes[i]));
+  if (failure_.empty()) saved_.keep({});
 }
 
 }  // namespace ko_forward

@@ -37,15 +37,16 @@ class reconciler {
   // One reconciliation with `from`; `flushes` are the interface indexes whose dynamic entries are to be forgotten.
   // Returns an answer for each member. Throws std::system_error; what was left undone then, the next one does.
   std::vector<wanted_member> run(const records &from, const std::set<uint32_t> &flushes);
-  // Whether something could not be done that may be possible later, without any announcement.
-  bool has_failed() const { return has_failed_; }
+  // What could not be done, and may be possible later without any announcement; empty: all is done.
+  const std::string &failure() const { return failure_; }
   // Settings may have changed what they mean: names in ACLs are looked up again.
   void forget_programs() { programs_.forget(); }
 
-  // Takes everything of this program's out of the kernel.
+  // Takes everything of this program's out of the kernel, as far as failure() does not say otherwise.
   void clear();
 
-  // What was copied for each member since it is there, as far as this process saw it; asks the kernel.
+  // What was copied for each member since it is there, as far as this process saw it; asks the kernel. Of a filter that
+  // others took away, it is what was seen last.
   std::vector<member_counts> count();
 
  private:
@@ -61,6 +62,9 @@ class reconciler {
   void remove_filters(const std::vector<kernel_filter> &gone);
   void give_ports_back(const std::set<int> &quiet);
   void keep_counts(const kernel_filter &old, const std::vector<copy_action> &kept);
+  void keep_lost_counts();
+  void fail(std::string what);
+  std::string name_of(int ifindex) const;
   void note_failure(const place &at, const mark &marked, const outcome &what);
   void answer(wanted &target) const;
 
@@ -70,10 +74,9 @@ class reconciler {
   saved_file saved_;
   program_cache programs_;
   failures failures_;
-  bool has_failed_ = false;
+  std::string failure_;
   std::map<mark, member_key> members_;
   std::map<mark, counts> counted_before_;  // by actions that are no more
-  std::set<std::string> port_failures_told_;
 };
 
 }  // namespace ko_forward

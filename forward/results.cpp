@@ -1,5 +1,10 @@
 #include "results.h"
 
+#include <chrono>
+#include <memory>
+
+#include "global_context.h"
+#include "store/registration.h"
 #include "u_monitor.pb-c.h"
 
 namespace ko_forward {
@@ -23,7 +28,46 @@ void with_record(const result_key &key, uint32_t result, const Use &use) {
   use(&record.base);
 }
 
+constexpr auto patience = std::chrono::seconds(5);
+constexpr timeval look_interval{0, 10000};
+
+struct global_finisher {
+  void operator()(vx_global *global) const { vx_global_finish(global); }
+};
+
 }  // namespace
+
+bool declare_results(vx_mom_ab *store, std::span<const mom_ds_entry> inputs) {
+  uint32_t number = 0;
+  with_record({}, 0, [&](const ProtobufCMessage *record) {
+    mom_ds_entry output = {};
+    output.record = record;
+    output.db_id = udp_db;
+    output.enabled = 1;
+    output.is_output = 1;
+    number = vx_mom_reg_ds(store, inputs.data(), static_cast<uint32_t>(inputs.size()), &output, 1);
+  });
+  const uint32_t on = 1;
+  return vx_mom_set_ds_opt(store, number, VX_MOM_OPT_OWN_RECORDS, &on) == 0;
+}
+
+bool remove_results() {
+  const std::unique_ptr<vx_global, global_finisher> global(vx_global_init(app_name));
+  const vx_mom_ab_opt options = {};
+  vx_mom_ab *store = global == nullptr ? nullptr : vx_mom_ab_init(global.get(), app_name, &options);
+  if (store == nullptr || !declare_results(store, {})) return false;
+  event_base *base = ko_platform::context_of(global.get()).base.get();
+  const ko_platform::event_ptr look(event_new(
+      base, -1, EV_PERSIST, [](evutil_socket_t, short, void *) {}, nullptr));
+  if (look == nullptr || event_add(look.get(), &look_interval) != 0) return false;
+  const ko_store::registration &written = *ko_store::registration_of(global.get());
+  const auto latest = std::chrono::steady_clock::now() + patience;
+  while (!written.settled() || !written.quiet()) {
+    if (std::chrono::steady_clock::now() >= latest) return false;
+    event_base_loop(base, EVLOOP_ONCE);
+  }
+  return true;
+}
 
 void result_book::write(vx_global *store, const std::map<result_key, uint32_t> &answers,
                         const std::set<result_key> &again) {

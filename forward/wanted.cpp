@@ -86,6 +86,8 @@ void planner::plan(const member_key &key, const member_record &record) {
         refuse(member, ENODEV, "no such device (" + target.name + ")");
       else if (!target.device->is_up)
         refuse(member, ENETDOWN, target.name + " is down");
+      else if (!target.device->has_carrier)
+        refuse(member, ENETDOWN, target.name + " has no carrier");
     }
     for (const end &source : sources_of(key)) plan_source(source, targets, choice, member);
   }

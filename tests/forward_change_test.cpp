@@ -224,8 +224,25 @@ TEST_F(changes, by_others_are_mended_or_left_alone) {
       ASSERT_EQ(right, net.kernel());
     }
   net.program.stop();
+  EXPECT_NE("OK0", net.ask({"SELECT", "8"}) + net.ask({"HLEN", "u_monitor.mirror_result_info"}));
   net.clear();
   EXPECT_EQ(untouched, net.kernel(true));
+  EXPECT_EQ("OK0", net.ask({"SELECT", "8"}) + net.ask({"HLEN", "u_monitor.mirror_result_info"}));
+}
+
+TEST_F(changes, without_the_right_to_make_them_are_told) {
+  begin();
+  net.program.stop();
+  shell("tc qdisc del dev ge1 clsact");
+  net.box.start(net.program, {"setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", KO_LSPAN_FWD_PROGRAM});
+  net.expect_code(steady(), EPERM);
+  net.expect_code(group_of_four(), EPERM);
+  for (const char *line :
+       {"this program lacks CAP_NET_ADMIN: it makes no copies", "the kernel is not as the records say: "})
+    EXPECT_NE(net.box.log().find(line), std::string::npos) << net.box.log();
+  restart();
+  net.expect_code(steady(), 0);
+  under_traffic([&] { net.settle(); });
 }
 
 // ---- links ----
@@ -247,6 +264,8 @@ TEST_F(changes, of_links_are_answered_and_followed) {
       {"ip link set ge1 up", 0},
       {"ip link set ge6 down", ENETDOWN},
       {"ip link set ge6 up", 0},
+      {"ip link set ge6-w down", ENETDOWN},
+      {"ip link set ge6-w up", 0},
       {"ip link set ge6 name away", ENODEV},
       {"ip link set away name ge6", 0},
       {"ip link set ge1 name away", ENODEV},
@@ -362,6 +381,8 @@ TEST_F(changes, that_cannot_be_are_refused) {
       {"an ACL of no words", but([](member &m) { m.apply = 1, m.acl = 8; }, EINVAL)},
       {"a target with the id of another", {{from_one(31), EINVAL}}},
       {"a target with the id 0", {{from_one(33), EINVAL}}},
+      {"a source with the id of another", but([](member &m) { m.s_ifx = 32; }, EINVAL)},
+      {"a source with the id 0", but([](member &m) { m.s_ifx = 33; }, EINVAL)},
       {"an empty group", but([](member &m) { m.module = 5, m.d_ifx = group_target(60); }, 0)},
       {"a foreign qdisc", {{{.session = 53, .s_ifx = 5, .d_ifx = 3, .dir = 2}, EBUSY}}},
       {"beside it", {{{.session = 53, .s_ifx = 5, .d_ifx = 3, .dir = 1}, 0}}},

@@ -273,7 +273,7 @@ struct world {
     made.index = index;
     made.name = name;
     made.mtu = 1500;
-    made.is_up = true;
+    made.is_up = made.has_carrier = true;
     return made;
   }
 

@@ -185,4 +185,59 @@ TEST_F(copies, of_every_tenth) {
   EXPECT_EQ(0U, frames.of(0).doubled);
 }
 
+// What lspanctl counts is what came to the analysers, whatever became of the filters meanwhile.
+TEST_F(copies, are_counted) {
+  const member one{.session = 1, .s_ifx = 1, .d_ifx = 5, .dir = both};
+  const member grouped{.session = 7, .s_ifx = 1, .d_ifx = group_target(7), .dir = rx, .module = 5};
+  struct row {
+    const char *what;
+    std::function<void()> change;
+    size_t targets;  // of the group then
+  };
+  const row rows[] = {
+      {"begun", [&] { net.set(one), net.join(4, 7), net.set(grouped); }, 1},
+      {"the program is killed", [&] { net.program.stop(), net.start(); }, 1},
+      {"another filter in its place",
+       [&] {
+         net.set({1, 1, 5, both, 0, 0, 0, 0, 1, 1});
+       },
+       1},
+      {"a target joins", [&] { net.join(6, 7); }, 2},
+      {"the first target leaves", [&] { net.leave(4); }, 1},
+      {"others delete the filters", [] { shell("tc filter del dev ge1 ingress && tc qdisc del dev ge1 clsact"); }, 1},
+      {"the source is made again",
+       [] {
+         shell("ip link del ge1");
+         make_port("ge1");
+         shell("ip link set ge1 master sw");
+       },
+       1},
+  };
+  std::vector<std::string> frames;
+  size_t bytes = 0;
+  for (uint32_t i = 0; i < 40; ++i) frames.push_back(frame({.size = i % 2 == 0 ? 64U : 1514U}, i));
+  for (const std::string &each : frames) bytes += each.size();
+  size_t n_one = 0, n_grouped = 0;  // times that all frames were copied
+  for (const row &now : rows) {
+    SCOPED_TRACE(now.what);
+    now.change();
+    net.settle();
+    net.expect_code(grouped, 0);
+    tap analyser("ge5-w", true);
+    for (const char *from : {"ge1-w", "ge1"}) {
+      tap(from, true).send(frames);
+      EXPECT_TRUE(frames == analyser.received(frames.size())) << from;
+    }
+    n_one += 2, n_grouped += now.targets;
+    const std::string counted =
+        shell(LSPANCTL_PROGRAM " session show --counters --json --platform-file " + net.box.folder() +
+              "/etc/ko_platform/platform.json | grep -E '\"(packets|bytes)\"'");
+    std::string expected;
+    for (const size_t n : {n_one, n_grouped})
+      expected += "    \"packets\": " + std::to_string(n * frames.size()) +
+                  ",\n    \"bytes\": " + std::to_string(n * bytes) + "\n";
+    EXPECT_EQ(expected, counted);
+  }
+}
+
 }  // namespace

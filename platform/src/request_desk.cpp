@@ -41,6 +41,7 @@ void request_desk::take(std::string_view payload) {
   const std::string name = text_of(request, "request");
   const auto known = handlers_.find(name);
   if (known == handlers_.end()) return refuse(reply, "unknown request \"" + name + "\"");
+  if (before) before();
   known->second(reply);
 }
 
@@ -61,6 +62,10 @@ void register_request(vx_global &context, const std::string &name, request_handl
       desk.refuse(reply, error.what());
     }
   });
+}
+
+void before_requests(vx_global &context, std::function<void()> finish) {
+  context_of(&context).requests.before = std::move(finish);
 }
 
 }  // namespace ko_platform

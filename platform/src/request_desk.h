@@ -19,6 +19,9 @@ class request_desk {
   void answer(const std::string &reply, const std::string &json) const;
   void refuse(const std::string &reply, const std::string &why) const;
 
+  // Called before a request is handed to its handler; empty: nothing.
+  std::function<void()> before;
+
   uint64_t malformed() const { return malformed_; }  // requests that cannot be answered
 
   // How the store publishes; empty without a store.

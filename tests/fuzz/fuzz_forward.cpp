@@ -80,6 +80,7 @@ surroundings any_surroundings(fuzz::bytes &input) {
     at.name = name;
     at.mtu = how % 3 == 0 ? 1500 : 1400;
     at.is_up = how % 5 != 0;
+    at.has_carrier = how % 7 != 0;
     at.is_switched = how > 250;
     at.bridge = how % 4 == 0 ? 6 : 0;
     at.untagged_vlan = how;

@@ -22,4 +22,7 @@ using request_handler = std::function<std::string()>;
 // lives; replaces an earlier handler of that name.
 void register_request(vx_global &context, const std::string &name, request_handler handler);
 
+// Calls `finish` before each request is answered: for a program that carries out later what it was told by the store.
+void before_requests(vx_global &context, std::function<void()> finish);
+
 }  // namespace ko_platform
