@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <iostream>
 #include <random>
+#include <sstream>
 
+#include "cli.h"
 #include "sandbox.h"
 
 namespace {
@@ -52,15 +54,34 @@ class sentinels : public ::testing::Test {
       const std::string file = box.folder() + "/sentinel" + std::to_string(i);
       write_file(file, "port " + ports_[count + i] + "\nbind 127.0.0.1\nunixsocket " + file + ".sock\ndir " +
                            box.folder() + "\nsentinel monitor switch 127.0.0.1 " + ports_[0] +
-                           " 2\nsentinel down-after-milliseconds switch 500\nsentinel failover-timeout switch 3000\n");
+                           " 2\nsentinel down-after-milliseconds switch 500\nsentinel failover-timeout switch 3000\n" +
+                           "user watcher on >w -@all +sentinel|get-master-addr-by-name resetchannels (+subscribe "
+                           "&+switch-master)\n");
       watchers_[i].start({"redis-server", file, "--sentinel"}, file + ".log");
     }
     eventually([&] { return all_know(count - 1, count - 1); }, "that the sentinels know each other and the replicas");
     follow();
-    box.platform_file(R"({"store":{"sentinels":["127.0.0.1:)" + ports_[3] + R"(","127.0.0.1:)" + ports_[4] +
-                      R"(","127.0.0.1:)" + ports_[5] + R"("],"master":"switch"},"log":{"file":")" + box.folder() +
-                      R"(/log"}})");
+    box.platform_file(settings("switch", "w"));
     box.start_daemon();
+  }
+
+  std::string settings(const std::string &master, const std::string &password) const {
+    return R"({"store":{"sentinels":["127.0.0.1:)" + ports_[3] + R"(","127.0.0.1:)" + ports_[4] + R"(","127.0.0.1:)" +
+           ports_[5] + R"("],"master":")" + master + R"(","sentinel_user":"watcher","sentinel_password":")" + password +
+           R"("},"log":{"file":")" + box.folder() + R"(/log"}})";
+  }
+
+  // What the tool says; ports as they are counted here.
+  std::string tool(const std::string &file, const std::string &line) const {
+    std::ostringstream out;
+    std::vector<std::string> arguments{"--platform-file", file, "--timeout", "1"};
+    for (const std::string &word : split(line)) arguments.push_back(word);
+    lspanctl::run(arguments, out, out, false);
+    std::string text = out.str();
+    for (size_t i = 0; i < ports_.size(); ++i)
+      for (size_t at = 0; (at = text.find(ports_[i], at)) != std::string::npos;)
+        text.replace(at, ports_[i].size(), "P" + std::to_string(i));
+    return text;
   }
 
   void start_server(size_t i) {
@@ -187,6 +208,45 @@ TEST_F(sentinels, all_gone) {
   ASSERT_TRUE(box.settle());
   expect_fresh();
   for (process &each : watchers_) each.signal(SIGCONT);
+}
+
+// Whatever the sentinels say, the tool's answer comes within its time, and tells what to do.
+TEST_F(sentinels, the_tool_asks_them) {
+  const std::string right = box.folder() + "/right", wrong = box.folder() + "/wrong", other = box.folder() + "/other";
+  write_file(right, settings("switch", "w"));
+  write_file(wrong, settings("switch", "wrong"));
+  write_file(other, settings("other", "w"));
+  const auto all_say = [](const std::string &why) {
+    return ": 127.0.0.1:P3 (" + why + "), 127.0.0.1:P4 (" + why + "), 127.0.0.1:P5 (" + why + "); ";
+  };
+  ASSERT_TRUE(box.settle());
+  watchers_[0].signal(SIGSTOP);
+  EXPECT_EQ(tool(right, "session add 1 --source 1 --target 2"), "added session 1, 1 -> 2, both\n");
+  EXPECT_TRUE(box.settle());
+  expect_fresh();
+  watchers_[0].signal(SIGCONT);
+  EXPECT_EQ(tool(other, "check"), "lspanctl: no sentinel tells where the master \"other\" is" +
+                                      all_say("it knows no such master") + "correct \"master\" in the platform file\n");
+  EXPECT_EQ(tool(wrong, "check"),
+            "lspanctl: no sentinel tells where the master \"switch\" is" +
+                all_say("WRONGPASS invalid username-password pair or user is disabled.") +
+                "correct \"sentinel_user\" and \"sentinel_password\" in the platform file, or what "
+                "the user may\n");
+  servers_[0].stop();
+  EXPECT_EQ(tool(right, "check"),
+            "lspanctl: cannot reach the store at 127.0.0.1:P0: Connection refused; the sentinels "
+            "name it: try again when they have replaced it\n");
+  wait_for_switch(0);
+  EXPECT_TRUE(box.settle());
+  EXPECT_EQ(tool(right, "check"), "all is right: 5 right, 0 missing, 0 different, 0 left over\n");
+  watchers_[0].stop();
+  for (process &each : watchers_) each.signal(SIGSTOP);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(tool(right, "check"),
+            "lspanctl: no sentinel tells where the master \"switch\" is: 127.0.0.1:P3 (Connection "
+            "refused), 127.0.0.1:P4 (no answer), 127.0.0.1:P5 (no answer); start a sentinel, "
+            "correct \"sentinels\" in the platform file, or name the server with --store\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 }
 
 }  // namespace

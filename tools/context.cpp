@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "errors.h"
+#include "master_search.h"
 #include "values.h"
 
 namespace lspanctl {
@@ -49,7 +50,10 @@ std::chrono::seconds context::patience() {
   return std::chrono::seconds(timeout ? parse_number(*timeout, "--timeout", 1, most) : usual);
 }
 
-store_client context::connect() { return {store ? parse_store(*store) : settings().store, patience()}; }
+store_client context::connect() {
+  const ko_platform::store_address address = store ? parse_store(*store) : settings().store;
+  return {address.sentinels.empty() ? address : find_master(address, patience()), patience()};
+}
 
 progress_line context::progress(const std::string &what, size_t total) {
   return {on_terminal ? &err : nullptr, what, total};

@@ -58,6 +58,8 @@ std::string unreachable_advice(int error) {
   return "start it, or name another with --store";
 }
 
+constexpr const char *not_yet_switched = "the sentinels name it: try again when they have replaced it";
+
 // Time left for poll: negative for ever.
 int milliseconds_to(const std::optional<std::chrono::steady_clock::time_point> &deadline) {
   if (!deadline) return -1;
@@ -72,16 +74,25 @@ store_client::store_client(const ko_platform::store_address &address, std::chron
       user_(address.user),
       patience_(patience),
       context_(connect(address, {patience.count(), 0})) {
+  const bool told_by_sentinel = !address.sentinels.empty();
   if (context_->err != 0) {
     const int why = errno;
-    throw store_error("cannot reach the store at " + where_ + ": " + context_->errstr + "; " + unreachable_advice(why));
+    throw store_error("cannot reach the store at " + where_ + ": " + context_->errstr + "; " +
+                      (told_by_sentinel ? not_yet_switched : unreachable_advice(why)));
   }
   redisSetTimeout(context_.get(), {patience.count(), 0});
-  if (address.password.empty()) return;
-  if (address.user.empty())
-    call({"AUTH", address.password});
-  else
+  if (!address.user.empty())
     call({"AUTH", address.user, address.password});
+  else if (!address.password.empty())
+    call({"AUTH", address.password});
+  if (told_by_sentinel) expect_master();
+}
+
+void store_client::expect_master() {
+  const reply_ptr greeting = call({"HELLO", "2"});
+  for (size_t i = 0; i + 1 < greeting->elements; i += 2)
+    if (text_of(*greeting->element[i]) == "role" && text_of(*greeting->element[i + 1]) == "master") return;
+  throw store_error("the store at " + where_ + " is not the master; " + not_yet_switched);
 }
 
 void store_client::fail_connection() const {

@@ -40,7 +40,8 @@ using transaction = std::vector<ko_store::owned_change>;
 
 class store_client {
  public:
-  // Connects and logs in. No answer within `patience` is an error. Throws store_error, as does every call.
+  // Connects and logs in; a server that sentinels have named has to be a master. No answer within `patience` is an
+  // error. Throws store_error, as does every call.
   store_client(const ko_platform::store_address &address, std::chrono::seconds patience);
 
   // Every record of the hash, as sets in no order.
@@ -74,6 +75,7 @@ class store_client {
   void append(std::span<const std::string_view> words);
   reply_ptr take();
   reply_ptr call(std::initializer_list<std::string_view> words);
+  void expect_master();
   void select(uint32_t db);
   size_t append_transaction(const transaction &all);
   std::vector<bool> take_transaction(const transaction &all, size_t replies);

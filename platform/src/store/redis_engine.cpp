@@ -37,6 +37,12 @@ void append_command(std::string &out, std::initializer_list<std::string_view> wo
   for (const std::string_view word : words) append_word(out, word);
 }
 
+// Names and values, among them the role of the server that greets.
+bool is_of_master(const redis_answer &greeting) {
+  const auto role = std::find(greeting.texts.begin(), greeting.texts.end(), "role");
+  return greeting.texts.end() - role > 1 && role[1] == "master";
+}
+
 }  // namespace
 
 redis_engine::redis_engine(vx_global &global, ko_platform::store_address address)
@@ -109,8 +115,8 @@ void redis_engine::connect() try {
   command_.clear();
   writer_logins_ = log_in();
   for (const hash_id &id : hashes_) writer_logins_ += append_select(id.db);
-  if (masters_ != nullptr) {  // the answer is looked at in its place, the last
-    append_command(command_, {"ROLE"});
+  if (masters_ != nullptr) {                   // the answer is looked at in its place, the last
+    append_command(command_, {"HELLO", "2"});  // ROLE needs a right of its own
     ++writer_logins_;
   }
   writer_named_ = program_.empty();
@@ -173,8 +179,7 @@ void redis_engine::on_login(const redis_answer &answer) {
     return;
   }
   if (!answer.errors.empty()) return broken(answer.first_error());
-  if (masters_ != nullptr && writer_logins_ == 1 && (answer.texts.empty() || answer.texts[0] != "master"))
-    return broken("it is not the master");
+  if (masters_ != nullptr && writer_logins_ == 1 && !is_of_master(answer)) return broken("it is not the master");
   --writer_logins_;
   check_up();
 }
