@@ -100,7 +100,7 @@ int main(int argc, char **argv) try {
   CLI::Option *named = app.add_option("--platform-file", platform_file, "The store, the ports and the ACLs")
                            ->type_name("FILE")
                            ->capture_default_str();
-  app.add_flag("--clear", is_clearing, "Take everything of this program's out of the kernel, and end");
+  app.add_flag("--clear", is_clearing, "Take everything of this program's out of the kernel and the store, and end");
   app.set_version_flag("--version", std::string(ko_forward::app_name) + " " + KO_VERSION);
   try {
     app.parse(argc, argv);

@@ -38,14 +38,6 @@ class changes : public testing::Test {
     ASSERT_EQ(0U, net.code(group_of_four()));
   }
 
-  // A port that was just set up loses what it is to send until the kernel has noticed its carrier, up to a second
-  // later.
-  static void await_carrier(std::initializer_list<const char *> ports) {
-    for (const std::string port : ports)
-      eventually([&] { return shell("ip link show " + port).find("state UP") != std::string::npos; },
-                 "carrier at " + port);
-  }
-
   // Frames of VLAN 5 on ge1 while `what` happens: each comes to ge6 and ge4 exactly once.
   void under_traffic(const std::function<void()> &what) {
     await_carrier({"ge1-w", "ge1", "ge6", "ge4"});

@@ -34,10 +34,15 @@ TEST(what_the_tests_see, losses_and_doubles) {
   EXPECT_TRUE(kernel.heard().empty());
 
   traffic wrong(wire, port, {&analyser});
-  shell("tc filter del dev ge1 ingress && sleep 0.01 && tc " + place + handle + mirror);
+  const auto change = [&wrong](const std::string &command) {
+    shell(command);
+    for (const uint32_t seen = wrong.sent(); wrong.sent() < seen + 3 * traffic::burst;)
+      std::this_thread::sleep_for(1ms);
+  };
+  change("tc filter del dev ge1 ingress");
+  change("tc " + place + handle + mirror);
   const uint32_t before = wrong.sent();
-  shell("tc " + place + mirror);
-  std::this_thread::sleep_for(10ms);
+  change("tc " + place + mirror);
   wrong.stop();
   EXPECT_GT(wrong.of(0).lost, 0U);
   EXPECT_GT(wrong.of(0).doubled, 0U);

@@ -23,13 +23,14 @@ forwarding::forwarding(const std::string &more, const std::string &more_ports) {
   box.start_server();
   connect();
   std::string ports = R"("ge9":{"ifx":9,"phyid":109})" + more_ports;
-  shell("ip link add sw type bridge && ip link set sw up");
+  shell("ip link add sw type bridge mcast_snooping 0 && ip link set sw up");  // it sends no frames of its own then
   for (int i = 1; i <= 6; ++i) {
     const std::string name = "ge" + std::to_string(i);
     make_port(name);
     if (i < 6) shell("ip link set " + name + " master sw");
     ports += ",\"" + name + "\":{\"ifx\":" + std::to_string(i) + ",\"phyid\":" + std::to_string(100 + i) + "}";
   }
+  await_carrier({"ge1", "ge2", "ge3", "ge4", "ge5", "ge6"});
   box.platform_file(R"({"store":{"socket":")" + box.socket() + R"("},"log":{"file":")" + box.folder() +
                     R"(/log"},"ports":{)" + ports + "}" + more + "}");
   box.start_daemon();

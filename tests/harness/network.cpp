@@ -107,6 +107,12 @@ void make_port(const std::string &name) {
         " up && ip link set " + name + "-w up");
 }
 
+void await_carrier(std::initializer_list<const char *> ports) {
+  for (const std::string port : ports)
+    eventually([&] { return shell("ip link show " + port).find("state UP") != std::string::npos; },
+               "carrier at " + port);
+}
+
 // ---- frames ----
 
 std::string frame(const shape &of, uint32_t number) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -24,6 +25,8 @@ std::string enter_network();
 std::string shell(const std::string &command);
 // Port NAME and the other end of its cable, NAME-w; both are up. `ip link del group 9` takes all ports away.
 void make_port(const std::string &name);
+// A port that was just set up loses what it is to send until the kernel has noticed its carrier, up to a second later.
+void await_carrier(std::initializer_list<const char *> ports);
 
 // ---- frames ----
 

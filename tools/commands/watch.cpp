@@ -1,5 +1,6 @@
 // lspanctl watch: changes as they happen. It holds a copy of what it watches, which tells what a change changed.
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <ostream>
 #include <set>
@@ -42,6 +43,9 @@ class condition {
     std::istringstream words(text);
     for (std::string word; words >> word;) words_.push_back(word);
     if (words_.empty()) throw usage_error("--until: give words such as \"deleted span_dst_info session_id=3\"");
+    for (const std::string &word : words_)
+      if (word.find('=') == std::string::npos && !is_known(word))
+        throw usage_error("--until: " + printable(word) + " is neither a kind of change, nor a message or database");
   }
 
   bool agrees(const record_kind &kind, const event &what) const {
@@ -53,6 +57,16 @@ class condition {
   }
 
  private:
+  static bool is_known(const std::string &word) {
+    constexpr std::string_view changes[] = {"added", "changed", "same", "deleted", "absent", "request", "unreadable"};
+    const std::span<const record_kind> kinds = record_kinds();
+    return std::find(std::begin(changes), std::end(changes), word) != std::end(changes) ||
+           std::any_of(kinds.begin(), kinds.end(), [&word](const record_kind &kind) {
+             return word == db_name(kind.hash.db) || word == short_name(*kind.hash.type) ||
+                    word == kind.hash.type->name;
+           });
+  }
+
   std::vector<std::string> words_;
 };
 
