@@ -14,6 +14,12 @@ constexpr uint32_t most_direction = 3;
 
 std::string session_text(const member &what) { return "session " + std::to_string(what.key.session); }
 
+// Of two members of one session: whether they differ in their directions only, and these have one in common.
+bool copies_the_same(const member &one, const member &other) {
+  return one.key.dir != other.key.dir && (one.key.dir & other.key.dir) != 0 && one.key.s_ifx == other.key.s_ifx &&
+         one.key.acl_id == other.key.acl_id && one.apply_type == other.apply_type && one.vlan_map == other.vlan_map;
+}
+
 }  // namespace
 
 objections::objections(const std::vector<member> &members, const std::map<uint32_t, uint32_t> &groups,
@@ -57,10 +63,14 @@ std::string objections::to_contents(const member &what) const {
 // The daemon keeps one target for a session, and one record for a source whoever owns it.
 std::string objections::to_neighbours(const member &what) const {
   const auto others = of_session_.find(what.key.session);
-  for (const member *other : others == of_session_.end() ? std::vector<const member *>() : others->second)
+  for (const member *other : others == of_session_.end() ? std::vector<const member *>() : others->second) {
     if (other->key.d_ifx != what.key.d_ifx)
       return session_text(what) + " has the target " + ports_.target_text(other->key.d_ifx, other->targets_group()) +
              " already and can have only one; give this member another session";
+    if (copies_the_same(*other, what))
+      return "its " + direction_text(other->key.dir) +
+             " member copies the same frames, which would come twice; delete that one";
+  }
   const auto same = of_source_.find({what.key.session, what.key.s_ifx, what.key.dir, what.key.acl_id});
   for (const member *other : same == of_source_.end() ? std::vector<const member *>() : same->second)
     if (other->key.owner != what.key.owner)
