@@ -190,6 +190,20 @@ TEST_F(copies, of_every_tenth) {
   EXPECT_EQ(0U, frames.of(0).doubled);
 }
 
+// A request is answered behind the results of what was announced before it, also when both come at once.
+TEST_F(copies, are_answered_before_requests) {
+  net.settle();
+  client announced(net.box.socket());
+  net.program.signal(SIGSTOP);
+  net.set({.session = 1, .s_ifx = 1, .d_ifx = 5});
+  net.box.settle();
+  for (const char *channel : {"8:u_monitor.mirror_result_info", "ko_reply.test"}) announced.run({"SUBSCRIBE", channel});
+  net.ask({"PUBLISH", "ko_lspan_fwd.request", R"({"request":"status","reply":"ko_reply.test"})"});
+  net.program.signal(SIGCONT);
+  EXPECT_EQ('+', announced.next()[0]);
+  EXPECT_EQ('{', announced.next()[0]);
+}
+
 // What lspanctl counts is what came to the analysers, whatever became of the filters meanwhile.
 TEST_F(copies, are_counted) {
   const member one{.session = 1, .s_ifx = 1, .d_ifx = 5, .dir = both};
