@@ -47,10 +47,10 @@ TEST_F(Span, MirrorTargetWithoutMemory) {
     new_fails_in = k;
     const int32_t status = ko_span_db_set_mtp_info(targets, &info, 0);
     if (std::exchange(new_fails_in, 0) != 0) {
-      EXPECT_TRUE(k > 2 && status == 0 && ko_span_target_find(false, 0) != nullptr);
+      EXPECT_TRUE(k > 2 && status == 0 && ko_span_target_find({false, 0}) != nullptr);
       break;
     }
-    EXPECT_TRUE(status == -2 && targets->next == targets && ko_span_target_find(false, 0) == nullptr) << k;
+    EXPECT_TRUE(status == -2 && targets->next == targets && ko_span_target_find({false, 0}) == nullptr) << k;
     EXPECT_EQ(lines{"error ko_span_db_set_mtp_info: add mtp info failed."}, recording::trace());
   }
 }
@@ -59,10 +59,10 @@ TEST_F(Span, MirrorTargetWithoutMemory) {
 TEST_F(Span, SessionsThatWereForgottenAreNotFound) {
   span_info info = {};
   for (info.d_ifx = 8; info.d_ifx < 10; ++info.d_ifx) ko_span_db_save_info(&lspan_global.session_list, &info);
-  EXPECT_NE(nullptr, ko_span_target_find(false, 9));
+  EXPECT_NE(nullptr, ko_span_target_find({false, 9}));
   const mirror_link before = lspan_global.session_list;
   lspan_global_init(lspan_global.zlog_category, 1);
-  EXPECT_EQ(nullptr, ko_span_target_find(false, 9));
+  EXPECT_EQ(nullptr, ko_span_target_find({false, 9}));
   lspan_global.session_list = before;
 }
 
@@ -180,7 +180,7 @@ TEST(OutgrbTableDeathTest, BehavesLikeAMap) {
 TEST_F(Span, GroupUpdateKeepsTheMembers) {
   mtp_info first = {}, second = {};
   mirror_link no_list = {&no_list, &no_list};
-  ASSERT_TRUE(ko_span_target_add(&no_list, &first) == 0 && ko_span_target_add(&no_list, &second) == 0);
+  ASSERT_TRUE(ko_span_target_add(&no_list, &first, {}) == 0 && ko_span_target_add(&no_list, &second, {}) == 0);
   driver::group_event(4, 7, false);
   outgrb_group_info record{7, {}, &first, nullptr, nullptr};
   outgrb_group_info *group = nullptr;

@@ -22,9 +22,9 @@ outgrb_group_info *find_group(uint32_t d_phyid) {
 }
 
 // An entry of the list that is in the table of targets, too, or null.
-mtp_info *add_entry(mirror_link *mtp_list) {
+mtp_info *add_entry(mirror_link *mtp_list, span_target target) {
   mtp_info *entry = mirror_list_add_mtp_info(mtp_list);
-  if (entry == nullptr || ko_span_target_add(mtp_list, entry) == 0) return entry;
+  if (entry == nullptr || ko_span_target_add(mtp_list, entry, target) == 0) return entry;
   mirror_list_del(&entry->link);
   free(entry);
   return nullptr;
@@ -129,7 +129,12 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
     remove_entry(entry, d_phyid);
     return 0;
   }
-  if (entry == nullptr) entry = add_entry(mtp_list);
+  const bool to_group = ko_span_targets_group(info);
+  const span_target target = {to_group, to_group ? ko_span_group_id(info->d_ifx) : info->d_ifx};
+  if (entry == nullptr)
+    entry = add_entry(mtp_list, target);
+  else
+    ko_span_target_set(entry, target);
   if (entry == nullptr) {
     LSPAN_ERROR("add mtp info failed.");
     return ko_status_no_memory;
@@ -139,8 +144,6 @@ int32_t ko_span_db_set_mtp_info(mirror_link *mtp_list, const span_info *info, ui
   entry->d_phyid = d_phyid;
   entry->role = idl_role_trans_to_local(info->role);
   entry->module_type = info->module_type;
-  const bool to_group = ko_span_targets_group(info);
-  ko_span_target_set(entry, to_group, to_group ? ko_span_group_id(info->d_ifx) : info->d_ifx);
   outgrb_group_info *group = to_group ? find_group(d_phyid) : nullptr;
   if (group != nullptr) {
     LSPAN_DEBUG("======find outflow-group'info ========");

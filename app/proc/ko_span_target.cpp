@@ -1,4 +1,4 @@
-// The table of mirror targets: one record per entry, found by the entry's address, and an ordered set of the records.
+// The table of mirror targets: an ordered set of records, one per entry, and their places in it by the entry's address.
 #include "proc/ko_span_target.h"
 
 #include <new>
@@ -16,28 +16,31 @@ namespace {
 
 struct target_record {
   mtp_info *entry;
-  bool to_group;              // the entry targets a group, else an interface
-  uint32_t number;            // group id or interface index
-  uint64_t place;             // orders the sessions as the session list does; 0: the session is in another list
-  outgrb_group_info *groups;  // first of the groups that name the entry, or null
+  span_target target;
+  mutable uint64_t place;             // orders the sessions as the session list does; 0: the session is in another list
+  mutable outgrb_group_info *groups;  // first of the groups that name the entry, or null
 };
 
 struct comes_before {
-  bool operator()(const target_record *one, const target_record *other) const {
-    return std::tie(one->to_group, one->number, one->place) < std::tie(other->to_group, other->number, other->place);
+  bool operator()(const target_record &one, const target_record &other) const {
+    return std::tie(one.target.is_group, one.target.number, one.place) <
+           std::tie(other.target.is_group, other.target.number, other.place);
   }
 };
 
-std::unordered_map<const mtp_info *, target_record> records;  // of all entries
-std::set<target_record *, comes_before> by_target;            // records of entries in the session list
-uint64_t last_place;                                          // the highest place in use
+using target_set = std::multiset<target_record, comes_before>;  // those of another list may be equal
 
-target_record *find_record(const mtp_info *target) {
-  const auto found = records.find(target);
-  return found != records.end() ? &found->second : nullptr;
+target_set by_target;
+std::unordered_map<const mtp_info *, target_set::const_iterator> by_entry;
+uint64_t last_place;  // the highest place in use
+
+const target_record *find_record(const mtp_info *entry) {
+  const auto found = by_entry.find(entry);
+  return found != by_entry.end() ? &*found->second : nullptr;
 }
 
-// Numbers the session list anew. Returns the place of the session that owns `mtp_list`, 0: none does.
+// Numbers the session list anew, which leaves the records' order as it is. Returns the place of the session that owns
+// `mtp_list`, 0: none does.
 uint64_t number_sessions(const mirror_link *mtp_list) {
   uint64_t place = 0;
   last_place = 0;
@@ -46,7 +49,7 @@ uint64_t number_sessions(const mirror_link *mtp_list) {
     mirror_link *targets = &ko_list_entry<mirror_info>(at)->mtp_list;
     ++last_place;
     if (targets == mtp_list) place = last_place;
-    if (target_record *record = find_record(ko_list_entry<mtp_info>(targets->next)); record != nullptr)
+    if (const target_record *record = find_record(ko_list_entry<mtp_info>(targets->next)); record != nullptr)
       record->place = last_place;
   }
   return place;
@@ -70,58 +73,55 @@ void remove_left_over() {
   const mirror_link *targets = is_empty ? nullptr : &ko_list_entry<mirror_info>(sessions->next)->mtp_list;
   const target_record *only = is_empty ? nullptr : find_record(ko_list_entry<mtp_info>(targets->next));
   for (auto at = by_target.begin(); at != by_target.end();)
-    if (const target_record *record = *at++; record != only) ko_span_target_remove(record->entry);
+    if (const target_record &record = *at++; record.place != 0 && &record != only) ko_span_target_remove(record.entry);
 }
 
 }  // namespace
 
-int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target) {
-  ko_span_target_remove(target);  // left over from an entry that had this address
+int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *entry, span_target target) {
+  ko_span_target_remove(entry);  // left over from an entry that had this address
   remove_left_over();
+  const uint64_t place = place_of(mtp_list);
   try {
-    target_record *record = &records.emplace(target, target_record{target, false, 0, 0, nullptr}).first->second;
-    record->place = place_of(mtp_list);
-    if (record->place != 0) by_target.insert(record);
+    const auto found = by_entry.emplace(entry, by_target.end()).first;
+    found->second = by_target.insert({entry, target, place, nullptr});
     return 0;
   } catch (const std::bad_alloc &) {
-    records.erase(target);
+    by_entry.erase(entry);
     return ko_status_no_memory;
   }
 }
 
-void ko_span_target_set(const mtp_info *target, bool to_group, uint32_t number) {
-  target_record *record = find_record(target);
-  if (record == nullptr || (record->to_group == to_group && record->number == number)) return;
-  auto node = by_target.extract(record);
-  record->to_group = to_group;
-  record->number = number;
-  by_target.insert(std::move(node));
+void ko_span_target_set(const mtp_info *entry, span_target target) {
+  const auto found = by_entry.find(entry);
+  if (found == by_entry.end() || found->second->target == target) return;
+  auto node = by_target.extract(found->second);
+  node.value().target = target;
+  found->second = by_target.insert(std::move(node));
 }
 
-void ko_span_target_remove(const mtp_info *target) {
-  target_record *record = find_record(target);
-  if (record == nullptr) return;
-  while (record->groups != nullptr) ko_span_target_name(record->groups, nullptr);
-  by_target.erase(record);
-  records.erase(target);
+void ko_span_target_remove(const mtp_info *entry) {
+  const auto found = by_entry.find(entry);
+  if (found == by_entry.end()) return;
+  while (found->second->groups != nullptr) ko_span_target_name(found->second->groups, nullptr);
+  by_target.erase(found->second);
+  by_entry.erase(found);
 }
 
-mtp_info *ko_span_target_find(bool to_group, uint32_t number) {
+mtp_info *ko_span_target_find(span_target target) {
   remove_left_over();
-  target_record first = {nullptr, to_group, number, 0, nullptr};
-  const auto found = by_target.lower_bound(&first);
-  if (found == by_target.end() || (*found)->to_group != to_group || (*found)->number != number) return nullptr;
-  return (*found)->entry;
+  const auto found = by_target.lower_bound({nullptr, target, 1, nullptr});
+  return found != by_target.end() && found->target == target ? found->entry : nullptr;
 }
 
-void ko_span_target_name(outgrb_group_info *group, mtp_info *target) {
-  if (group->mtp_info == target) return;
+void ko_span_target_name(outgrb_group_info *group, mtp_info *entry) {
+  if (group->mtp_info == entry) return;
   if (group->named_at != nullptr) *group->named_at = group->next_named;
   if (group->next_named != nullptr) group->next_named->named_at = group->named_at;
-  group->mtp_info = target;
+  group->mtp_info = entry;
   group->named_at = nullptr;
   group->next_named = nullptr;
-  target_record *record = find_record(target);
+  const target_record *record = find_record(entry);
   if (record == nullptr) return;
   group->named_at = &record->groups;
   group->next_named = record->groups;

@@ -9,19 +9,25 @@
 
 struct outgrb_group_info;
 
-// Adds a new entry of a session's `mtp_list`; it targets interface 0 until ko_span_target_set is called. Returns 0, or
-// ko_status_no_memory with the table unchanged.
-int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *target);
+struct span_target {
+  bool is_group;    // else an interface
+  uint32_t number;  // group id or interface index
 
-// Records that the entry targets group `number`, or interface `number`.
-void ko_span_target_set(const mtp_info *target, bool to_group, uint32_t number);
+  bool operator==(const span_target &) const = default;
+};
+
+// Adds a new entry of a session's `mtp_list`. Returns 0, or ko_status_no_memory with the table unchanged.
+int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *entry, span_target target);
+
+// Records that the entry has another target now.
+void ko_span_target_set(const mtp_info *entry, span_target target);
 
 // Removes the entry, and clears the pointer of every group that points at it. Call it before the entry is freed: an
 // entry that moved from one group to another can still have the first group's pointer.
-void ko_span_target_remove(const mtp_info *target);
+void ko_span_target_remove(const mtp_info *entry);
 
-// The first entry, in session-list order, that targets group `number` or interface `number`; null when none does.
-mtp_info *ko_span_target_find(bool to_group, uint32_t number);
+// The first entry, in session-list order, with that target; null when there is none.
+mtp_info *ko_span_target_find(span_target target);
 
 // Points the group's `mtp_info` at an entry of the table, or at none (null).
-void ko_span_target_name(outgrb_group_info *group, mtp_info *target);
+void ko_span_target_name(outgrb_group_info *group, mtp_info *entry);

@@ -172,7 +172,7 @@ const mtp_info *first_target(uint32_t group_id) {
 }
 
 std::string broken_group(uint32_t group_id, const group_model &model, const std::set<const mtp_info *> &targets) {
-  if (ko_span_target_find(true, group_id) != first_target(group_id)) return "not the first target is found";
+  if (ko_span_target_find({true, group_id}) != first_target(group_id)) return "not the first target is found";
   outgrb_group_info *group = find_group(group_id);
   if ((group != nullptr) != model.exists) return model.exists ? "not in the table" : "still in the table";
   if (group == nullptr) return "";

@@ -28,12 +28,12 @@ src_info *ko_lspan_search_src_info(const UMonitor__MirrorLspanInfo *lspan_info, 
 
 mtp_info *ko_lspan_mtp_info_search_by_groupid(uint32_t group_id) {
   LSPAN_DEBUG("search lspan_mtp_info by group_id:%d ", group_id);
-  return ko_span_target_find(true, group_id);
+  return ko_span_target_find({true, group_id});
 }
 
 uint32_t ko_lspan_info_search_ifx(uint32_t ifx) {
   LSPAN_DEBUG("search lspan_mtp_info by ifx %d", ifx);
-  const mtp_info *target = ko_span_target_find(false, ifx);
+  const mtp_info *target = ko_span_target_find({false, ifx});
   if (target == nullptr) return 0;
   LSPAN_DEBUG("find lspan_mtp_info by ifx %d,mtp_info 's session :%d", ifx, target->session_id);
   return 1;
