@@ -1,14 +1,15 @@
-// The index of the mirror lists: finds an entry of a list, however long the list is.
+// The index of the mirror lists: finds an entry of a list, however long the list is. The first few of a list are not in
+// it: they are found faster without.
 //
-//   one allocation per entry:   [ entry: link, fields | node ]
+//   one allocation per entry:   [ entry: link, fields | node ], or without the node
 //
 //   by key       [ ]-> node -> node      bucket = hash of (list, searched fields)      for searches
 //   by address   [ ]-> node              bucket = address of the entry                 for a removal
 //   waiting      node -> node -> node    one chain a kind of entry: not yet by key
 //
 // Each node stands in the table by address from the first moment, since a removal is given the entry alone. Its entry's
-// fields are filled by the caller after it was added, and a short list is searched without the index: so the node waits
-// until there is a search in a long list of its kind, and only then is filed by key.
+// fields are filled by the caller after it was added: so the node waits until there is a search in a long list of its
+// kind, and only then is filed by key.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 // Mirror lists: entries from the standard allocator, linked at the tail, which the caller frees. A search walks the
 // start of a list and asks the index for the rest, so that every call takes the same time however long the lists are.
+// Most sessions have a handful of members and need no index.
 #include "mirror_list.h"
 
 #include <cstdlib>
@@ -11,6 +12,10 @@ namespace {
 
 using mirror_index::hash_of;
 using mirror_index::node;
+
+// Entries of a list that a search walks; those behind them are in the index. An entry comes last in its list and only
+// moves towards the front: one that is walked when it comes needs no index ever.
+constexpr size_t walked = 4;
 
 // Entry and node come and go together; the caller frees both by the entry's address, which is the allocation's.
 template <typename Entry>
@@ -42,20 +47,27 @@ void append(mirror_link *list, mirror_link &entry) {
   list->prev = &entry;
 }
 
-template <typename Entry>
-Entry *add(mirror_link *list, mirror_index::kind kind) {
-  auto *made = static_cast<allocation<Entry> *>(std::calloc(1, sizeof(allocation<Entry>)));
-  if (made == nullptr) return nullptr;
-  append(list, made->entry.link);
-  mirror_index::add(&made->index, kind, list, &made->entry.link);
-  return &made->entry;
+bool is_long(const mirror_link *list) {
+  const mirror_link *at = list;
+  for (size_t i = 0; i < walked; ++i)
+    if ((at = at->next) == list) return false;
+  return true;
 }
 
-// Most sessions have a handful of members: where the list ends soon, walking it is all there is to do.
+template <typename Entry>
+Entry *add(mirror_link *list, mirror_index::kind kind) {
+  const bool is_indexed = is_long(list);
+  void *made = std::calloc(1, is_indexed ? sizeof(allocation<Entry>) : sizeof(Entry));
+  if (made == nullptr) return nullptr;
+  auto *entry = static_cast<Entry *>(made);
+  append(list, entry->link);
+  if (is_indexed) mirror_index::add(&static_cast<allocation<Entry> *>(made)->index, kind, list, &entry->link);
+  return entry;
+}
+
 template <typename Entry, typename Test>
 Entry *search(mirror_link *list, Test test, mirror_index::kind kind, uint64_t hash,
               uint64_t (*hash_of_entry)(const node &)) {
-  constexpr size_t walked = 4;
   mirror_link *next = list->next;
   for (size_t i = 0; i < walked && next != list; ++i, next = next->next)
     if (auto *entry = reinterpret_cast<Entry *>(next); test(*entry)) return entry;
