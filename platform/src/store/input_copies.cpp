@@ -45,12 +45,11 @@ void input_copies::begin_read() {
 void input_copies::add_read(size_t i, std::span<const change> records) {
   source &of = *sources_[i];
   std::vector<change> different;
-  for (const change &record : records) {
-    record_table::entry *known = of.copy.find(record.key);
+  of.copy.find_each(records, [&](const change &record, record_table::entry *known) {
     const bool is_same = known != nullptr && !known->has_mark(read_) && known->record() == record.record;
     if (known != nullptr) known->set_mark(read_);
     if (!is_same || of.decided_anew.contains(record.key)) different.push_back(record);
-  }
+  });
   of.read.add(different);
 }
 

@@ -97,11 +97,12 @@ int32_t registration::put(uint32_t db, const ProtobufCMessage &message, change_k
   if (!make_change(db, kind, message, written_)) return VX_MOM_MISSING;
   const change what = written_;
   const bool is_compared = outputs_.note(what);
-  if (!is_compared) outputs_.drop_pending(what);  // an older change of the key must not come later
-  if (machine_.sends(is_compared))
+  if (machine_.sends(is_compared)) {
+    if (!is_compared) outputs_.pending.drop(what);  // an older change of the key must not come later
     send(what);
-  else if (!is_compared)
-    outputs_.add_pending(what);
+  } else if (!is_compared) {
+    outputs_.pending.add(what);
+  }
   return VX_MOM_OK;
 }
 
@@ -124,7 +125,7 @@ void registration::not_written(const change &lost, std::string_view why) {
     if (doubt_delete(lost))
       machine_.inputs_in_doubt();
     else if (!outputs_.is_compared(lost))
-      outputs_.add_pending(lost);
+      outputs_.pending.add(lost);
     if (why.empty()) return;
     ++counters_.refused;
     if (report(std::string(why))) {
@@ -202,7 +203,7 @@ void registration::forget_reads() {
   waiting_.clear();
   inputs_.begin_read();
   guard("the store is away",
-        [this] { outputs_.drop_pending_if([this](const change &pending) { return doubt_delete(pending); }); });
+        [this] { outputs_.pending.drop_if([this](const change &pending) { return doubt_delete(pending); }); });
 }
 
 void registration::read_inputs() {

@@ -44,18 +44,6 @@ bool wanted_outputs::note(const change &wanted) {
   return is_compared(of, wanted.kind);
 }
 
-// ---- pending writes ----
-
-// The same for two changes of which only the later one counts.
-std::string wanted_outputs::pending_name(const change &what) {
-  const bool stored = what.kind != change_kind::publish;
-  return channel_name(what.hash).append(stored ? 1 : 2, '\0').append(stored ? what.key : what.record);
-}
-
-void wanted_outputs::drop_pending(const change &what) {
-  if (!pending_.empty()) pending_.erase(pending_name(what));
-}
-
 // ---- comparison and repair ----
 
 void wanted_outputs::begin_comparison() {
@@ -66,8 +54,7 @@ void wanted_outputs::begin_comparison() {
 
 void wanted_outputs::compare(size_t i, std::span<const change> records, const sender &send) {
   output &of = *outputs_[i];
-  for (const change &stored : records) {
-    record_table::entry *wanted = of.wanted.find(stored.key);
+  of.wanted.find_each(records, [&](const change &stored, record_table::entry *wanted) {
     if (wanted != nullptr && wanted->record() == stored.record) {
       of.matched += wanted->has_mark(comparison_) ? 0 : 1;
       wanted->set_mark(comparison_);
@@ -75,7 +62,7 @@ void wanted_outputs::compare(size_t i, std::span<const change> records, const se
       wrote_ = true;
       send({of.hash, change_kind::del, stored.key, {}});
     }
-  }
+  });
 }
 
 bool wanted_outputs::is_own(const output &of, std::string_view key) {
@@ -90,10 +77,10 @@ void wanted_outputs::begin_repair() { position_ = next_bucket_ = 0; }
 bool wanted_outputs::repair_some(const std::function<bool()> &interrupted, const sender &send) {
   for (; position_ < outputs_.size(); ++position_, next_bucket_ = 0)
     if (!repair_output(*outputs_[position_], interrupted, send)) return false;
-  for (; !pending_.empty(); pending_.erase(pending_.begin())) {
+  for (; !pending.empty(); pending.pop()) {
     if (interrupted()) return false;
     wrote_ = true;
-    send(pending_.begin()->second);
+    send(pending.first());
   }
   return true;
 }

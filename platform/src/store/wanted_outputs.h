@@ -3,7 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -12,6 +11,7 @@
 
 #include "store/arena.h"
 #include "store/change.h"
+#include "store/pending_writes.h"
 #include "store/pool.h"
 #include "store/record_table.h"
 
@@ -26,6 +26,9 @@ class wanted_outputs {
     std::string owner;  // whose records these are; empty: nobody's in particular
   };
 
+  // Writes that no comparison brings about.
+  pending_writes pending;
+
   // The outputs, numbered from 0. What was wanted in those before is forgotten; what is pending is not.
   void declare(std::span<const declaration> outputs);
   // Whether own records that are left over in the outputs are deleted. False to begin with.
@@ -35,17 +38,8 @@ class wanted_outputs {
 
   // Notes what is wanted from now on. Returns is_compared.
   bool note(const change &wanted);
-  // Whether the comparison of the outputs brings the change about; else it has to be pending until it is written.
+  // Whether the comparison of the outputs brings the change about; else it has to be pending until it is sent.
   bool is_compared(const change &wanted) const;
-
-  // Of a key (or of a message that is published) only the last change is pending.
-  void add_pending(const change &what) { pending_.insert_or_assign(pending_name(what), copy_of(what)); }
-  void drop_pending(const change &what);
-  // Drops those that `is_taken` says true of.
-  template <class Taken>
-  void drop_pending_if(Taken is_taken) {
-    std::erase_if(pending_, [&](const auto &entry) { return is_taken(entry.second); });
-  }
 
   // A comparison: records that are stored in output `i` are compared, in any order; those that are left over are
   // deleted through `send`. Then, from the beginning, what is missing or different is sent, and what is pending, until
@@ -70,7 +64,6 @@ class wanted_outputs {
     size_t matched = 0;    // records that carry its mark; 0 when some were changed since
   };
 
-  static std::string pending_name(const change &what);
   output *output_of(const change &what) const;
   bool is_compared(const output *of, change_kind kind) const;
   bool is_own(const output &of, std::string_view key);
@@ -79,7 +72,6 @@ class wanted_outputs {
   pool pool_;
   bool own_records_ = false;
   std::vector<std::unique_ptr<output>> outputs_;
-  std::map<std::string, owned_change> pending_;
   arena arena_;
 
   uint32_t comparison_ = 0;  // number of the last one
