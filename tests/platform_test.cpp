@@ -46,7 +46,7 @@ const file_case files[] = {
     {"{\n  \"store\": {\"socket\": }\n}", ":2:23: malformed JSON"},
     {"{} x", ":1:4: malformed JSON"},
     {"[]", ": must be an object"},
-    {R"({"stor":{}})", ": unknown member \"stor\"; those that are known: acls, forward, log, ports, store"},
+    {R"({"stor":{}})", ": unknown member \"stor\"; those that are known: acls, forward, log, ports, redundancy, store"},
     {R"({"store":[]})", ": store: must be an object"},
     {R"({"store":{"socket":"/s","host":"h"}})", ": store: name either \"socket\" or \"host\", not both"},
     {R"({"store":{"socket":""}})", ": store: names neither a socket nor a host"},

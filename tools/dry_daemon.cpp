@@ -27,7 +27,9 @@ dry_daemon_observer &observer() {
 }  // namespace
 
 dry_daemon::dry_daemon(const ko_platform::config &settings, uint32_t log_level, dry_daemon_observer seen) {
-  ko_platform::use_config(settings);
+  ko_platform::config alone = settings;
+  alone.redundancy = {};  // it shares its store with nobody
+  ko_platform::use_config(std::move(alone));
   observer() = std::move(seen);
   ko_store::use_engine([this](vx_global &global) {
     auto engine = std::make_unique<ko_store::memory_engine>(global);

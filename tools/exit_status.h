@@ -9,5 +9,6 @@ inline constexpr int exit_wrong_use = 2;     // the reason is on standard error
 inline constexpr int exit_would_change = 3;  // a dry run found something to do
 inline constexpr int exit_timed_out = 4;     // what was waited for did not come in time
 inline constexpr int exit_not_accepted = 5;  // the forwarding side refused what was waited for
+inline constexpr int exit_standby = 6;       // no daemon is active; one stands by
 
 }  // namespace lspanctl

@@ -34,19 +34,33 @@ std::string away_note(store_client &store) { return is_listening(store, daemon_p
 requester::requester(context &ctx) : store_(ctx.connect()), replies_(ctx.connect()), name_(random_name()) {}
 
 answer requester::ask(const std::string &program, const std::string &request, std::chrono::milliseconds patience) {
+  answers got = ask(program, request, patience, true);
+  if (got.values.empty()) return {got.listening, {}};
+  return {true, std::move(got.values.back())};
+}
+
+requester::answers requester::ask_all(const std::string &program, const std::string &request,
+                                      std::chrono::milliseconds patience) {
+  return ask(program, request, patience, false);
+}
+
+requester::answers requester::ask(const std::string &program, const std::string &request,
+                                  std::chrono::milliseconds patience, bool is_active_enough) {
   const std::string reply = name_ + "." + std::to_string(n_asked_++);
   replies_.subscribe(reply);
-  if (store_.publish(channel_of(program), dump({{"request", request}, {"reply", reply}})) == 0) return {false, {}};
+  const size_t n = store_.publish(channel_of(program), dump({{"request", request}, {"reply", reply}}));
+  answers got{n > 0, {}};
   const auto deadline = clock::now() + patience;
   const sigset_t mask = present_mask();
-  while (clock::now() < deadline) {
+  while (got.values.size() < n && clock::now() < deadline) {
     const auto said = replies_.next(deadline, mask);
     if (!said || said->channel != reply) continue;
     json value = json::parse(said->bytes, nullptr, false);
-    if (value.is_object()) return {true, std::move(value)};
-    throw refused(program + " answers with something else than JSON; update it or lspanctl");
+    if (!value.is_object()) throw refused(program + " answers with something else than JSON; update it or lspanctl");
+    got.values.push_back(std::move(value));
+    if (is_active_enough && got.values.back().value("active", true)) break;
   }
-  return {true, {}};
+  return got;
 }
 
 json ask_or_refuse(context &ctx, const std::string &program, const std::string &request,

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "context.h"
 #include "json.h"
@@ -29,10 +30,21 @@ class requester {
  public:
   explicit requester(context &ctx);
 
-  // A program answers "status" behind everything that it writes because of what was announced before.
+  // A program answers "status" behind everything that it writes because of what was announced before. Of several, the
+  // active one is waited for; the answer of one that stands by counts when there is no other.
   answer ask(const std::string &program, const std::string &request, std::chrono::milliseconds patience);
 
+  struct answers {
+    bool listening;
+    std::vector<json> values;
+  };
+  // Waits for all of them.
+  answers ask_all(const std::string &program, const std::string &request, std::chrono::milliseconds patience);
+
  private:
+  answers ask(const std::string &program, const std::string &request, std::chrono::milliseconds patience,
+              bool is_active_enough);
+
   store_client store_;
   store_client replies_;
   std::string name_;

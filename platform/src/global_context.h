@@ -3,6 +3,7 @@
 
 #include <event2/event.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -29,6 +30,17 @@ class attachment {
   virtual void pause() {}
   virtual bool quiet() const { return true; }  // nothing is under way any more
   virtual void resume() {}                     // after a pause: goes on
+
+  // The program is about to be executed in the place of this process, or (false) could not be.
+  virtual void hand_on(bool) {}
+};
+
+// Whether this process is the active one, and who is, as far as it knows.
+struct role {
+  bool is_shared = false;  // with processes that may take over; else it is active, and nothing more is known
+  bool is_active = true;
+  std::string host;                                   // of this process
+  std::string active_host, active_pid, active_since;  // empty: nobody is known
 };
 
 struct global_context final : vx_global {
@@ -37,6 +49,8 @@ struct global_context final : vx_global {
   request_desk requests;
   std::unique_ptr<attachment> store;  // the registration with the record store, or null
   std::unique_ptr<attachment> redundancy;
+  ko_platform::role role;
+  std::function<void()> start_anew;  // executes the program again, at once; while the loop runs
 };
 
 inline global_context &context_of(vx_global *global) { return *static_cast<global_context *>(global); }

@@ -183,7 +183,7 @@ config parse_config(const std::string &text, const std::string &path) {
   } catch (const json::out_of_range &) {
     fail(path, "holds a number that is too large for anything");
   }
-  check_members(root, path, {"store", "ports", "log", "acls", "forward"});
+  check_members(root, path, {"store", "ports", "log", "acls", "forward", "redundancy"});
   if (root.contains("store")) read_store(root["store"], path, out.store);
   if (root.contains("ports")) read_ports(root["ports"], path, out);
   if (root.contains("log")) {
@@ -193,6 +193,10 @@ config parse_config(const std::string &text, const std::string &path) {
   }
   if (root.contains("acls")) read_acls(root["acls"], path, out);
   if (root.contains("forward")) read_forward(root["forward"], path, out.forward);
+  if (root.contains("redundancy")) {
+    check_members(root["redundancy"], path + ": redundancy", {"lease_seconds"});
+    read_number<uint16_t>(root["redundancy"], "lease_seconds", path + ": redundancy", 1, out.redundancy.lease_seconds);
+  }
   return out;
 }
 

@@ -5,7 +5,8 @@
 //     "ports":   { "ge1": { "ifx": 1, "phyid": 101, "device": "eth0" } },
 //     "log":     { "file": "/var/log/ko_lspan.log", "zlog_conf": "/etc/ko_platform/zlog.conf" },
 //     "acls":    { "7": "tcp port 443" },
-//     "forward": { "pref": 20, "saved_flags": "/run/ko_lspan_fwd/saved.json" }
+//     "forward": { "pref": 20, "saved_flags": "/run/ko_lspan_fwd/saved.json" },
+//     "redundancy": { "lease_seconds": 3 }
 //   }
 //
 // Every part may be left out. "store" may name "host" and "port" instead of "socket"; or, where Redis' sentinels watch
@@ -64,6 +65,11 @@ struct log_settings {
   std::string zlog_conf;  // configuration of zlog, where that is the logging library; empty: its usual place
 };
 
+// Of several processes on one store, the one that holds a lease there is active.
+struct redundancy_settings {
+  uint16_t lease_seconds = 0;  // 0: a process is active from its start
+};
+
 struct config {
   std::string path = default_config_path;  // of the file, whether it exists or not
   store_address store;
@@ -72,6 +78,7 @@ struct config {
   log_settings log;
   std::map<uint32_t, std::string> acls;  // by acl_id: which frames, as an expression of pcap-filter(7)
   forward_settings forward;
+  redundancy_settings redundancy;
 };
 
 // what() is one line: the file, the line and column where the text is malformed, and what is wrong.

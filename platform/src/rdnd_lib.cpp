@@ -1,11 +1,14 @@
-// Redundancy: a machine of its own is always the active one, so a registered process is woken once, as soon as its
-// event loop runs.
+// Redundancy: when a process is woken. Alone, it is the active one: woken once, as soon as its event loop runs. With a
+// lease it stands by until it holds that; then it is woken once, too, and when it has lost the lease it starts anew.
 #include "rdnd_lib.h"
 
 #include <new>
 
 #include "global_context.h"
+#include "lease_service.h"
+#include "platform_config.h"
 #include "platform_log.h"
+#include "store/registration.h"
 
 namespace {
 
@@ -24,10 +27,7 @@ class wake_up final : public ko_platform::attachment {
  private:
   static void fire(evutil_socket_t, short, void *self) {
     auto &wake = *static_cast<wake_up *>(self);
-    const int32_t status = wake.awake_(nullptr);
-    if (status == 0) return;
-    PLATFORM_ERROR("the wake-up failed with status %d; nothing is left to do, the event loop ends", status);
-    event_base_loopbreak(wake.base_);
+    ko_platform::call_awake(wake.base_, wake.awake_);
   }
 
   event_base *base_;
@@ -40,10 +40,20 @@ class wake_up final : public ko_platform::attachment {
 int32_t rdnd_lib_mom_reg(const rdnd_mom_reg_info *info) try {
   if (info == nullptr || info->global == nullptr || info->awake == nullptr) return -4;
   ko_platform::global_context &context = ko_platform::context_of(info->global);
+  const ko_platform::config &settings = ko_platform::process_config();
+  if (settings.redundancy.lease_seconds > 0) {
+    ko_store::registration *store = ko_store::registration_of(info->global);
+    if (store == nullptr || info->awake_peer == nullptr) return -4;
+    context.redundancy = std::make_unique<ko_platform::lease_service>(context, *store, *info, settings);
+    return 0;
+  }
   auto wake = std::make_unique<wake_up>(context.base.get(), info->awake);
   if (!wake->schedule()) return -2;
   context.redundancy = std::move(wake);
   return 0;
+} catch (const ko_platform::config_error &error) {
+  PLATFORM_ERROR("%s", error.what());
+  return -4;
 } catch (const std::bad_alloc &) {
   return -2;
 }

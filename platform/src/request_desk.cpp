@@ -39,6 +39,8 @@ void request_desk::take(std::string_view payload) {
     return;
   }
   const std::string name = text_of(request, "request");
+  if (stands_by && name != "status")
+    return answer(reply, R"({"active":false,"error":"this process stands by for the active one"})");
   const auto known = handlers_.find(name);
   if (known == handlers_.end()) return refuse(reply, "unknown request \"" + name + "\"");
   if (before) before();

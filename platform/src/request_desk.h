@@ -24,6 +24,9 @@ class request_desk {
 
   uint64_t malformed() const { return malformed_; }  // requests that cannot be answered
 
+  // Whether another process is the one that acts on requests; this one answers who it is, and that.
+  bool stands_by = false;
+
   // How the store publishes; empty without a store.
   std::function<void(std::string_view channel, std::string_view text)> publish;
 

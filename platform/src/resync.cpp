@@ -74,6 +74,7 @@ resync::resync(global_context &context) : context_(context), program_(std::files
   poll_.reset(event_new(
       base, -1, EV_PERSIST, [](evutil_socket_t, short, void *self) { static_cast<resync *>(self)->look(); }, this));
   if (signal_ == nullptr || poll_ == nullptr || event_add(signal_.get(), nullptr) != 0) throw std::bad_alloc();
+  context.start_anew = [this] { start_anew(); };
   context.requests.add("resync", [this](const std::string &reply) { ask(reply); });
   take_over_replies();
   block_hangup(false);
@@ -117,6 +118,12 @@ void resync::look() {
   if (quiet || clock::now() >= latest_) event_base_loopbreak(context_.base.get());
 }
 
+void resync::start_anew() {
+  replies_.clear();
+  due_ = is_anew_ = true;
+  event_base_loopbreak(context_.base.get());
+}
+
 // ---- carried out ----
 
 bool resync::carry_out() {
@@ -125,10 +132,16 @@ bool resync::carry_out() {
   event_del(poll_.get());
   tell_reloading();
   block_hangup(true);
+  if (context_.redundancy != nullptr) context_.redundancy->hand_on(true);
   execute();
   const int error = errno;
   unsetenv(replies_variable);
+  if (context_.redundancy != nullptr) context_.redundancy->hand_on(false);
   block_hangup(false);
+  if (is_anew_) {
+    PLATFORM_ERROR("%s cannot be executed: %s; the process ends", program_.c_str(), std::strerror(error));
+    return false;
+  }
   tell_ready();
   give_up(program_ + " cannot be executed: " + std::strerror(error));
   if (context_.store != nullptr) context_.store->resume();

@@ -23,8 +23,12 @@ class resync {
   // is empty.
   void ask(const std::string &reply);
 
-  // To be called when the loop has ended. Returns only when no resync was asked for (false), or when the program could
-  // not be executed: everything goes on as it was, and the loop has to run again (true).
+  // Ends the event loop at once, whatever is under way. Nobody is answered.
+  void start_anew();
+
+  // To be called when the loop has ended. Returns only when nothing was asked for, or when the program could not be
+  // executed. Then true says that everything goes on as it was, and the loop has to run again; false that the process
+  // ends: it cannot go on after start_anew.
   bool carry_out();
 
  private:
@@ -40,6 +44,7 @@ class resync {
   global_context &context_;
   std::string program_;  // path of the executable file, as it was when the process started
   bool due_ = false;
+  bool is_anew_ = false;              // start_anew asked for it
   std::vector<std::string> replies_;  // channels of those who asked
   clock::time_point latest_;          // when what is under way is not waited for any more
   event_ptr signal_;

@@ -20,8 +20,9 @@ using json = nlohmann::ordered_json;
 
 constexpr std::chrono::microseconds longest_interval = 2s;  // between two looks at what the service manager is told
 
-// ISO 8601 in local time with its offset; empty for the beginning of time.
-std::string to_text(std::chrono::system_clock::time_point when) {
+}  // namespace
+
+std::string time_text(std::chrono::system_clock::time_point when) {
   if (when == std::chrono::system_clock::time_point()) return {};
   const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
   std::tm local{};
@@ -30,8 +31,6 @@ std::string to_text(std::chrono::system_clock::time_point when) {
   std::string out(text, std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S%z", &local));
   return out.insert(out.size() - 2, ":");  // of the offset
 }
-
-}  // namespace
 
 status::status(global_context &context) : context_(context) {
   register_request(context, "status", [this] { return answer(); });
@@ -49,14 +48,15 @@ std::string status::answer() const {
   const ko_store::registration *store = ko_store::registration_of(&context_);
   const ko_store::counters counts = store == nullptr ? ko_store::counters{} : store->counts();
   const noted_error &error = last_error();
-  const json out{
+  const role &role = context_.role;
+  json out{
       {"program", store == nullptr ? context_.proc_name : store->app_name()},
       {"pid", getpid()},
       {"version", KO_VERSION},
-      {"since", to_text(since_)},
+      {"since", time_text(since_)},
       {"connected", store != nullptr && store->connected()},
-      {"connected_since", store == nullptr ? "" : to_text(store->connected_since())},
-      {"state", store == nullptr ? "starting" : store->state_name()},
+      {"connected_since", store == nullptr ? "" : time_text(store->connected_since())},
+      {"state", state()},
       {"events", counts.events},
       {"handler_failures", counts.handler_failures},
       {"rejected", counts.rejected + context_.requests.malformed()},
@@ -64,10 +64,29 @@ std::string status::answer() const {
       {"refused", counts.refused},
       {"reads", counts.reads},
       {"last_error", error.text},
-      {"last_error_at", to_text(error.at)},
-      {"active", true},
+      {"last_error_at", time_text(error.at)},
+      {"active", role.is_active},
   };
+  if (role.is_shared)
+    out.update({{"host", role.host},
+                {"active_host", role.active_host},
+                {"active_pid", role.active_pid},
+                {"active_since", role.active_since}});
   return out.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+const char *status::state() const {
+  if (!context_.role.is_active) return "standby";
+  const ko_store::registration *store = ko_store::registration_of(&context_);
+  return store == nullptr ? "starting" : store->state_name();
+}
+
+// Who is active, where there are several processes; for people.
+std::string status::role_text() const {
+  const role &role = context_.role;
+  if (!role.is_shared) return "";
+  const std::string who = role.is_active ? "active" : role.active_host + " is active";
+  return role.active_since.empty() ? "nobody is known to be active; " : who + " since " + role.active_since + "; ";
 }
 
 void status::tell() {
@@ -75,7 +94,7 @@ void status::tell() {
   const ko_store::registration *store = ko_store::registration_of(&context_);
   if (store == nullptr) return;
   const ko_store::counters &counts = store->counts();
-  std::string now = std::string(store->connected() ? "" : "the store cannot be used; ") + store->state_name() + "; " +
+  std::string now = std::string(store->connected() ? "" : "the store cannot be used; ") + state() + "; " + role_text() +
                     std::to_string(counts.events) + " events, " + std::to_string(counts.handler_failures) +
                     " failed, " + std::to_string(counts.writes) + " writes, " + std::to_string(counts.refused) +
                     " refused, " + std::to_string(counts.rejected) + " records passed over";

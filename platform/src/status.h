@@ -8,6 +8,9 @@
 
 namespace ko_platform {
 
+// ISO 8601 in local time with its offset; empty for the beginning of time.
+std::string time_text(std::chrono::system_clock::time_point when);
+
 // Lives while the event loop runs. Where a service manager watches, it is told every now and then that the loop turns.
 class status {
  public:
@@ -17,6 +20,8 @@ class status {
 
  private:
   std::string answer() const;
+  const char *state() const;
+  std::string role_text() const;
   void tell();
 
   global_context &context_;

@@ -1,10 +1,12 @@
 #include "proxy.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -19,7 +21,19 @@ sockaddr_un address_of(const std::string &path) {
   return address;
 }
 
+int connect_to_port(uint16_t port) {
+  const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(file, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0) return file;
+  ::close(file);
+  return -1;
+}
+
 int open_socket(const std::string &path, bool listens) {
+  if (path[0] != '/') return connect_to_port(static_cast<uint16_t>(std::stoi(path)));
   const int file = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const sockaddr_un address = address_of(path);
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
@@ -89,6 +103,12 @@ std::vector<std::string> proxy::commands() {
   return commands_;
 }
 
+void proxy::replace(const std::string &what, const std::string &by) {
+  const std::lock_guard lock(mutex_);
+  replaced_ = what;
+  replacement_ = by;
+}
+
 void proxy::forget() {
   const std::lock_guard lock(mutex_);
   commands_.clear();
@@ -100,6 +120,10 @@ void proxy::run() {
     if (cut_.exchange(false)) {
       for (const auto &over : links_) close(*over);
       links_.clear();
+    }
+    if (holds_) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      continue;
     }
     std::vector<pollfd> files{{listener_, POLLIN, 0}};
     for (const auto &over : links_) files.insert(files.end(), {{over->daemon, POLLIN, 0}, {over->server, POLLIN, 0}});
@@ -155,7 +179,10 @@ bool proxy::forward(link &over, const std::vector<std::string> &words, std::stri
     finish_kill();
     return true;
   }
-  if (!send_all(over.server, bytes)) return false;
+  std::string sent(bytes);
+  for (size_t at = 0; !replaced_.empty() && (at = sent.find(replaced_, at)) != std::string::npos;)
+    sent.replace(at, replaced_.size(), replacement_);
+  if (!send_all(over.server, sent)) return false;
   std::string all;
   for (const std::string &word : words) all += (all.empty() ? "" : " ") + word;
   commands_.push_back(std::move(all));

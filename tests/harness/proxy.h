@@ -13,7 +13,8 @@ namespace harness {
 
 class proxy {
  public:
-  // Listens on the Unix socket `listen` and connects to the Unix socket `server` for each that comes.
+  // Listens on the Unix socket `listen` and connects to the Unix socket `server`, or to that port of this machine, for
+  // each that comes.
   proxy(const std::string &listen, std::string server);
   proxy(const proxy &) = delete;
   proxy &operator=(const proxy &) = delete;
@@ -35,6 +36,9 @@ class proxy {
   void pace(bool on) { paced_ = on; }   // announcements go through one by one, each when nothing else does
   void deafen(bool on) { deaf_ = on; }  // announcements are lost
   void cut() { cut_ = true; }           // closes every connection once
+  void hold(bool on) { holds_ = on; }   // nothing goes through, either way; what was held does afterwards
+  // From now on `what` is another text of its length on its way to the server.
+  void replace(const std::string &what, const std::string &by);
 
  private:
   struct link {
@@ -62,10 +66,11 @@ class proxy {
   bool dropped_ = false;  // links_ was emptied while one of them was served
   std::mutex mutex_;      // of what follows
   std::vector<std::string> commands_;
+  std::string replaced_, replacement_;
   size_t until_kill_ = 0;
   std::function<void()> victim_dies_;
   std::atomic<size_t> transactions_{0}, bytes_{0}, until_cut_{0};
-  std::atomic<bool> killed_{false}, deaf_{false}, paced_{false}, cut_{false}, ended_{false};
+  std::atomic<bool> killed_{false}, deaf_{false}, paced_{false}, cut_{false}, holds_{false}, ended_{false};
   std::thread thread_;
 };
 

@@ -1,4 +1,5 @@
 // lspanctl status: whether the daemon and the forwarding side are there, and how they are.
+#include <algorithm>
 #include <ctime>
 #include <ostream>
 
@@ -20,6 +21,8 @@ struct program_status {
   json answer;          // an object
 
   bool serves() const { return trouble.empty() && text("state") == "serving"; }
+  bool stands_by() const { return trouble.empty() && text("state") == "standby"; }
+  bool is_shared() const { return answer.contains("host"); }  // with a process that may take over
   std::string text(const char *key) const {
     const auto found = answer.find(key);
     if (found == answer.end()) return "";
@@ -27,14 +30,25 @@ struct program_status {
   }
 };
 
-program_status ask_status(requester &from, const char *program, std::chrono::milliseconds patience) {
-  answer got = from.ask(program, "status", patience);
+// Each process that answers as `program`, the active one first.
+std::vector<program_status> ask_status(requester &from, const char *program, std::chrono::milliseconds patience) {
+  requester::answers got = from.ask_all(program, "status", patience);
   if (!got.listening)
-    return {program, "not there: nobody answers on this store; start it, or see in its log why", json::object()};
-  if (!got.value)
-    return {program, "no answer within " + std::to_string(patience.count() / 1000) + " s; look at its log",
-            json::object()};
-  return {program, "", std::move(*got.value)};
+    return {{program, "not there: nobody answers on this store; start it, or see in its log why", json::object()}};
+  if (got.values.empty())
+    return {{program, "no answer within " + std::to_string(patience.count() / 1000) + " s; look at its log",
+             json::object()}};
+  std::vector<program_status> all;
+  for (json &value : got.values) all.push_back({program, "", std::move(value)});
+  std::stable_partition(all.begin(), all.end(), [](const program_status &each) { return !each.stands_by(); });
+  return all;
+}
+
+std::string active_text(const program_status &status) {
+  const std::string host = status.text("active_host"), since = status.text("active_since");
+  if (since.empty()) return "nobody is known to be active";
+  return (status.stands_by() ? host + ", pid " + status.text("active_pid") + ", is active" : "active") + " since " +
+         since;
 }
 
 std::string to_text(const program_status &status) {
@@ -43,8 +57,10 @@ std::string to_text(const program_status &status) {
     const std::string number = status.text(key);
     return number + " " + (number == "1" ? one : more);
   };
-  std::string text = std::string(status.program) + ": " + status.text("state") + ", pid " + status.text("pid") +
+  std::string text = std::string(status.program) + ": " + status.text("state") +
+                     (status.is_shared() ? ", host " + status.text("host") : "") + ", pid " + status.text("pid") +
                      ", version " + status.text("version") + ", since " + status.text("since") + "\n  " +
+                     (status.is_shared() ? active_text(status) + "\n  " : "") +
                      (status.text("connected") == "true" ? "connected since " + status.text("connected_since")
                                                          : "not connected to the store") +
                      "\n  " + count("events", "event", "events") + ", " + status.text("handler_failures") +
@@ -78,19 +94,39 @@ constexpr metric metrics[] = {
     {"ko_lspan_reads_total", "counter", "Times that the inputs were read.", "reads"},
 };
 
+std::string labels(const program_status &status) {
+  const std::string host = status.text("host");
+  return std::string("{program=\"") + status.program + "\"" + (host.empty() ? "" : ",host=\"" + host + "\"") + "} ";
+}
+
+// Seconds since 1970 of a time as answers have it; 0 when it is none.
+long long epoch(const std::string &when) {
+  std::tm time{};
+  if (strptime(when.c_str(), "%FT%T%z", &time) == nullptr) return 0;
+  const long offset = time.tm_gmtoff;
+  return timegm(&time) - offset;
+}
+
 void print_metric_head(std::ostream &out, const char *name, const char *type, const char *help) {
   out << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';
 }
 
 void print_prometheus(std::ostream &out, const std::vector<program_status> &all) {
-  print_metric_head(out, "ko_lspan_up", "gauge", "Whether the program answers and serves.");
+  print_metric_head(out, "ko_lspan_up", "gauge", "Whether the program answers, and serves or stands by.");
   for (const program_status &status : all)
-    out << "ko_lspan_up{program=\"" << status.program << "\"} " << (status.serves() ? 1 : 0) << '\n';
+    out << "ko_lspan_up" << labels(status) << (status.serves() || status.stands_by() ? 1 : 0) << '\n';
+  print_metric_head(out, "ko_lspan_active", "gauge", "Whether the program is the active one.");
+  for (const program_status &status : all)
+    if (status.answer.contains("active"))
+      out << "ko_lspan_active" << labels(status) << (status.text("active") == "true" ? 1 : 0) << '\n';
+  print_metric_head(out, "ko_lspan_active_since_seconds", "gauge", "When it became so, in seconds since 1970.");
+  for (const program_status &status : all)
+    if (status.is_shared() && !status.stands_by())
+      out << "ko_lspan_active_since_seconds" << labels(status) << epoch(status.text("active_since")) << '\n';
   for (const metric &each : metrics) {
     print_metric_head(out, each.name, each.type, each.help);
     for (const program_status &status : all)
-      if (status.answer.contains(each.key))
-        out << each.name << "{program=\"" << status.program << "\"} " << status.text(each.key) << '\n';
+      if (status.answer.contains(each.key)) out << each.name << labels(status) << status.text(each.key) << '\n';
   }
 }
 
@@ -100,7 +136,7 @@ std::vector<program_status> ask_all(context &ctx) {
   try {
     requester from(ctx);
     for (const char *program : {daemon_program, forwarding_program})
-      all.push_back(ask_status(from, program, ctx.patience()));
+      for (program_status &each : ask_status(from, program, ctx.patience())) all.push_back(std::move(each));
   } catch (const store_error &error) {
     all.clear();
     for (const char *program : {daemon_program, forwarding_program})
@@ -122,6 +158,7 @@ int show_status(context &ctx, const status_options &options) {
     }
     ctx.line(text, list);
   }
+  if (all.front().stands_by()) return exit_standby;
   return all.front().serves() ? exit_done : exit_refused;
 }
 
@@ -132,7 +169,8 @@ std::vector<argument> arguments(status_options &options) {
 }  // namespace
 
 void add_status(command &root, context &ctx) {
-  add_command(root, ctx, "status", "Show how the daemon and the forwarding side are; status 0 when the daemon serves",
+  add_command(root, ctx, "status",
+              "Show how the daemon and the forwarding side are; status 0 when the daemon serves, 6 when it stands by",
               "  lspanctl status\n"
               "  lspanctl status --prometheus > /var/lib/prometheus/node-exporter/ko_lspan.prom",
               show_status, arguments);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -15,6 +16,12 @@
 #include "store/change.h"
 
 namespace ko_store {
+
+// What keeps a process from writing beside another that has taken over from it.
+struct fence {
+  std::string key, value;       // what is written is carried out only while the text at this key is this
+  std::function<bool()> holds;  // asked before anything is sent; false: nothing may be sent any more
+};
 
 class engine_user {
  public:
@@ -41,6 +48,8 @@ class engine_user {
   virtual void relieved() = 0;
   // A request of another process came; see engine::serve.
   virtual void requested(std::string_view request) = 0;
+  // The fence does not hold any more. The engine has ended what it did; nothing of the user's will be written.
+  virtual void fenced_off() {}
 };
 
 class engine {
@@ -56,6 +65,9 @@ class engine {
   virtual void serve(const std::string &) {}
   // Publishes a text that is no change, behind what was written before. Only while up.
   virtual void publish(std::string_view, std::string_view) {}
+
+  // To be called before start, for a process that is one of several.
+  virtual void put_behind(fence) {}
 
   // Reads a whole hash; the answers are calls of page, or one of unreadable. It takes the place of a scan of the same
   // hash that is under way. Only while up.

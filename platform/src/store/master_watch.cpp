@@ -18,11 +18,6 @@ constexpr timeval pause{0, 200'000};     // when none has told, before they are 
 constexpr timeval renew_interval{1, 0};  // between two looks for lost links
 constexpr std::string_view announcement = "+switch-master";
 
-void append_command(std::string &out, std::initializer_list<std::string_view> words) {
-  append_head(out, words.size());
-  for (const std::string_view word : words) append_word(out, word);
-}
-
 }  // namespace
 
 master_watch::master_watch(event_base *base, ko_platform::store_address settings, listener found, listener told)
@@ -71,15 +66,10 @@ void master_watch::renew_lost() {
 }
 
 void master_watch::renew(sentinel &which) try {
-  const std::string &user = settings_.sentinel_user, &password = settings_.sentinel_password;
   redis_link_user &self = *this;
   which.link = std::make_unique<redis_link>(base_, which.address, self);
   std::string command;
-  if (!user.empty())
-    append_command(command, {"AUTH", user, password});
-  else if (!password.empty())
-    append_command(command, {"AUTH", password});
-  which.answers = password.empty() ? 1 : 2;
+  which.answers = 1 + append_login(command, settings_.sentinel_user, settings_.sentinel_password);
   append_command(command, {"SENTINEL", "get-master-addr-by-name", settings_.master});
   append_command(command, {"SUBSCRIBE", announcement});
   which.link->send(command);

@@ -29,13 +29,9 @@ constexpr size_t pause_requests = 8192, resume_requests = 2048;
 constexpr size_t pause_bytes = size_t{2} << 20, resume_bytes = size_t{1} << 19;
 
 constexpr int64_t unknown_db = -1;
+constexpr unsigned fence_commands = 3;
 constexpr std::string_view multi = "*1\r\n$5\r\nMULTI\r\n";
 constexpr std::string_view exec = "*1\r\n$4\r\nEXEC\r\n";
-
-void append_command(std::string &out, std::initializer_list<std::string_view> words) {
-  append_head(out, words.size());
-  for (const std::string_view word : words) append_word(out, word);
-}
 
 // Names and values, among them the role of the server that greets.
 bool is_of_master(const redis_answer &greeting) {
@@ -121,6 +117,7 @@ void redis_engine::connect() try {
   }
   writer_named_ = program_.empty();
   if (!writer_named_) append_name();
+  fence_answers_ = append_fence();
   writer_->send(command_);
   reader_ = std::make_unique<redis_link>(base_, address_, self);
   subscribe();
@@ -131,12 +128,9 @@ void redis_engine::connect() try {
 // Appends the login, if there is something to log in with, and a command that a server refuses while it is loading,
 // whatever it says to the login. Returns how many answers there will be.
 unsigned redis_engine::log_in() {
-  const bool named = !address_.user.empty();
-  const bool known = !address_.password.empty();
-  if (known && named) append_command(command_, {"AUTH", address_.user, address_.password});
-  if (known && !named) append_command(command_, {"AUTH", address_.password});
+  const unsigned answers = append_login(command_, address_.user, address_.password);
   append_command(command_, {"PING"});
-  return known ? 2 : 1;
+  return answers + 1;
 }
 
 void redis_engine::append_name() { append_command(command_, {"CLIENT", "SETNAME", program_}); }
@@ -166,6 +160,8 @@ void redis_engine::answered(redis_link &link, const redis_answer &answer) try {
     on_subscription(answer);
   else if (writer_logins_ > 0 || !writer_named_)
     on_login(answer);
+  else if (fence_answers_ > 0)
+    on_fence(answer);
   else
     on_request(answer);
 } catch (const std::bad_alloc &) {
@@ -231,8 +227,40 @@ void redis_engine::on_message(const redis_answer &answer) {
     user_->malformed(input);
 }
 
+// ---- the fence ----
+
+// Returns how many commands that are.
+unsigned redis_engine::append_fence() {
+  if (fence_.key.empty()) return 0;
+  append_command(command_, {"SELECT", "0"});
+  append_command(command_, {"WATCH", fence_.key});
+  append_command(command_, {"GET", fence_.key});
+  selected_db_ = 0;
+  return fence_commands;
+}
+
+void redis_engine::on_fence(const redis_answer &answer) {
+  if (!answer.errors.empty()) return broken(answer.first_error());
+  if (--fence_answers_ > 0) return;
+  if (answer.texts.empty() || answer.texts[0] != fence_.value) return end_fenced_off();
+  check_up();
+  if (up_ && sent_ < queue_.size()) send_later();
+}
+
+bool redis_engine::may_send(redis_link &) {
+  if (!fence_.holds || fence_.holds()) return true;
+  end_fenced_off();
+  return false;
+}
+
+void redis_engine::end_fenced_off() {
+  close();
+  user_->down();
+  user_->fenced_off();
+}
+
 void redis_engine::check_up() {
-  if (up_ || writer_logins_ > 0 || reader_logins_ > 0 || subscriptions_ < n_inputs_) return;
+  if (up_ || writer_logins_ > 0 || fence_answers_ > 0 || reader_logins_ > 0 || subscriptions_ < n_inputs_) return;
   up_ = true;
   up_since_ = std::chrono::steady_clock::now();
   if (reported_.empty())
@@ -255,6 +283,7 @@ void redis_engine::close() {
   subscriptions_ = 0;
   late_ = 0;
   selected_db_ = unknown_db;
+  fence_answers_ = 0;
   sent_ = batch_ = singles_ = 0;
   answered_ = 0;
   error_.clear();
@@ -317,7 +346,7 @@ void redis_engine::send_later() { event_active(send_.get(), EV_TIMEOUT, 0); }
 // Sends what there is, up to the end of a batch: what is behind it waits for its outcome.
 void redis_engine::send_due() try {
   command_.clear();
-  while (batch_ == 0 && sent_ < queue_.size()) {
+  while (batch_ == 0 && fence_answers_ == 0 && sent_ < queue_.size()) {
     if (queue_.at(sent_).kind == request_kind::write)
       append_batch();
     else
@@ -348,7 +377,7 @@ void redis_engine::append_single(size_t i) {
 void redis_engine::append_batch() {
   const size_t start = command_.size();
   const size_t most = singles_ > 0 ? 1 : batch_writes;
-  bool stores = false;
+  bool stores = !fence_.key.empty();  // or is fenced
   command_.append(multi);
   for (batch_commands_ = 0; batch_ < most && sent_ < queue_.size(); ++sent_, ++batch_) {
     request &next = queue_.at(sent_);
@@ -359,6 +388,7 @@ void redis_engine::append_batch() {
   }
   if (stores) {
     command_.append(exec);
+    append_fence();
   } else {
     command_.erase(start, multi.size());
     batch_commands_ = 0;
@@ -473,6 +503,10 @@ void redis_engine::on_batch(const redis_answer &answer) {
     end_write(std::exchange(error_, {}));
   } else if (answered_ == batch_commands_ + 2) {
     answered_ = 0;
+    if (!fence_.key.empty()) {
+      if (answer.type == REDIS_REPLY_NIL) return end_fenced_off();
+      fence_answers_ = fence_commands;
+    }
     const bool dropped = answer.type != REDIS_REPLY_ARRAY || answer.elements != batch_commands_;
     if (dropped)
       on_dropped();

@@ -7,6 +7,10 @@
 // The next one waits for its answer, so that it can be written again in its place: when the server drops a transaction
 // as a whole, its writes go out once more, each by itself, and only those that are refused then are given up. Reads
 // keep their place among the writes. When either connection breaks both are made anew, with growing pauses.
+//
+// Behind a fence, the server watches the fence's key for the writer: WATCH and GET go out at first and behind each
+// EXEC, and the next transaction when they have been answered. Whoever takes over sets the key, and whatever
+// transaction of this process is still on its way then is dropped by the server, however long it was on its way.
 #pragma once
 
 #include <chrono>
@@ -26,6 +30,7 @@ class redis_engine final : public engine, private redis_link_user {
 
   void serve(const std::string &program) override;
   void publish(std::string_view channel, std::string_view text) override;
+  void put_behind(fence what) override { fence_ = std::move(what); }
   void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override;
   void fetch(size_t input, std::string_view key) override;
@@ -54,11 +59,15 @@ class redis_engine final : public engine, private redis_link_user {
   void append_name();
   void answered(redis_link &link, const redis_answer &answer) override;
   void lost(redis_link &link, const std::string &why) override;
+  bool may_send(redis_link &link) override;
   void on_subscription(const redis_answer &answer);
   void on_subscription_error(std::string_view why);
   void on_message(const redis_answer &answer);
   void report_refusal(const char *what, std::string_view where, std::string_view why);
   void on_login(const redis_answer &answer);
+  unsigned append_fence();
+  void on_fence(const redis_answer &answer);
+  void end_fenced_off();
 
   // requests
   void push(const request &added, std::string_view key, std::string_view record = {});
@@ -107,6 +116,8 @@ class redis_engine final : public engine, private redis_link_user {
   unsigned reader_logins_ = 0;  // answers that the reader expects before those of its subscription
   bool reader_named_ = false;   // the answer to its name came, or is not expected
   bool writer_named_ = false;   // likewise
+  fence fence_;                 // no key: there is none
+  unsigned fence_answers_ = 0;  // that the writer expects before those of its requests
   bool reader_poked_ = false;   // it owes an answer to a ping
   unsigned writer_logins_ = 0;  // answers that the writer expects before those of its requests
   size_t subscriptions_ = 0;    // confirmed

@@ -57,6 +57,12 @@ struct redis_link::parsed {
     return this;
   }
 
+  // hiredis has a nil as a task of the type that could have stood there.
+  void *note_nil(const redisReadTask &task) {
+    if (task.parent == nullptr) answer.type = REDIS_REPLY_NIL, answer.elements = 0;
+    return this;
+  }
+
   void *take_text(const redisReadTask &task, std::string_view text) try {
     const range taken{bytes.size(), text.size()};
     if (task.type == REDIS_REPLY_ERROR)
@@ -96,7 +102,7 @@ redisReader *redis_link::make_reader(parsed *into) {
           },
       .createArray = [](const redisReadTask *task, int n) { return of(task)->note(*task, static_cast<size_t>(n)); },
       .createInteger = [](const redisReadTask *task, long long) { return of(task)->note(*task); },
-      .createNil = [](const redisReadTask *task) { return of(task)->note(*task); },
+      .createNil = [](const redisReadTask *task) { return of(task)->note_nil(*task); },
       .freeObject = [](void *) {},
   };
   redisReader *made = redisReaderCreateWithFunctions(&functions);
@@ -164,7 +170,7 @@ void redis_link::send(std::string_view bytes) {
 
 void redis_link::on_writable() {
   if (!connected_ && !finish_connect()) return fail(failure_);
-  if (unsent() == 0) return;
+  if (unsent() == 0 || !owner_.may_send(*this)) return;
   const ssize_t n = ::send(context_->fd, out_.data() + sent_, unsent(), MSG_NOSIGNAL);
   if (n < 0 && errno != EAGAIN && errno != EINTR) return fail(std::strerror(errno));
   if (n > 0) sent_ += static_cast<size_t>(n);
@@ -210,6 +216,20 @@ void append_number(std::string &out, char kind, size_t number) {
 }
 
 }  // namespace
+
+void append_command(std::string &out, std::initializer_list<std::string_view> words) {
+  append_head(out, words.size());
+  for (const std::string_view word : words) append_word(out, word);
+}
+
+unsigned append_login(std::string &out, std::string_view user, std::string_view password) {
+  if (password.empty()) return 0;
+  if (user.empty())
+    append_command(out, {"AUTH", password});
+  else
+    append_command(out, {"AUTH", user, password});
+  return 1;
+}
 
 void append_head(std::string &out, size_t n_words) { append_number(out, '*', n_words); }
 

@@ -2,6 +2,7 @@
 // opens the connection and parses what comes; a command and its answer cost no allocation.
 #pragma once
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -39,6 +40,8 @@ class redis_link_user {
   virtual void answered(redis_link &link, const redis_answer &answer) = 0;
   // The connection was not made or is lost; nothing follows. `why` is a reason for people.
   virtual void lost(redis_link &link, const std::string &why) = 0;
+  // Asked each time before bytes go out. False: they do not, and the user has closed the link.
+  virtual bool may_send(redis_link &) { return true; }
 };
 
 class redis_link {
@@ -87,7 +90,11 @@ class redis_link {
   ko_platform::event_ptr writable_;
 };
 
-// Appends a command, or parts of one, as the server takes them.
+// Appends a command as the server takes it.
+void append_command(std::string &out, std::initializer_list<std::string_view> words);
+// Appends the command that logs in, if there is a password; `user` may be empty. Returns how many answers it will have.
+unsigned append_login(std::string &out, std::string_view user, std::string_view password);
+// Appends parts of a command.
 void append_head(std::string &out, size_t n_words);
 void append_word(std::string &out, std::string_view word);
 void append_length(std::string &out, size_t length);  // of a word whose bytes follow, and after them "\r\n"

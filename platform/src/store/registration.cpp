@@ -71,6 +71,16 @@ uint32_t registration::declare(const mom_ds_entry *inputs, uint32_t n_inputs, co
   return ++declaration_;
 }
 
+void registration::listen() {
+  down();
+  engine_->start(*this, {}, 0);
+}
+
+void registration::put_behind(fence what, std::function<void()> fenced_off) {
+  fenced_off_ = std::move(fenced_off);
+  engine_->put_behind(std::move(what));
+}
+
 int32_t registration::set_option(uint32_t declaration, uint32_t option, uint32_t value) {
   if (declaration == 0 || declaration != declaration_) return VX_MOM_UNKNOWN;
   if (option != VX_MOM_OPT_OWN_RECORDS) return VX_MOM_INVALID;
@@ -207,7 +217,7 @@ void registration::forget_reads() {
 }
 
 void registration::read_inputs() {
-  ++counters_.reads;
+  counters_.reads += inputs_.size() > 0 ? 1 : 0;
   inputs_.begin_read();
   for (size_t i = 0; i < inputs_.size(); ++i) {
     if (!inputs_.has_records(i)) continue;
@@ -293,7 +303,7 @@ void registration::finish_repair() {
   if (was_refused && !outputs_.is_right()) return;
   if (was_refused) PLATFORM_WARN("the store can be read and takes everything again");
   reported_.clear();
-  if (const auto told = on_live) told();
+  if (const auto told = on_live; told && declaration_ > 0) told();
 }
 
 const char *registration::state_name() const {

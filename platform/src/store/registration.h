@@ -35,6 +35,11 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   // Publishes a text that is no record; lost while the store is away.
   void publish(std::string_view channel, std::string_view text);
 
+  // Listens to requests before anything is declared.
+  void listen();
+  // Before the declaration, for a process that is one of several; `fenced_off` is called once it may write no more.
+  void put_behind(fence what, std::function<void()> fenced_off);
+
   void pause() override;  // what is announced then is read after it
   bool quiet() const override { return !up_ || engine_->quiet(); }
   void resume() override;
@@ -71,6 +76,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   void not_written(const change &lost, std::string_view why) override;
   void relieved() override;
   void requested(std::string_view request) override;
+  void fenced_off() override { fenced_off_(); }
 
   void carry_out(sync_machine::action next);
   void read_inputs();
@@ -97,6 +103,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
 
   std::string app_name_;
   uint32_t declaration_ = 0;
+  std::function<void()> fenced_off_;
   bool up_ = false;  // the engine is
   std::chrono::system_clock::time_point up_since_;
   bool all_read_reported_ = false;
