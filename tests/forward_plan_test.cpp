@@ -343,24 +343,4 @@ TEST(filters_to_filters, whatever_was_spoilt_is_put_right) {
   }
 }
 
-// ---- messages ----
-
-TEST(messages, a_filter_is_read_as_it_was_written) {
-  std::map<mark, wanted_filter> wanted = {{mark_of(some_member), copies_to({4, 5, 6})}};
-  const filter_plan plan = plan_filters({3, dir_tx}, wanted, {}, pref);
-  const request bytes = put_filter({3, dir_tx}, plan.changes.at(0).what, true);
-  size_t n = 0;
-  for_each_message(bytes, [&](const nlmsghdr &from) {
-    const auto read = read_filter(from);
-    ASSERT_TRUE(read.has_value());
-    EXPECT_TRUE(read->is_own && read->is_sound && read->is_replaceable);
-    EXPECT_EQ((place{3, dir_tx}), read->at);
-    place_filters in;
-    in.own.emplace(place_filters::key{0, pref, read->what.handle}, *read);
-    EXPECT_TRUE(plan_filters({3, dir_tx}, wanted, in, pref).changes.empty());
-    ++n;
-  });
-  EXPECT_EQ(1U, n);
-}
-
 }  // namespace

@@ -16,6 +16,7 @@
 #include "proc/lspan/ko_lspan.h"
 #include "proc/lspan/outgrb_hash.h"
 #include "store/layout.h"
+#include "store/record_text.h"
 #include "u_monitor.pb-c.h"
 
 namespace {
@@ -242,11 +243,11 @@ TEST(hostile, every_truncation_and_every_flipped_bit) {
         if (!announced) w.wire->reconnect();
         w.turn();
         w.wire->holds = false;
-        EXPECT_GT(w.tested().counts().rejected, before) << hex(bad.key) << " " << hex(bad.bytes);
-        EXPECT_TRUE(w.outputs() == (of_key ? whole : without)) << hex(bad.key) << " " << hex(bad.bytes);
+        EXPECT_GT(w.tested().counts().rejected, before) << hex_digits(bad.key) << " " << hex_digits(bad.bytes);
+        EXPECT_TRUE(w.outputs() == (of_key ? whole : without)) << hex_digits(bad.key) << " " << hex_digits(bad.bytes);
         of_key ? w.put(bad, change_kind::del) : w.put(victim);
         w.turn();
-        ASSERT_TRUE(w.outputs() == whole) << hex(bad.key) << " " << hex(bad.bytes);
+        ASSERT_TRUE(w.outputs() == whole) << hex_digits(bad.key) << " " << hex_digits(bad.bytes);
       }
     }
   }

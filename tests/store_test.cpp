@@ -268,6 +268,7 @@ TEST_P(store, recovers_when) {
   for (const said &line : now.log) eventually([&] { return count_of(box.log(), line.text) >= line.times; }, line.text);
   for (const said &line : now.log) EXPECT_EQ(count_of(box.log(), line.text), line.times) << line.text << box.log();
   EXPECT_EQ(count_of(box.log(), "-> reading"), count_of(box.log(), "connected to the store")) << "read for no reason";
+  EXPECT_EQ(count_of(box.log(), "idle -> starting"), 1U) << "the level of the log was read late";
 }
 
 std::string name_of(const ::testing::TestParamInfo<outage> &info) {
@@ -327,7 +328,10 @@ class served : public testing::Test {
     });
     lspan_zlog_level = 0;
   }
-  ~served() override { most_bytes = SIZE_MAX; }
+  ~served() override {
+    most_bytes = SIZE_MAX;
+    here.kill(false);
+  }
 
   event_base *base() { return ko_platform::context_of(lspan_global.global).base.get(); }
   void serve_until(const std::function<bool()> &done) {
@@ -384,6 +388,23 @@ TEST_F(served, leaves_the_loop_to_others) {
   settle(2, "10000");
   std::cout << "longest gap " << seen.longest << " of " << seen.total << "\n";
   EXPECT_LT(seen.longest, seen.total / 5);
+}
+
+// The connection breaks amid the delivery of deletes, and what was deleted is there again.
+TEST_F(served, keeps_what_is_back) {
+  constexpr uint32_t count = 5000;
+  producer others(box.socket());
+  for (uint32_t i = 0; i < count; ++i) others.set(session({.session = i, .s_ifx = i, .d_ifx = 1, .mtp_switch = 1}));
+  others.flush();
+  const auto settled = [&] {
+    return here.tested().settled() && run(box, {"SELECT 8", "HLEN u_monitor.span_dst_info"}) == std::to_string(count);
+  };
+  ASSERT_EQ(here.start(), 0);
+  serve_until(settled);
+  run(box, {"SELECT 4", "RENAME u_monitor.mirror_lspan_info aside", "CLIENT KILL TYPE pubsub"});
+  serve_until([&] { return here.tested().state_name() == std::string("delivering"); });
+  run(box, {"SELECT 4", "RENAME aside u_monitor.mirror_lspan_info", "CLIENT KILL TYPE pubsub"});
+  serve_until([&] { return here.tested().counts().reads == 3 && settled(); });
 }
 
 TEST_F(served, takes_what_one_call_takes) {

@@ -63,6 +63,10 @@ void context::line(const std::string &text, const json &value) {
   out << (json_output ? dump(value) : text) << '\n' << std::flush;
 }
 
+void context::text_only(const std::string &text) {
+  if (!json_output) out << text << std::flush;
+}
+
 void context::report(const std::string &done, const std::string &sentence, const json &details) {
   json object = {{"done", done}};
   object.update(details);

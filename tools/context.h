@@ -43,6 +43,8 @@ struct context {
 
   // The output. A line: `text`, or with --json `value` in a line of its own.
   void line(const std::string &text, const json &value);
+  // Text that --json has no value for, as it is.
+  void text_only(const std::string &text);
   // What was done: `sentence`, or with --json an object of `done`, a word, and `details`.
   void report(const std::string &done, const std::string &sentence, const json &details);
   // A table, or with --json the array `list`; `none` where the list is empty.

@@ -2,6 +2,7 @@
 
 #include "p_policy.pb-c.h"
 #include "store/layout.h"
+#include "store/record_text.h"
 
 namespace harness {
 namespace {
@@ -20,20 +21,14 @@ record result_of(const member &of, const char *user, uint32_t db, uint32_t value
 
 }  // namespace
 
-std::string hex(std::string_view bytes) {
-  static constexpr char digits[] = "0123456789abcdef";
-  std::string out;
-  for (const char byte : bytes)
-    out.append({digits[static_cast<unsigned char>(byte) >> 4], digits[static_cast<unsigned char>(byte) & 15]});
-  return out;
-}
-
 ko_store::change record::change(ko_store::change_kind kind) const {
   const bool bare = kind == ko_store::change_kind::del;
   return {{db, type}, kind, key, bare ? std::string_view() : std::string_view(bytes)};
 }
 
-std::string record::line() const { return std::to_string(db) + " " + type->name + " " + hex(key) + " " + hex(bytes); }
+std::string record::line() const {
+  return std::to_string(db) + " " + type->name + " " + ko_store::hex_digits(key) + " " + ko_store::hex_digits(bytes);
+}
 
 record any(uint32_t db, const ProtobufCMessage &message) {
   record out{db, message.descriptor, {}, {}};

@@ -13,8 +13,6 @@
 
 namespace harness {
 
-std::string hex(std::string_view bytes);
-
 // One record and where it belongs; `bytes` is empty when only the key matters.
 struct record {
   uint32_t db;

@@ -253,7 +253,7 @@ client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_s
 client::~client() { redisFree(context_); }
 
 std::string client::next(std::chrono::milliseconds within) {
-  const timeval most{within / 1s, within % 1s / 1us};
+  const timeval most{static_cast<time_t>(within / 1s), static_cast<suseconds_t>(within % 1s / 1us)};
   redisSetTimeout(context_, most);
   void *reply = nullptr;
   if (redisGetReply(context_, &reply) != REDIS_OK) return {};
@@ -334,8 +334,8 @@ std::vector<std::string> sandbox::dump() const {
       const std::string name(bytes_of(hashes->element[i]));
       const auto fields = ask(context.get(), {"HGETALL", name});
       for (size_t k = 0; k + 1 < fields->elements; k += 2)
-        lines.push_back(std::string(db) + " " + name + " " + hex(bytes_of(fields->element[k])) + " " +
-                        hex(bytes_of(fields->element[k + 1])));
+        lines.push_back(std::string(db) + " " + name + " " + ko_store::hex_digits(bytes_of(fields->element[k])) + " " +
+                        ko_store::hex_digits(bytes_of(fields->element[k + 1])));
     }
   }
   std::sort(lines.begin(), lines.end());

@@ -79,12 +79,11 @@ int check(context &ctx, const check_options &options) {
   report found = compare_all(load_wanted(ctx));
   json repaired;
   if (options.repair && !found.findings.empty()) {
-    if (!ctx.json_output) ctx.out << found.lines;
+    ctx.text_only(found.lines);
     repaired = ask_or_refuse(ctx, daemon_program, "resync", ctx.patience());
     repaired["findings"] = found.findings;
-    if (!ctx.json_output)
-      ctx.out << "repaired: " << repaired.value("written", uint64_t{0}) << " written, "
-              << repaired.value("deleted", uint64_t{0}) << " deleted\n";
+    ctx.text_only("repaired: " + std::to_string(repaired.value("written", uint64_t{0})) + " written, " +
+                  std::to_string(repaired.value("deleted", uint64_t{0})) + " deleted\n");
     found = compare_all(load_wanted(ctx));
   }
   print_report(ctx, found, repaired);

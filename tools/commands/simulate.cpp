@@ -159,7 +159,7 @@ int simulate(context &ctx, const simulate_options &options) {
   const uint32_t level = parse_number(options.level.value_or("5"), "level", 0, 5);
   const std::vector<scripted_event> events = read_events(*options.file, ctx.ports());
   trace shown(ctx);
-  if (!ctx.json_output) ctx.out << "start\n";
+  ctx.text_only("start\n");
   dry_daemon daemon(ctx.settings(), level, shown.observer());
   for (size_t i = 0; i < events.size(); ++i) {
     const scripted_event &next = events[i];
