@@ -31,7 +31,7 @@ class waiting {
   waiting(context &ctx, const std::vector<member> &members, clock::time_point deadline)
       : ctx_(ctx), members_(members), deadline_(deadline), requests_(ctx) {}
 
-  // The programs have done what they do by themselves before this looks.
+  // The programs have finished their own work before this looks.
   progress look() {
     progress now;
     barrier(daemon_program);

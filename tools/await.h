@@ -1,4 +1,4 @@
-// Waiting until what was asked for has come true.
+// Waiting until a change is in effect.
 #pragma once
 
 #include <optional>

@@ -14,12 +14,12 @@
 namespace lspanctl {
 
 struct argument {
-  std::string name;  // an option or a flag with its dashes; without dashes, told by its place
+  std::string name;  // an option or a flag with its dashes; without dashes, known by its place
   // Where it goes: a flag, a value, or values where it may be given more than once. Borrowed.
   std::variant<bool *, std::optional<std::string> *, std::vector<std::string> *> to;
   std::string type;  // of the value, as the help shows it
   std::string help;
-  // What completion offers: words separated by blanks. Those in angle brackets stand for <interface>, <group>,
+  // Words that completion offers, separated by blanks. Those in angle brackets stand for <interface>, <group>,
   // <target>, <session>, <file>.
   std::string offers;
   bool required = false;

@@ -11,7 +11,7 @@ namespace lspanctl {
 // Makes `root` the root of the command line. Its arguments may stand anywhere. Borrows both.
 void make_command_line(command &root, context &ctx);
 
-// What the words of a command line ask for.
+// A command line, taken apart.
 struct parsed {
   const command *asked = nullptr;  // null: nothing to run
   std::string path;                // the command as far as it was given, such as "lspanctl session add"

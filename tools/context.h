@@ -1,4 +1,4 @@
-// What every command is given: the options that all share, what they open, and where they write to.
+// The context of a command: the options that all share, the connections that they open, and where they write to.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@
 
 namespace lspanctl {
 
-// The tool's own platform file. What it leaves out of the ports is in the one that all programs share.
+// The tool's own platform file. Ports that it leaves out are in the one that all programs share.
 inline constexpr const char *tool_config_path = "/etc/ko_platform/lspanctl.json";
 
 struct context {

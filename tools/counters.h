@@ -1,4 +1,4 @@
-// What the forwarding side has copied.
+// Counts of the copies that the forwarding side has made.
 #pragma once
 
 #include <cstdint>

@@ -25,7 +25,7 @@ struct log_line {
   std::string text;
 };
 
-// What happens inside, in its order. Each may be empty.
+// Called for events inside, in their order. Each may be empty.
 struct dry_daemon_observer {
   std::function<void(const log_line &)> log;
   std::function<void(const ko_store::change &)> write;  // a record call of the daemon; bytes are borrowed

@@ -1,4 +1,4 @@
-// What commands throw. what() is one line, which says what to do.
+// Errors that commands throw. what() is one line, which names the next step.
 #pragma once
 
 #include <stdexcept>

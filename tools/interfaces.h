@@ -23,13 +23,13 @@ class interfaces {
   // Another port with the physical id of this one, by name; empty: there is none.
   std::string twin_of(uint32_t ifx) const;
 
-  // The physical id; without a `ports` map the index, 0 for what is not in it.
+  // The physical id: without a `ports` map the index; with one, 0 for an index that it does not have.
   uint32_t phyid(uint32_t ifx) const;
 
   // Whether the platform file has an ACL of that number.
   bool has_acl(uint32_t id) const { return settings_.acls.contains(id); }
 
-  // The name of its network device: what the platform file says, else its name, else its number.
+  // The name of its network device: the one in the platform file, else its own name, else its number.
   std::string device(uint32_t ifx) const;
 
   // The name where the map has one that cannot be taken for something else, else the number; "none" for 0.

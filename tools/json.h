@@ -16,7 +16,7 @@ std::string dump(const json &value, int indent = -1);
 // malformed.
 json read_json_file(const std::string &path);
 
-// What read_json_file calls that file in its errors.
+// The name of that file in the errors of read_json_file.
 std::string name_of_file(const std::string &path);
 
 }  // namespace lspanctl

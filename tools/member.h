@@ -13,10 +13,10 @@
 
 namespace lspanctl {
 
-inline constexpr const char *tool_owner = "lspanctl";       // owner of what the tool configures
+inline constexpr const char *tool_owner = "lspanctl";       // owner of the members that the tool configures
 inline constexpr const char *forwarding_owner = "du_span";  // owner of the forwarding side's answers
 
-// What tells members apart, in the order in which they are listed.
+// The key of a member, in the order in which members are listed.
 struct member_key {
   uint32_t session = 0;
   uint32_t s_ifx = 0;

@@ -63,7 +63,7 @@ member with_contents(const member &before, const member_texts &texts, const inte
 // The member that a JSON object describes, in the form of to_json. `owner` is used where it names none. Throws
 // usage_error and refused.
 member from_json(const json &object, const std::string &owner, const interfaces &ports);
-// What it holds can be read back without loss.
+// Its text can be read back without loss.
 json to_json(const member &what, const interfaces &ports);
 
 std::string learning_text(uint32_t mtp_switch);

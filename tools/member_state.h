@@ -10,7 +10,7 @@ namespace lspanctl {
 
 struct member_state {
   std::string state;               // configured, written, accepted, refused
-  std::string reason;              // what keeps it from the next state, or is wrong; empty: nothing
+  std::string reason;              // why it is in no better state; empty: no reason
   std::optional<uint32_t> result;  // the relayed answer
 };
 

@@ -9,7 +9,7 @@
 namespace lspanctl {
 namespace {
 
-constexpr uint32_t sent = 2;  // the bit of a direction that says: what the interface sends
+constexpr uint32_t sent = 2;  // the bit of a direction for frames that the interface sends
 constexpr uint32_t most_direction = 3;
 
 std::string session_text(const member &what) { return "session " + std::to_string(what.key.session); }

@@ -1,4 +1,4 @@
-// Members that the daemon would not act on as they say: why, and what to do instead.
+// Members that the daemon would not act on as they say: why, and the remedy.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +19,10 @@ class objections {
   // `groups`: the group of each interface that is in one.
   objections(const std::vector<member> &members, const std::map<uint32_t, uint32_t> &groups, const interfaces &ports);
 
-  // What speaks against the member `what` of the configuration, as a sentence; empty: nothing.
+  // The objection to the member `what` of the configuration, as a sentence; empty: there is none.
   std::string to(const member &what) const;
 
-  // What speaks against it because its copies would come back to it; a part of the former.
+  // The objection that its copies would come back to it; the former includes it.
   std::string to_path_of(const member &what) const;
 
  private:
@@ -37,7 +37,7 @@ class objections {
   std::map<uint32_t, std::vector<uint32_t>> groups_;            // interfaces of each group
   std::map<uint32_t, std::vector<const member *>> of_session_;  // by session
   std::map<source_key, std::vector<const member *>> of_source_;
-  std::map<uint32_t, std::vector<const member *>> copying_sent_;  // what mirrors the frames that an interface sends
+  std::map<uint32_t, std::vector<const member *>> copying_sent_;  // by the interface whose sent frames they mirror
 };
 
 // Throws refused when something speaks against one of `changed`, which come to the `stored` members or in the place of

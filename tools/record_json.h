@@ -17,8 +17,8 @@ namespace lspanctl {
 // Every field of `message`; an absent message is null.
 json to_json(const ProtobufCMessage &message);
 
-// The message that `value` describes, in the form of to_json; what is left out is 0 or empty. An interface may be
-// given by name: `interface` finds its number or throws. Throws refused with the path of the field.
+// The message that `value` describes, in the form of to_json; a field that is left out is 0 or empty. An interface may
+// be given by name: `interface` finds its number or throws. Throws refused with the path of the field.
 ko_store::message_ptr from_json(const ProtobufCMessageDescriptor &type, const json &value,
                                 const std::function<uint32_t(const std::string &)> &interface);
 
@@ -38,7 +38,7 @@ const ProtobufCMessage *part_of(const ProtobufCMessage &message, const ProtobufC
 
 bool is_direction(const ProtobufCFieldDescriptor &field);
 
-// Whether `value` is what an empty message has in that field.
+// Whether `value` is the default of that field.
 bool is_default(const ProtobufCFieldDescriptor &field, const json &value);
 
 }  // namespace lspanctl

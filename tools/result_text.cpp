@@ -17,7 +17,7 @@ std::string missing_ports(const member &what, const interfaces &ports) {
   return text;
 }
 
-// Whom a refusal concerns; empty where that cannot be told.
+// The port or ACL that a refusal concerns; empty where it is not known.
 std::string concerned(uint32_t code, const member &what, const interfaces &ports) {
   switch (code) {
     case ENODEV:
@@ -42,7 +42,7 @@ std::string concerned(uint32_t code, const member &what, const interfaces &ports
 }  // namespace
 
 std::string result_text(uint32_t code, const member &what, const interfaces &ports) {
-  // What errno says of files would mislead.
+  // The texts of errno speak of files and would mislead.
   const char *known =
       code == ELOOP ? "copies would come back to their source" : strerrordesc_np(static_cast<int>(code));
   if (known == nullptr) return "code " + std::to_string(code);

@@ -16,7 +16,7 @@ member parse_entry(const json &entry, const owner_choice &whose, const interface
   return what;
 }
 
-// Calls `parse` for each element of the array `name`; what it throws gets the place in front.
+// Calls `parse` for each element of the array `name`; the texts of its errors get the place in front.
 template <class Parse>
 void for_each_entry(const json &root, const std::string &file, const char *name, const Parse &parse) {
   for (size_t i = 0; i < root[name].size(); ++i) {

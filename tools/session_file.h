@@ -1,4 +1,4 @@
-// The configuration as a file: what session export writes and session apply reads.
+// The configuration as a file, as session export writes it and session apply reads it.
 #pragma once
 
 #include <map>
@@ -29,7 +29,7 @@ struct configuration {
 
 configuration load_configuration(context &ctx, store_client &store, const owner_choice &whose);
 
-// What the file `path` says. Throws refused, with the place in the file.
+// The configuration in the file `path`. Throws refused, with the place in the file.
 configuration read_session_file(const std::string &path, const owner_choice &whose, const interfaces &ports);
 
 }  // namespace lspanctl

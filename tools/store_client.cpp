@@ -29,7 +29,7 @@ context_ptr connect(const ko_platform::store_address &address, timeval patience)
 
 struct advice {
   const char *error;  // how the server's text begins
-  const char *step;   // what the operator can do about it
+  const char *step;   // for the operator
 };
 constexpr advice all_advice[] = {
     {"NOAUTH", "give a user and password in the platform file, best in the tool's own (lspanctl --help)"},
@@ -44,7 +44,7 @@ constexpr advice all_advice[] = {
     {"READONLY", "this is a replica; name the server that it follows"},
 };
 
-// The server's text, and what to do.
+// The server's text, and the operator's next step.
 std::string with_advice(const std::string &error) {
   for (const advice &each : all_advice)
     if (error.starts_with(each.error)) return error.substr(0, error.find_last_not_of('.') + 1) + "; " + each.step;

@@ -20,7 +20,7 @@
 
 namespace lspanctl {
 
-// The store cannot be reached, or refuses. what() is one line that says what to do.
+// The store cannot be reached, or refuses. what() is one line that names the next step.
 class store_error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

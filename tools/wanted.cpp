@@ -14,7 +14,7 @@
 namespace lspanctl {
 namespace {
 
-// What the daemon reads, in the order in which it is given to it.
+// The daemon's inputs, in the order in which it reads them.
 const std::array inputs = {session_members, group_memberships, results};
 
 // The daemon's own records among all that it may write.

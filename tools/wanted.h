@@ -1,4 +1,4 @@
-// What the stored configuration asks for, as the daemon's code works it out, and how that compares with the store.
+// The records that follow from the stored configuration by the daemon's own code, compared with the store.
 #pragma once
 
 #include <compare>
@@ -22,7 +22,7 @@ struct record_place {
 
 using record_set = std::map<record_place, std::string>;  // to packed records
 
-// One member, and what came of it.
+// One member and its outcome.
 struct member_outcome {
   member what;
   std::vector<record_place> touched;  // records that the daemon wrote or deleted for it

@@ -12,8 +12,8 @@ using ko_platform::global_context;
 
 namespace {
 
-// A timer that is refused memory would never fire, and what waits for it would wait for ever. The loop keeps the room
-// that it once had for timers, and begins with room for eight: more than the platform's services have.
+// A timer that is refused memory would never fire, and whoever waits for it would wait for ever. The loop keeps the
+// room that it once had for timers, and begins with room for eight: more than the platform's services have.
 bool make_room_for_timers(event_base *base) {
   const ko_platform::event_ptr first(event_new(
       base, -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));

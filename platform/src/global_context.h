@@ -1,4 +1,4 @@
-// What stands behind vx_global: the libevent loop, and what the other services attached to it.
+// The structure behind vx_global: the libevent loop, and the objects that other services attached to it.
 #pragma once
 
 #include <event2/event.h>
@@ -26,7 +26,7 @@ class attachment {
  public:
   virtual ~attachment() = default;
 
-  // Begins nothing new, so that what is under way comes to its end.
+  // Begins nothing new, so that the work under way comes to its end.
   virtual void pause() {}
   virtual bool quiet() const { return true; }  // nothing is under way any more
   virtual void resume() {}                     // after a pause: goes on

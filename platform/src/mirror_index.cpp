@@ -21,7 +21,7 @@ class node_table {
 
   node *bucket(uint64_t hash) const { return buckets_[hash & mask_]; }
 
-  // At least half of the buckets stay empty, so that most searches for what is not there look at no node.
+  // At least half of the buckets stay empty, so that most searches without a result look at no node.
   void insert(node *added) {
     if (2 * ++used_ > mask_) grow();
     push(buckets_, mask_, added);

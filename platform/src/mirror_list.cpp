@@ -24,7 +24,7 @@ struct allocation {
   node index;
 };
 
-// What a search compares.
+// Hash values of the fields that a search compares.
 uint64_t hash_of_session(const node &waiting) {
   return hash_of(waiting.list, {reinterpret_cast<const mirror_info *>(waiting.entry)->session_id});
 }

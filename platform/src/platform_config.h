@@ -1,4 +1,4 @@
-// The platform file: where the store is, which ports exist, where log lines go; and what the forwarding side needs.
+// The platform file: where the store is, which ports exist, where log lines go; settings of the forwarding side.
 //
 //   {
 //     "store":   { "socket": "/run/redis/redis-server.sock", "user": "ko_lspan", "password": "..." },
@@ -24,7 +24,7 @@ namespace ko_platform {
 
 inline constexpr const char *default_config_path = "/etc/ko_platform/platform.json";
 
-inline constexpr size_t longest_socket_path = 107;  // bytes; what is longer, the kernel cannot connect to
+inline constexpr size_t longest_socket_path = 107;  // bytes; the kernel takes no longer one
 
 struct sentinel_address {
   std::string host;
@@ -57,7 +57,7 @@ struct port {
 // Of the forwarding side.
 struct forward_settings {
   uint16_t pref = 20;                                        // preference of its filters in the kernel, not 0
-  std::string saved_flags = "/run/ko_lspan_fwd/saved.json";  // what it changed at ports, so that it can be undone
+  std::string saved_flags = "/run/ko_lspan_fwd/saved.json";  // file of the port flags from before its changes
 };
 
 struct log_settings {
@@ -81,7 +81,7 @@ struct config {
   redundancy_settings redundancy;
 };
 
-// what() is one line: the file, the line and column where the text is malformed, and what is wrong.
+// what() is one line: the file, line and column where the text is malformed, and the mistake.
 class config_error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

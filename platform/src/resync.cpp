@@ -26,7 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 1s;              // with the answers to what was written
+constexpr auto patience = 1s;              // with the answers to writes
 constexpr timeval look_interval{0, 5000};  // meanwhile
 
 // Names the process and the channels of those who asked it for the resync; blanks between them.
@@ -82,7 +82,7 @@ resync::resync(global_context &context) : context_(context), program_(std::files
 
 // ---- asked for ----
 
-// What is against a resync; empty when nothing is.
+// The reason why there can be no resync; empty when there is none.
 std::string resync::obstacle() const {
   try {
     load_config(process_config().path);

@@ -46,7 +46,7 @@ class resync {
   bool due_ = false;
   bool is_anew_ = false;              // start_anew asked for it
   std::vector<std::string> replies_;  // channels of those who asked
-  clock::time_point latest_;          // when what is under way is not waited for any more
+  clock::time_point latest_;          // when writes under way are not waited for any more
   event_ptr signal_;
   event_ptr poll_;
 };

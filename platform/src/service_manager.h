@@ -1,11 +1,11 @@
-// What the service manager is told when it started this process; without one every call does nothing.
+// Reports to the service manager that started this process; without one every call does nothing.
 #pragma once
 
 #include <chrono>
 
 namespace ko_platform {
 
-bool has_service_manager();                 // that wants to be told
+bool has_service_manager();                 // that takes reports
 std::chrono::microseconds watchdog_time();  // it has to hear of us within; 0: it does not watch
 
 void tell_ready() noexcept;      // the event loop runs

@@ -1,5 +1,5 @@
 // A process may be started without standard input, output or error. The next file that it opens, such as the pid file
-// or the store's socket, would then have that number, and get what is written to standard output or error.
+// or the store's socket, would then have that number, and get the text that is meant for standard output or error.
 #pragma once
 
 #include <fcntl.h>

@@ -18,7 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using json = nlohmann::ordered_json;
 
-constexpr std::chrono::microseconds longest_interval = 2s;  // between two looks at what the service manager is told
+constexpr std::chrono::microseconds longest_interval = 2s;  // between two reports to the service manager
 
 }  // namespace
 

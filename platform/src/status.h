@@ -1,4 +1,4 @@
-// What this process says of itself: to who asks with the request "status", and to the service manager.
+// The state of this process, as the request "status" is answered and as the service manager is told.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@ namespace ko_platform {
 // ISO 8601 in local time with its offset; empty for the beginning of time.
 std::string time_text(std::chrono::system_clock::time_point when);
 
-// Lives while the event loop runs. Where a service manager watches, it is told every now and then that the loop turns.
+// Lives while the event loop runs. Where a service manager watches, it gets a sign of life every now and then.
 class status {
  public:
   explicit status(global_context &context);  // borrowed

@@ -65,7 +65,7 @@ void tell_passed_over(const char *app_name) {
 void ko_store::use_engine(engine_factory new_factory) { factory() = std::move(new_factory); }
 
 vx_mom_ab *vx_mom_ab_init(vx_global *global, const char *app_name, const vx_mom_ab_opt *) try {
-  ko_platform::process_config();  // a file that cannot be used is told here, before anything depends on it
+  ko_platform::process_config();  // throws here when the file cannot be used, before anything depends on it
   if (global == nullptr) tell_passed_over(app_name == nullptr ? "this program" : app_name);
   std::unique_ptr<vx_global, decltype(&vx_global_finish)> made_here(
       global == nullptr ? vx_global_init(app_name) : nullptr, vx_global_finish);

@@ -74,7 +74,7 @@ void print_report(context &ctx, const report &found, const json &repaired) {
   ctx.line(text, value);
 }
 
-// What was found is told before it is mended, and counted after it.
+// Findings are shown before they are repaired, and counted after it.
 int check(context &ctx, const check_options &options) {
   report found = compare_all(load_wanted(ctx));
   json repaired;

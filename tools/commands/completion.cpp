@@ -38,7 +38,7 @@ std::vector<std::string> words_of(const std::string &line) {
 struct position {
   std::vector<const command *> path;  // from the root
   const argument *awaited = nullptr;  // the option whose value comes next
-  size_t placed = 0;                  // arguments of the command that were told by their place
+  size_t placed = 0;                  // arguments of the command that are known by their place
 
   const command &asked() const { return *path.back(); }
 };
@@ -81,7 +81,7 @@ void take_word(position &at, const std::string &word) {
   ++at.placed;
 }
 
-// The argument that is told by its place and comes next; null when there is none.
+// The next of the arguments that are known by their place; null when there is none.
 const argument *next_placed(const position &at) {
   size_t place = 0;
   for (const argument &arg : at.asked().arguments) {
@@ -127,7 +127,7 @@ void offer_options(const position &at, offers &out) {
   out.insert("--help");
 }
 
-// What may stand in place of `started`, the last word.
+// The words that may stand in place of `started`, the last word.
 offers offered(context &ctx, const command &root, const std::vector<std::string> &words, const std::string &started) {
   position at{{&root}};
   for (size_t i = 1; i < words.size(); ++i) take_word(at, words[i]);  // the first is the program

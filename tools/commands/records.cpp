@@ -1,4 +1,4 @@
-// lspanctl records: what stands in the databases.
+// lspanctl records: the records of the databases.
 #include "records.h"
 
 #include <ostream>

@@ -1,4 +1,4 @@
-// lspanctl session apply: brings the store to what a file says.
+// lspanctl session apply: makes the configuration in the store that of a file.
 #include <map>
 
 #include "await.h"
@@ -34,7 +34,7 @@ struct step {
   transaction writes;
 };
 
-// What leads from one configuration to another.
+// The changes that lead from one configuration to another.
 class plan {
  public:
   plan(store_client &store, const interfaces &ports, const configuration &stored, const configuration &wanted)
@@ -120,7 +120,7 @@ void print_summary(context &ctx, const plan &all, const configuration &stored, b
                          {"of_other_owners", others}});
 }
 
-// Tells what there is to correct, not the first objection alone.
+// Names every objection, not only the first.
 void refuse_objectionable(context &ctx, const configuration &stored, const configuration &wanted) {
   std::vector<member> all = stored.others;
   all.reserve(all.size() + wanted.members.size());

@@ -95,7 +95,7 @@ const char *kind_name(change_kind kind) {
   return kind == change_kind::set ? "set" : "del";
 }
 
-// Shows what happens, as it happens.
+// Shows calls, log lines and statuses as they come.
 class trace {
  public:
   explicit trace(context &ctx) : ctx_(ctx) {}

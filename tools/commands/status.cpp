@@ -130,7 +130,7 @@ void print_prometheus(std::ostream &out, const std::vector<program_status> &all)
   }
 }
 
-// A store that cannot be used is a state to be told, too.
+// That the store cannot be used is a state to be shown, too.
 std::vector<program_status> ask_all(context &ctx) {
   std::vector<program_status> all;
   try {

@@ -1,4 +1,4 @@
-// lspanctl top: what is copied, as it is copied.
+// lspanctl top: the rates of copies, again and again.
 #include <cmath>
 #include <ostream>
 
@@ -17,7 +17,7 @@ struct top_options {
   std::optional<std::string> interval, count;
 };
 
-// What the forwarding side has counted for each member at one time.
+// The counts of the forwarding side for each member at one time.
 struct sample {
   clock::time_point at;
   std::map<member_key, traffic> of;

@@ -1,4 +1,5 @@
-// lspanctl watch: changes as they happen. It holds a copy of what it watches, which tells what a change changed.
+// lspanctl watch: changes as they happen. It keeps a copy of the records, which shows the fields that a change
+// concerns.
 #include <algorithm>
 #include <iterator>
 #include <map>
@@ -89,7 +90,7 @@ class watcher {
     }
   }
 
-  // Whether what was waited for has been shown.
+  // Whether the awaited change has been shown.
   bool matched() const { return matched_; }
 
   void show(const store_client::announced &announced) {
@@ -115,7 +116,7 @@ class watcher {
     if (announced.kind == change_kind::del && known) copy.erase(held);
   }
 
-  // The daemon also deletes what is not there.
+  // The daemon also deletes records that are not there.
   void print_unknown_delete(const record_kind &kind, std::string_view key) {
     const ko_store::message_ptr message = record_of_key(*kind.hash.type, key);
     if (message == nullptr)

@@ -1,4 +1,4 @@
-// What a registration has done so far.
+// Counts of the work of a registration.
 #pragma once
 
 #include <cstdint>

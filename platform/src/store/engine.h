@@ -1,4 +1,4 @@
-// What the store is made of: an engine keeps records and announces changes; its user, the registration of one process,
+// The parts of the store: an engine keeps records and announces changes; its user, the registration of one process,
 // decides what to read and write. Engines: Redis, and the process's own memory.
 //
 // All calls in both directions happen on the thread of the event loop. An engine never calls its user from inside a
@@ -57,7 +57,7 @@ class engine {
   virtual ~engine() = default;
 
   // Begins to serve `user` (borrowed for the engine's life). `hashes` are numbered from 0 in what follows; changes of
-  // the first `n_inputs` are announced. Called again, it drops what it did before.
+  // the first `n_inputs` are announced. Called again, it forgets everything from before.
   virtual void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) = 0;
 
   // To be called before start: connections carry the name of `program`, and what is published on the channel

@@ -41,7 +41,7 @@ void input_copies::begin_read() {
   }
 }
 
-// What is as it is known to be need not be kept. A record that comes twice is: the later one counts.
+// A record that equals its copy need not be kept, but for one that comes twice: the later one counts.
 void input_copies::add_read(size_t i, std::span<const change> records) {
   source &of = *sources_[i];
   std::vector<change> different;
@@ -75,8 +75,8 @@ bool input_copies::deliver_some(deadline until) {
   return true;
 }
 
-// Finds what has gone. It is delivered before what has come, so that a member that changed its target leaves the old
-// one first.
+// Finds the records that are gone. Deletes are delivered before sets, so that a member that changed its target leaves
+// the old one first.
 bool input_copies::find_deletes(source &of, deadline until) {
   for (; next_bucket_ < of.copy.n_buckets(); ++next_bucket_) {
     if (next_bucket_ % buckets_a_look == 0 && clock::now() >= until) return false;
@@ -127,7 +127,7 @@ void input_copies::apply_published(size_t i, std::string_view message) {
   hand_over(of, VX_MOM_EVENT_PUBLISH, *decoded);
 }
 
-// Returns false when the record has to be read: what was announced cannot be used, and another one is known.
+// Returns false when the record has to be read: the announced one cannot be used, and another one is known.
 bool input_copies::set_record(size_t i, std::string_view key, std::string_view record, bool is_stored) {
   source &of = *sources_[i];
   const ProtobufCMessage *message = arena_.decode(*of.hash.type, record);

@@ -1,5 +1,5 @@
 // The copies of what a process reads, so that a delete event has its contents, and a break of the connection costs
-// nothing but a comparison. What differs from a copy is handed to the source's handlers.
+// nothing but a comparison. Records that differ from their copies are handed to the source's handlers.
 #pragma once
 
 #include <chrono>
@@ -46,7 +46,7 @@ class input_copies {
   std::optional<size_t> find(const hash_id &hash) const;
   void set_handler(size_t i, uint32_t kind, event_handler handler) { sources_[i]->on[kind] = handler; }
 
-  // A read of everything begins, or is given up: what one before has brought is forgotten.
+  // A read of everything begins, or is given up: the records of the one before are forgotten.
   void begin_read();
   void add_read(size_t i, std::span<const change> records);
   // Then, from the beginning and until `until`, the handlers are given what differs from the copies: source by source,
@@ -63,7 +63,7 @@ class input_copies {
   // more, and the handlers decide anew.
   void doubt(size_t i, std::string_view key) { sources_[i]->doubtful.emplace(key); }
 
-  // Logs and counts what cannot be used.
+  // Logs and counts a record or announcement that cannot be used.
   void reject(size_t i, std::string_view key, const char *why);
 
  private:
@@ -76,7 +76,7 @@ class input_copies {
     bool has_records;
     event_handler on[3] = {};  // by VX_MOM_EVENT_...
     record_table copy;         // as the handlers know it; marked with the read that found the record
-    read_buffer read;          // what was read and differs from the copy, or is in doubt
+    read_buffer read;          // records that were read and differ from the copy, or are in doubt
     keys doubtful;             // since the read began
     keys decided_anew;         // in doubt before that
   };
@@ -96,13 +96,13 @@ class input_copies {
   arena arena_;
   uint32_t read_ = 0;  // number of the last one
 
-  // Where delivery is: the source, and what of it is done.
+  // Where delivery is: the source, and its step.
   size_t position_ = 0;
   step step_ = step::begin;
   size_t next_bucket_ = 0;  // of the copy
-  keys deletes_;            // of what has gone
+  keys deletes_;            // of records that are gone
 
-  std::unordered_set<size_t> rejected_;  // hash values of the names of what was rejected
+  std::unordered_set<size_t> rejected_;  // hash values of the names of rejected records
 };
 
 }  // namespace ko_store

@@ -21,8 +21,8 @@ namespace ko_store {
 std::string channel_name(uint32_t db, std::string_view message);
 std::string channel_name(const hash_id &hash);
 
-// Appends what is published on the channel: the kind's character, the length of the key as four bytes, most significant
-// first, key, record.
+// Appends the announcement, which is published on the channel: the kind's character, the length of the key as four
+// bytes, most significant first, key, record.
 void append_announcement(const change &announced, std::string &out);
 size_t announcement_size(const change &announced);  // bytes that it appends
 

@@ -63,7 +63,7 @@ void memory_engine::carry_out(const change &what) {
   }
 }
 
-// A job to fill; what it held before is of no meaning.
+// A job to fill in; its old contents mean nothing.
 memory_engine::job &memory_engine::add(job_kind kind, size_t hash) {
   if (n_jobs_ == jobs_.size()) jobs_.emplace_back();
   job &added = jobs_[n_jobs_++];

@@ -1,5 +1,5 @@
 // The engine that keeps everything in the process: for dry runs, benchmarks and tests. Nothing outlives it, and no
-// other process sees it; those who use it play the other writers through put and read what came out.
+// other process sees it; those who use it play the other writers through put and read the results.
 #pragma once
 
 #include <functional>
@@ -17,7 +17,7 @@ class memory_engine final : public engine {
   // As another writer: stores or deletes a record and announces it; publishes a message.
   void put(const change &what);
 
-  // Delivers what is due, at once; otherwise the event loop does. Returns whether anything was.
+  // Carries out the jobs that are due, at once; otherwise the event loop does. Returns whether anything was.
   bool pump();
 
   // All records of a hash, packed key to packed record.

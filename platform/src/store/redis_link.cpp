@@ -18,7 +18,7 @@ namespace {
 constexpr size_t read_size = size_t{16} << 10;
 constexpr size_t kept_size = size_t{4} << 20;  // a larger buffer is given back when it is empty
 
-constexpr int dead_peer_ms = 30'000;  // what was sent to another machine and not confirmed
+constexpr int dead_peer_ms = 30'000;  // until bytes sent to another machine have to be confirmed
 
 // A connection to another machine that has gone without a word is noticed, too.
 void enable_keepalive(redisContext *connection) {
@@ -141,7 +141,7 @@ redis_link::redis_link(event_base *base, const ko_platform::store_address &addre
 
 redis_link::~redis_link() = default;
 
-// What it holds beside its descriptor stays: this may happen inside a call of its own.
+// Everything but the descriptor and its events stays: this may happen inside a call of the link.
 void redis_link::close() {
   closed_ = true;
   readable_.reset();
@@ -165,7 +165,7 @@ bool redis_link::finish_connect() {
 void redis_link::send(std::string_view bytes) {
   const bool scheduled = !connected_ || unsent() > 0;
   out_.append(bytes);
-  if (!scheduled) event_active(writable_.get(), EV_WRITE, 0);  // in this turn of the loop, after what is due
+  if (!scheduled) event_active(writable_.get(), EV_WRITE, 0);  // in this turn of the loop, after all that is due
 }
 
 void redis_link::on_writable() {

@@ -1,5 +1,5 @@
 // One connection to a Redis server on the event loop: commands go out as bytes, answers come back in order. hiredis
-// opens the connection and parses what comes; a command and its answer cost no allocation.
+// opens the connection and parses the answers; a command and its answer cost no allocation.
 #pragma once
 
 #include <initializer_list>
@@ -17,7 +17,7 @@ struct redisReader;
 
 namespace ko_store {
 
-// What the server answered. Texts are valid during the call that hands it over.
+// An answer of the server. Its texts are valid during the call that hands it over.
 struct redis_answer {
   struct failure {
     size_t element;  // of the array, from 0; 0 when the answer is none
@@ -53,7 +53,7 @@ class redis_link {
   redis_link &operator=(const redis_link &) = delete;
   ~redis_link();
 
-  // Takes what is to be sent, all of it or (with bad_alloc) nothing. It goes out when control is back in the loop.
+  // Takes bytes to be sent, all of them or (with bad_alloc) none. They go out when control is back in the loop.
   void send(std::string_view bytes);
 
   // Ends the connection. The user is not called any more, and nothing may be sent.

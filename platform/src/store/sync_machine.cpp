@@ -101,7 +101,7 @@ sync_machine::action sync_machine::repair_wanted() {
   return action::wait;
 }
 
-// Compares the outputs again, and the inputs too when something is amiss with what is known of them.
+// Compares the outputs again, and the inputs, too, when their copies are in doubt.
 sync_machine::action sync_machine::timer_fired() {
   waiting_ = false;
   if (state_ == state::idle || state_ == state::starting) return action::none;  // everything is read then
