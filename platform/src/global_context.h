@@ -33,6 +33,7 @@ class attachment {
 
   // The program is about to be executed in the place of this process, or (false) could not be.
   virtual void hand_on(bool) {}
+  virtual bool is_ending() const { return false; }  // the process is about to end, and must not start anew
 };
 
 // Whether this process is the active one, and who is, as far as it knows.

@@ -1,5 +1,6 @@
 #include "lease_service.h"
 
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,6 +64,18 @@ std::string handed_on() {
 
 }  // namespace
 
+const sigset_t *block_stop_signals(bool on) {
+  static const sigset_t set = [] {
+    sigset_t made;
+    sigemptyset(&made);
+    sigaddset(&made, SIGTERM);
+    sigaddset(&made, SIGINT);
+    return made;
+  }();
+  sigprocmask(on ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+  return &set;
+}
+
 void call_awake(event_base *base, rdnd_awake_cb awake) {
   const int32_t status = awake(nullptr);
   if (status == 0) return;
@@ -78,11 +91,12 @@ lease_service::lease_service(global_context &context, ko_store::registration &st
       machine_(std::chrono::seconds(settings.redundancy.lease_seconds)),
       holder_(handed_on()),
       link_(context.base.get(), settings.store, store.app_name(),
-            std::chrono::seconds(settings.redundancy.lease_seconds), *this) {
+            std::chrono::seconds(settings.redundancy.lease_seconds), *this),
+      stop_signals_(signalfd(-1, block_stop_signals(true), SFD_NONBLOCK | SFD_CLOEXEC)) {
   event_base *base = context.base.get();
-  const auto on_stop = [](evutil_socket_t, short, void *self) { static_cast<lease_service *>(self)->stop(); };
-  terminate_.reset(evsignal_new(base, SIGTERM, on_stop, this));
-  interrupt_.reset(evsignal_new(base, SIGINT, on_stop, this));
+  stop_.reset(event_new(
+      base, stop_signals_, EV_READ | EV_PERSIST,
+      [](evutil_socket_t, short, void *self) { static_cast<lease_service *>(self)->on_stop_signal(); }, this));
   timer_.reset(event_new(
       base, -1, 0,
       [](evutil_socket_t, short, void *self) {
@@ -93,10 +107,16 @@ lease_service::lease_service(global_context &context, ko_store::registration &st
   quiet_.reset(event_new(
       base, -1, EV_PERSIST,
       [](evutil_socket_t, short, void *self) { static_cast<lease_service *>(self)->look_quiet(); }, this));
-  if (timer_ == nullptr || quiet_ == nullptr || terminate_ == nullptr || interrupt_ == nullptr ||
-      event_add(terminate_.get(), nullptr) != 0 || event_add(interrupt_.get(), nullptr) != 0)
+  if (timer_ == nullptr || quiet_ == nullptr || stop_ == nullptr || event_add(stop_.get(), nullptr) != 0) {
+    close(stop_signals_);
     throw std::bad_alloc();
+  }
   tell_role({});
+}
+
+lease_service::~lease_service() {
+  stop_.reset();
+  close(stop_signals_);
 }
 
 // ---- the machine ----
@@ -189,8 +209,10 @@ void lease_service::hand_on(bool is_executed) {
     unsetenv(holder_variable);
 }
 
-void lease_service::stop() {
-  if (latest_stop_ != moment(0)) return;
+void lease_service::on_stop_signal() {
+  signalfd_siginfo which{};
+  const bool is_read = read(stop_signals_, &which, sizeof(which)) == static_cast<ssize_t>(sizeof(which));
+  if (!is_read || is_ending()) return;
   latest_stop_ = boot_time() + patience;
   store_.pause();
   event_add(quiet_.get(), &look_interval);

@@ -47,6 +47,7 @@ int32_t rdnd_lib_mom_reg(const rdnd_mom_reg_info *info) try {
     context.redundancy = std::make_unique<ko_platform::lease_service>(context, *store, *info, settings);
     return 0;
   }
+  ko_platform::block_stop_signals(false);  // where this process had a lease before it executed itself
   auto wake = std::make_unique<wake_up>(context.base.get(), info->awake);
   if (!wake->schedule()) return -2;
   context.redundancy = std::move(wake);

@@ -130,6 +130,10 @@ bool resync::carry_out() {
   if (!due_) return false;
   due_ = false;
   event_del(poll_.get());
+  if (context_.redundancy != nullptr && context_.redundancy->is_ending()) {
+    give_up("the process is told to stop");
+    return !is_anew_ && !context_.redundancy->quiet();
+  }
   tell_reloading();
   block_hangup(true);
   if (context_.redundancy != nullptr) context_.redundancy->hand_on(true);
