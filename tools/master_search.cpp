@@ -30,9 +30,9 @@ timeval left_until(clock::time_point end) {
   return {some / 1'000'000, some % 1'000'000};
 }
 
-silence no_connection(const redisContext &link) {
+std::string no_connection(const redisContext &link) {
   const bool late = link.err == REDIS_ERR_IO && (errno == EAGAIN || errno == ETIMEDOUT || errno == EINPROGRESS);
-  return silence(late ? "no answer" : link.errstr);
+  return late ? "no answer" : link.errstr;
 }
 
 reply_ptr call(redisContext &link, const words &command, clock::time_point end) {
@@ -45,7 +45,7 @@ reply_ptr call(redisContext &link, const words &command, clock::time_point end) 
   redisSetTimeout(&link, left_until(end));
   reply_ptr reply(static_cast<redisReply *>(
       redisCommandArgv(&link, static_cast<int>(command.size()), texts.data(), lengths.data())));
-  if (reply == nullptr) throw no_connection(link);
+  if (reply == nullptr) throw silence(no_connection(link));
   if (reply->type == REDIS_REPLY_ERROR) throw silence(std::string(reply->str, reply->len));
   return reply;
 }
@@ -53,7 +53,7 @@ reply_ptr call(redisContext &link, const words &command, clock::time_point end) 
 void ask(const ko_platform::sentinel_address &which, store_address &settings, clock::time_point end) {
   const context_ptr link(redisConnectWithTimeout(which.host.c_str(), which.port, left_until(end)));
   if (link == nullptr) throw std::bad_alloc();
-  if (link->err != 0) throw no_connection(*link);
+  if (link->err != 0) throw silence(no_connection(*link));
   const std::string &user = settings.sentinel_user, &password = settings.sentinel_password;
   if (!password.empty()) call(*link, user.empty() ? words{"AUTH", password} : words{"AUTH", user, password}, end);
   const reply_ptr reply = call(*link, {"SENTINEL", "get-master-addr-by-name", settings.master}, end);

@@ -67,7 +67,7 @@ class engine {
   virtual void publish(std::string_view, std::string_view) {}
 
   // To be called before start, for a process that is one of several.
-  virtual void put_behind(fence) {}
+  virtual void put_behind(const fence &) {}
 
   // Reads a whole hash; the answers are calls of page, or one of unreadable. It takes the place of a scan of the same
   // hash that is under way. Only while up.

@@ -40,8 +40,10 @@ class pending_writes {
   };
   // A read of the store makes thousands of them among records that stay: their memory is given back as a whole.
   struct held {
+    held() : writes(&memory) {}
+
     pool memory;
-    std::pmr::unordered_set<owned_change, hash, same> writes{&memory};
+    std::pmr::unordered_set<owned_change, hash, same> writes;
   };
 
   std::optional<held> held_;

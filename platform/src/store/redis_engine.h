@@ -30,7 +30,7 @@ class redis_engine final : public engine, private redis_link_user {
 
   void serve(const std::string &program) override;
   void publish(std::string_view channel, std::string_view text) override;
-  void put_behind(fence what) override { fence_ = std::move(what); }
+  void put_behind(const fence &what) override { fence_ = what; }
   void start(engine_user &user, std::vector<hash_id> hashes, size_t n_inputs) override;
   void scan(size_t hash) override;
   void fetch(size_t input, std::string_view key) override;

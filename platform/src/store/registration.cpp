@@ -76,9 +76,9 @@ void registration::listen() {
   engine_->start(*this, {}, 0);
 }
 
-void registration::put_behind(fence what, std::function<void()> fenced_off) {
+void registration::put_behind(const fence &what, std::function<void()> fenced_off) {
   fenced_off_ = std::move(fenced_off);
-  engine_->put_behind(std::move(what));
+  engine_->put_behind(what);
 }
 
 int32_t registration::set_option(uint32_t declaration, uint32_t option, uint32_t value) {

@@ -38,7 +38,7 @@ class registration final : public vx_mom_ab, public ko_platform::attachment, pri
   // Listens to requests before anything is declared.
   void listen();
   // Before the declaration, for a process that is one of several; `fenced_off` is called once it may write no more.
-  void put_behind(fence what, std::function<void()> fenced_off);
+  void put_behind(const fence &what, std::function<void()> fenced_off);
 
   void pause() override;  // what is announced then is read after it
   bool quiet() const override { return !up_ || engine_->quiet(); }
