@@ -2,7 +2,9 @@
 #pragma once
 
 #include <event2/event.h>
+#include <sys/time.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,6 +22,11 @@ struct event_deleter {
 };
 using event_base_ptr = std::unique_ptr<event_base, event_base_deleter>;
 using event_ptr = std::unique_ptr<event, event_deleter>;
+
+// As libevent takes it; its members have 32 bits on some machines.
+constexpr timeval to_timeval(std::chrono::microseconds span) {
+  return {static_cast<time_t>(span.count() / 1'000'000), static_cast<suseconds_t>(span.count() % 1'000'000)};
+}
 
 // Something that lives until the context is finished; it may use the loop while it is destroyed.
 class attachment {

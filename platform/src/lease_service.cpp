@@ -169,7 +169,7 @@ void lease_service::set_timer() {
   const moment due = machine_.due();
   if (due == moment::max()) return void(event_del(timer_.get()));
   const moment left = std::max(due - boot_time(), moment(0));
-  const timeval wait{left / 1s, left % 1s / 1us};
+  const timeval wait = ko_platform::to_timeval(left);
   event_add(timer_.get(), &wait);
 }
 

@@ -40,7 +40,7 @@ status::status(global_context &context) : context_(context) {
   timer_.reset(event_new(
       context.base.get(), -1, EV_PERSIST,
       [](evutil_socket_t, short, void *self) { static_cast<status *>(self)->tell(); }, this));
-  const timeval every{static_cast<time_t>(interval / 1s), static_cast<suseconds_t>(interval % 1s / 1us)};
+  const timeval every = to_timeval(interval);
   if (timer_ == nullptr || event_add(timer_.get(), &every) != 0) throw std::bad_alloc();
 }
 

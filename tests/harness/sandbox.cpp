@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "global_context.h"
 #include "namespaces.h"
 #include "p_policy.pb-c.h"
 #include "store/layout.h"
@@ -253,7 +254,7 @@ client::client(const std::string &socket) : context_(redisConnectUnix(socket.c_s
 client::~client() { redisFree(context_); }
 
 std::string client::next(std::chrono::milliseconds within) {
-  const timeval most{static_cast<time_t>(within / 1s), static_cast<suseconds_t>(within % 1s / 1us)};
+  const timeval most = ko_platform::to_timeval(within);
   redisSetTimeout(context_, most);
   void *reply = nullptr;
   if (redisGetReply(context_, &reply) != REDIS_OK) return {};
