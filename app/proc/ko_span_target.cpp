@@ -1,7 +1,6 @@
-// The table of mirror targets: ordered sets of records, one per entry, and their places in them by the entry's address.
+// The table of mirror targets: an ordered set of records, one per entry, and their places in it by the entry's address.
 #include "proc/ko_span_target.h"
 
-#include <iterator>
 #include <new>
 #include <set>
 #include <tuple>
@@ -31,11 +30,9 @@ struct comes_before {
 
 using target_set = std::multiset<target_record, comes_before>;  // those of another list may be equal
 
-target_set by_target[1024];  // by the hash of the target: a search in one large set would wait for memory at each step
+target_set by_target;
 std::unordered_map<const mtp_info *, target_set::const_iterator> by_entry;
 uint64_t last_place;  // the highest place in use
-
-target_set &set_of(span_target target) { return by_target[outgrb_key_hash(target.number) % std::size(by_target)]; }
 
 const target_record *find_record(const mtp_info *entry) {
   const auto found = by_entry.find(entry);
@@ -75,9 +72,8 @@ void remove_left_over() {
   const bool is_empty = sessions->next == nullptr || sessions->next == sessions;
   const mirror_link *targets = is_empty ? nullptr : &ko_list_entry<mirror_info>(sessions->next)->mtp_list;
   const target_record *only = is_empty ? nullptr : find_record(ko_list_entry<mtp_info>(targets->next));
-  for (auto at = by_entry.begin(); at != by_entry.end();)
-    if (const target_record &record = *at++->second; record.place != 0 && &record != only)
-      ko_span_target_remove(record.entry);
+  for (auto at = by_target.begin(); at != by_target.end();)
+    if (const target_record &record = *at++; record.place != 0 && &record != only) ko_span_target_remove(record.entry);
 }
 
 }  // namespace
@@ -87,8 +83,8 @@ int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *entry, span_target t
   remove_left_over();
   const uint64_t place = place_of(mtp_list);
   try {
-    const auto found = by_entry.emplace(entry, target_set::const_iterator()).first;
-    found->second = set_of(target).insert({entry, target, place, nullptr});
+    const auto found = by_entry.emplace(entry, by_target.end()).first;
+    found->second = by_target.insert({entry, target, place, nullptr});
     return 0;
   } catch (const std::bad_alloc &) {
     by_entry.erase(entry);
@@ -99,24 +95,23 @@ int32_t ko_span_target_add(mirror_link *mtp_list, mtp_info *entry, span_target t
 void ko_span_target_set(const mtp_info *entry, span_target target) {
   const auto found = by_entry.find(entry);
   if (found == by_entry.end() || found->second->target == target) return;
-  auto node = set_of(found->second->target).extract(found->second);
+  auto node = by_target.extract(found->second);
   node.value().target = target;
-  found->second = set_of(target).insert(std::move(node));
+  found->second = by_target.insert(std::move(node));
 }
 
 void ko_span_target_remove(const mtp_info *entry) {
   const auto found = by_entry.find(entry);
   if (found == by_entry.end()) return;
   while (found->second->groups != nullptr) ko_span_target_name(found->second->groups, nullptr);
-  set_of(found->second->target).erase(found->second);
+  by_target.erase(found->second);
   by_entry.erase(found);
 }
 
 mtp_info *ko_span_target_find(span_target target) {
   remove_left_over();
-  const target_set &in = set_of(target);
-  const auto found = in.lower_bound({nullptr, target, 1, nullptr});
-  return found != in.end() && found->target == target ? found->entry : nullptr;
+  const auto found = by_target.lower_bound({nullptr, target, 1, nullptr});
+  return found != by_target.end() && found->target == target ? found->entry : nullptr;
 }
 
 void ko_span_target_name(outgrb_group_info *group, mtp_info *entry) {
