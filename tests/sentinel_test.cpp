@@ -54,7 +54,7 @@ class sentinels : public ::testing::Test {
       const std::string file = box.folder() + "/sentinel" + std::to_string(i);
       write_file(file, "port " + ports_[count + i] + "\nbind 127.0.0.1\nunixsocket " + file + ".sock\ndir " +
                            box.folder() + "\nsentinel monitor switch 127.0.0.1 " + ports_[0] +
-                           " 2\nsentinel down-after-milliseconds switch 500\nsentinel failover-timeout switch 3000\n" +
+                           " 2\nsentinel down-after-milliseconds switch 1000\nsentinel failover-timeout switch 3000\n" +
                            "user watcher on >w -@all +sentinel|get-master-addr-by-name resetchannels (+subscribe "
                            "&+switch-master)\n");
       watchers_[i].start({"redis-server", file, "--sentinel"}, file + ".log");

@@ -1,6 +1,8 @@
 // The global context: a libevent loop.
 #include <unistd.h>
 
+#include <array>
+
 #include "global_context.h"
 #include "platform_log.h"
 #include "resync.h"
@@ -13,12 +15,16 @@ using ko_platform::global_context;
 namespace {
 
 // A timer that is refused memory would never fire, and whoever waits for it would wait for ever. The loop keeps the
-// room that it once had for timers, and begins with room for eight: more than the platform's services have.
+// room that it once had for timers: it is given as much as all services together can need, with sentinels and a lease.
 bool make_room_for_timers(event_base *base) {
-  const ko_platform::event_ptr first(event_new(
-      base, -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
   const timeval later{1, 0};
-  return first != nullptr && event_add(first.get(), &later) == 0;
+  std::array<ko_platform::event_ptr, 16> timers;
+  for (ko_platform::event_ptr &timer : timers) {
+    timer.reset(event_new(
+        base, -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
+    if (timer == nullptr || event_add(timer.get(), &later) != 0) return false;
+  }
+  return true;
 }
 
 }  // namespace
