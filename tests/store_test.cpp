@@ -390,23 +390,6 @@ TEST_F(served, leaves_the_loop_to_others) {
   EXPECT_LT(seen.longest, seen.total / 5);
 }
 
-// The connection breaks amid the delivery of deletes, and what was deleted is there again.
-TEST_F(served, keeps_what_is_back) {
-  constexpr uint32_t count = 5000;
-  producer others(box.socket());
-  for (uint32_t i = 0; i < count; ++i) others.set(session({.session = i, .s_ifx = i, .d_ifx = 1, .mtp_switch = 1}));
-  others.flush();
-  const auto settled = [&] {
-    return here.tested().settled() && run(box, {"SELECT 8", "HLEN u_monitor.span_dst_info"}) == std::to_string(count);
-  };
-  ASSERT_EQ(here.start(), 0);
-  serve_until(settled);
-  run(box, {"SELECT 4", "RENAME u_monitor.mirror_lspan_info aside", "CLIENT KILL TYPE pubsub"});
-  serve_until([&] { return here.tested().state_name() == std::string("delivering"); });
-  run(box, {"SELECT 4", "RENAME aside u_monitor.mirror_lspan_info", "CLIENT KILL TYPE pubsub"});
-  serve_until([&] { return here.tested().counts().reads == 3 && settled(); });
-}
-
 TEST_F(served, takes_what_one_call_takes) {
   add_members(box, 0, 10);
   most_bytes = 1;
